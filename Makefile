@@ -1,0 +1,39 @@
+# Set-up and test entry points; see README.md.
+BUILD      ?= build
+ASAN_BUILD ?= build-asan
+JOBS       ?= $(shell nproc)
+# Time-outs in the end-to-end tests mostly wait, so run more tests than cores.
+TEST_JOBS  ?= $(shell echo $$(( $$(nproc) * 3 )))
+
+.PHONY: all deps build build-asan test test-asan check demo clean format
+
+all: build
+
+deps:
+	@scripts/install-deps.sh
+
+build: deps
+	cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
+	cmake --build $(BUILD) -j $(JOBS)
+
+build-asan: deps
+	cmake -S . -B $(ASAN_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Debug -DSYLV_SANITIZE=ON
+	cmake --build $(ASAN_BUILD) -j $(JOBS)
+
+test: build
+	ctest --test-dir $(BUILD) --output-on-failure -j $(TEST_JOBS)
+
+test-asan: build-asan
+	ctest --test-dir $(ASAN_BUILD) --output-on-failure -j $(TEST_JOBS)
+
+# Every test, in a normal build and in an ASan + UBSan build.
+check: test test-asan
+
+demo: build
+	@echo "make demo: the Transfer Agent simulator does not exist yet; nothing to run."
+
+format:
+	clang-format -i $$(git ls-files '*.cpp' '*.h')
+
+clean:
+	rm -rf $(BUILD) $(ASAN_BUILD)

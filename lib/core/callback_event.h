@@ -1,0 +1,78 @@
+// CallbackEvent: the event dispatcher and the library's timers.
+//
+// A dispatcher holds, per event identifier, a list of subscriber callbacks.
+// `notify` never calls a subscriber: it schedules one delivery per subscriber
+// on the event base, and each runs later from the loop (priority 5).
+// `schedule_cleanup` schedules at priority 6, so a clean-up scheduled in the
+// same pass runs after that pass's deliveries. Data passed through the
+// dispatcher is neither copied nor owned by it.
+#pragma once
+
+#include <event2/event.h>
+
+#include <cstdint>
+
+#include "core/linked_list.h"
+#include "core/mutex.h"
+
+// Identifiers raised in this program (the library reserves 0..53).
+enum DispatcherEvent : uint32_t {
+    NET_EVENT_CONNECT_RESULT = 1,
+    NET_EVENT_CONNECTED = 2,
+    NET_EVENT_RECONNECTING = 3,
+    NET_EVENT_CONNECTION_FAILED = 4,
+    NET_EVENT_CLOSED = 5,
+    IPC_EVENT_DISCONNECTED = 46,
+    IPC_EVENT_PLEASE_DISCONNECT = 47,
+};
+
+// Number of identifiers the tool's dispatcher is created with.
+constexpr uint32_t DISPATCHER_EVENT_COUNT = 54;
+
+using SubscriberCallback = void (*)(uint32_t event_id, void* data);
+
+struct EventDispatcher {
+    struct event_base* event_base;  // not owned; must outlive deliveries
+    uint32_t event_count;
+    List** subscribers;  // owned, one list per identifier
+    Lock* lock;          // owned, guards the lists
+};
+
+// One scheduled delivery; owned by it and freed right after `function` runs.
+struct CallbackInfo {
+    SubscriberCallback function;
+    int32_t event_id;
+    void* data;
+};
+
+struct CallbackEventModule {
+    // New dispatcher over `base` with identifiers 0..event_count-1, or null
+    // (null base or allocation failure, logged at fatal level).
+    EventDispatcher* (*create)(struct event_base* base, uint32_t event_count);
+    // New event base with 10 priorities, or null.
+    struct event_base* (*new_event_base)();
+    // Runs function(0, data) on the next loop pass, after that pass's
+    // ordinary deliveries.
+    void (*schedule_cleanup)(EventDispatcher* dispatcher, SubscriberCallback function, void* data);
+    // Appends `callback` to the identifier's list. Returns the entry (the
+    // handle for `unsubscribe`), or null.
+    ListEntry* (*subscribe)(EventDispatcher* dispatcher, uint32_t event_id,
+                            SubscriberCallback callback);
+    // Unlinks the handle's entry (not freed, no lock taken); null is ignored.
+    void (*unsubscribe)(EventDispatcher* dispatcher, uint32_t event_id, ListEntry* handle);
+    // Schedules one delivery of (event_id, data) per current subscriber.
+    void (*notify)(EventDispatcher* dispatcher, uint32_t event_id, void* data);
+    // One-shot call of `function(-1, 0, argument)` after `seconds` (0 = next
+    // loop pass). Returns the event (left allocated after it fires), or null.
+    struct event* (*register_callback)(struct event_base* base, event_callback_fn function,
+                                       void* argument, int64_t seconds);
+    // Timer firing once, or every interval when `persistent`. Returns the
+    // event, which the caller frees with event_free; null on a null base or
+    // callback.
+    struct event* (*set_timer)(struct event_base* base, event_callback_fn callback, void* argument,
+                               int64_t seconds, int64_t microseconds, bool persistent);
+    // Frees the dispatcher; deliveries already scheduled still run.
+    void (*destroy)(EventDispatcher* dispatcher);
+};
+
+extern const CallbackEventModule CallbackEvent;

@@ -1,0 +1,45 @@
+// Logger: the process-wide diagnostic log.
+//
+// A line is written only after a successful `init`, and only for calls whose
+// level is at or above the threshold. Uninitialised (the tool's normal state),
+// a call costs one pointer test: no formatting, no clock read. Each `init`
+// opens a new file "<folder><Mon_dd_HH_MM_SS>_<name>.log" in append mode.
+// Lines read "Nov_15_13_24_05.042 [error] message". Nothing here throws, and
+// a log call never reports a failure to its caller.
+#pragma once
+
+#include <cstdarg>
+#include <cstdint>
+
+#include "core/module.h"
+
+enum LogLevel : uint8_t {
+    LOG_TRACE = 0,
+    LOG_DEBUG = 1,
+    LOG_INFO = 2,
+    LOG_WARN = 3,
+    LOG_ERROR = 4,
+    LOG_FATAL = 5,
+};
+
+struct LoggerModule {
+    // Starts logging into `folder` (which must end with "/"; created with mode
+    // 0775 when missing) with the given threshold. 0 on success or when
+    // already initialised (the first file is kept); -1 missing argument,
+    // allocation failure or a folder not ending with "/" (the logger is then
+    // left initialised with no file, and writes nothing); -2 path buffer
+    // allocation failed; -3 path longer than 4096 or no time stamp; -4 the
+    // file could not be opened. On -2..-4 the logger stays uninitialised.
+    int32_t (*init)(const char* folder, const char* name, uint8_t level);
+    void (*trace)(const char* format, ...) SYLV_PRINTF(1, 2);
+    void (*debug)(const char* format, ...) SYLV_PRINTF(1, 2);
+    void (*info)(const char* format, ...) SYLV_PRINTF(1, 2);
+    void (*warn)(const char* format, ...) SYLV_PRINTF(1, 2);
+    void (*error)(const char* format, ...) SYLV_PRINTF(1, 2);
+    EmptySlot unused;
+    void (*fatal)(const char* format, ...) SYLV_PRINTF(1, 2);
+    // Closes the file and frees the logger; nothing when uninitialised.
+    void (*close)();
+};
+
+extern const LoggerModule Logger;

@@ -1,0 +1,46 @@
+// IpcClient: the client end of the JSON protocol spoken with the Transfer
+// Agent over a WebSocket text channel.
+//
+// After the handshake it sends {"command": "connection", "id": 17} and at
+// once the first queued request {"command", "id", "data"}; exactly one
+// request is outstanding. Any message received while a command is pending
+// consumes it (a malformed or mismatched one too). Events (no id, or a
+// negative one) go to the subscription whose event_name matches and never
+// advance the queue. "please_disconnect" raises IPC_EVENT_PLEASE_DISCONNECT,
+// then IPC_EVENT_DISCONNECTED, and closes. With no command and no
+// subscription left the client deletes the time-out, raises
+// IPC_EVENT_DISCONNECTED and closes.
+#pragma once
+
+#include <event2/event.h>
+
+#include <cstdint>
+
+#include "core/callback_event.h"
+#include "ipc/ipc_config.h"
+#include "network/network.h"
+
+constexpr int32_t IPC_ANNOUNCEMENT_ID = 17;
+constexpr int32_t IPC_ID_RANGE = 15000;
+constexpr size_t IPC_REQUEST_CHECK_SIZE = 1000;
+
+struct IpcClientModule {
+    // Sets the config's WebSocket callbacks and creates the connection with
+    // the handshake as first state. Does not connect. Null on failure.
+    networkConnection* (*instantiate_ipc_client)(IpcClientConfig* config, struct event_base* base,
+                                                 EventDispatcher* dispatcher);
+    // Framing is up: announce, then send the head command.
+    void (*connection_established_callback)(networkConnection* connection);
+    // One complete message (not NUL-terminated); the binary flag is ignored.
+    void (*receive_message_callback)(networkConnection* connection, const uint8_t* bytes,
+                                     uint64_t length, int is_binary);
+    // Raises IPC_EVENT_DISCONNECTED.
+    void (*disconnected_callback)(networkConnection* connection);
+    // Sends the head command's request. 0, or -1 (empty queue, no builder,
+    // request over 1000 bytes).
+    int (*execute_command)(networkConnection* connection, IpcClientConfig* config);
+    // Raises IPC_EVENT_DISCONNECTED, then closes the WebSocket connection.
+    void (*ipc_client_disconnect)(networkConnection* connection);
+};
+
+extern const IpcClientModule IpcClient;

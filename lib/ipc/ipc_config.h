@@ -1,0 +1,73 @@
+// IpcConfig: one conversation with the Transfer Agent, declared before it
+// starts: where to connect, how to retry, the ordered command queue, the
+// subscriptions to hold and a single time-out. The front end fills it; the
+// IPC client consumes it.
+#pragma once
+
+#include <event2/event.h>
+
+#include <cstdint>
+
+#include "core/linked_list.h"
+#include "ipc/json_value.h"
+#include "network/network.h"
+
+// Builds a request's "data" from user_data; null means no "data" key.
+using ExecutionCallback = JsonValue* (*)(void* user_data);
+// Handles a response's or an event's "data" (may be null). Returns a
+// malloc'd text to print, or null.
+using ResponseCallback = char* (*)(JsonValue* data);
+
+constexpr int IPC_COMMAND_NAME_LIMIT = 255;  // names must be shorter
+constexpr int IPC_SUBSCRIPTION_FIELD_SIZE = 255;
+
+struct IpcCommand {
+    char name[IPC_COMMAND_NAME_LIMIT + 1];  // at most 254 characters
+    int32_t id;                             // set when sent
+    ExecutionCallback execution_callback;
+    void* user_data;
+    ResponseCallback response_callback;
+};
+
+struct SubscriptionRequest {
+    char subscription_name[IPC_SUBSCRIPTION_FIELD_SIZE];
+    char event_name[IPC_SUBSCRIPTION_FIELD_SIZE];
+    ResponseCallback callback;
+};
+
+// The IPC config: a networkConnectionConfig, so the lower layers take it as
+// the connection's settings, plus the conversation.
+struct IpcClientConfig : networkConnectionConfig {
+    List* commands;       // IpcCommand*, owned, in execution order
+    List* subscriptions;  // SubscriptionRequest*, owned once added
+    struct event* timeout_event;
+};
+
+struct IpcConfigModule {
+    // New config (ip is kept, not copied), or null.
+    IpcClientConfig* (*create_client_ipc_config)(const char* ip, uint16_t port,
+                                           int32_t reconnection_policy, int32_t retry_delay);
+    // Frees commands, subscriptions (with free()) and the config; null ignored.
+    void (*free_ipc_config)(IpcClientConfig* config);
+    // Appends a command; names of 255 characters or more are refused (logged).
+    void (*add_command)(IpcClientConfig* config, const char* name, ExecutionCallback execution_callback,
+                        void* user_data, ResponseCallback response_callback);
+    // First command with that name, or null.
+    IpcCommand* (*lookup_command)(IpcClientConfig* config, const char* name);
+    // Takes each record not already held, then queues one "subscription"
+    // command after those already queued.
+    void (*add_subscriptions)(IpcClientConfig* config, List* subscriptions);
+    // Arms the one-shot time-out (at most one per config, ever). 0 or -1.
+    int (*set_timeout)(IpcClientConfig* config, struct event_base* base, event_callback_fn callback,
+                       void* argument, int64_t seconds);
+    // First held record equal in subscription_name and event_name, or null.
+    SubscriptionRequest* (*lookup_subscription)(IpcClientConfig* config,
+                                                const SubscriptionRequest* subscription);
+    // Builder of the "subscription" request: {"subscriptions": [names...]}.
+    // `subscriptions` is a List* of SubscriptionRequest*. Null on a null list.
+    JsonValue* (*request_subscription)(void* subscriptions);
+    // Response callback of "subscription": ignores the answer, returns null.
+    char* (*subscription_response)(JsonValue* data);
+};
+
+extern const IpcConfigModule IpcConfig;

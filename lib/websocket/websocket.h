@@ -1,0 +1,84 @@
+// WebSocket: frames on top of a network connection (RFC 6455 layout). The
+// tool is always the client: the frames it sends are masked, those it
+// receives need not be.
+//
+// read_frame takes bytes through a `read` function (normally
+// Network.receive_data) into the connection's receive queue, so the frame
+// code never touches a socket itself. Complete text or binary messages go to
+// `on_message`; no close frame is ever sent back.
+#pragma once
+
+#include <cstdint>
+
+#include "core/dynamic_buffer.h"
+#include "ipc/json_value.h"
+#include "network/network.h"
+
+enum WebSocketOpcode : uint8_t {
+    WS_OPCODE_CONTINUATION = 0,
+    WS_OPCODE_TEXT = 1,
+    WS_OPCODE_BINARY = 2,
+    WS_OPCODE_CLOSE = 8,
+    WS_OPCODE_PING = 9,
+    WS_OPCODE_PONG = 10,
+};
+
+enum WebSocketDataType : int {
+    WS_DATA_TEXT = 0,
+    WS_DATA_BINARY = 1,
+    WS_DATA_PONG = 2,
+};
+
+constexpr uint64_t WS_MAX_HEADER_SIZE = 14;
+constexpr uint64_t WS_MAX_PAYLOAD_READ = 4096;
+constexpr uint64_t WS_SEND_BUFFER_SIZE = 15000;
+constexpr uint64_t WS_EXPECTED_ACCEPT_SIZE = 1024;
+
+// Per-connection WebSocket state, kept in the connection's user_data.
+struct websocketPeerDescriptor {
+    uint64_t expected_size;  // header bytes wanted: 2 after a reset, 2..14
+    bool header_complete;
+    uint8_t header[WS_MAX_HEADER_SIZE];
+    uint64_t payload_length;
+    RingBuffer* message_queue;  // fragments of the message being reassembled
+    uint8_t message_opcode;     // opcode of that message, 0 when none
+    void* opaque;               // unused by the framing
+    bool disconnect_requested;  // drop the connection after the current frame
+    char expected_accept[WS_EXPECTED_ACCEPT_SIZE + 1];  // set by the handshake
+};
+
+// Network.receive_data or a stand-in that appends to the receive queue.
+using WebSocketReadFunction = int64_t (*)(networkConnection* connection, int64_t max_size);
+
+struct WebSocketModule {
+    // Base64(SHA-1(nonce + RFC 6455 GUID)), malloc'd (caller frees), length
+    // through out_length; null for a null or over-long (987+) nonce.
+    char* (*compute_websocket_accept)(const char* nonce, uint64_t* out_length);
+    // Value of "key:" in header[0..length), split in place (the header text is
+    // modified). A pointer into header, or null when absent, when the key has
+    // 512 characters or more, or when the value starts beyond length.
+    char* (*find_value_from_http_header)(char* header, uint64_t length, const char* key);
+    // Reads and handles at most one frame. 0 when handled or when more bytes
+    // are needed; -1 when the connection must be dropped.
+    int (*read_frame)(networkConnection* connection, websocketPeerDescriptor* descriptor,
+                      bool require_mask, WebSocketReadFunction read,
+                      DisconnectCallback on_disconnect, MessageCallback on_message);
+    // Back to reading a 2-byte header.
+    void (*reset_frame_state)(websocketPeerDescriptor* descriptor);
+    // Zero-filled descriptor with its message queue, or null.
+    websocketPeerDescriptor* (*create_peer_descriptor)();
+    // Frees the queue and the record; null is ignored.
+    void (*destroy_peer_descriptor)(websocketPeerDescriptor* descriptor);
+    // Serialises `value` and queues it as one frame. Always frees `value`.
+    // 0 sent (or nothing to send); -1 missing argument; -2 serialisation
+    // failed (over 15000 bytes); -3 unknown type; -4 frame allocation.
+    int (*send_data)(networkConnection* connection, JsonValue* value, int data_type, bool masked);
+};
+
+extern const WebSocketModule WebSocket;
+
+// Builds one frame: header (key placed from the low 8 bits of the length, as
+// the wire format of this program requires) and payload, masked when asked.
+// Returns a malloc'd frame and its size through frame_length, or null.
+uint8_t* websocket_build_frame(const uint8_t* payload, uint64_t length, uint8_t opcode, bool fin,
+                               bool masked, uint64_t* frame_length);

@@ -1,0 +1,32 @@
+// WebSocketClient: the client side of the opening handshake, as the first
+// protocol state of a connection, and the client's own operations.
+//
+// The handshake's setup sends "GET / HTTP/1.1" with Upgrade, Connection and
+// Sec-WebSocket-Key and nothing else; its read callback wants the whole
+// answer in the first read, checks "Sec-WebSocket-Accept" and switches the
+// connection to the framing state, whose setup calls the config's
+// on_connected. Every failure ends in close_websocket_connection.
+#pragma once
+
+#include "ipc/json_value.h"
+#include "network/network.h"
+#include "websocket/websocket.h"
+
+struct WebSocketClientModule {
+    // New handshake state (setup sends the request, read checks the answer),
+    // or null.
+    ProtocolState* (*create_websocket_client_handshake_state)();
+    // New framing state (read runs read_frame, setup resets it and calls
+    // on_connected), or null.
+    ProtocolState* (*create_framing_state)();
+    // Stores the three callbacks in the config.
+    void (*set_callbacks)(networkConnectionConfig* config, ConnectedCallback on_connected,
+                          MessageCallback on_message, DisconnectCallback on_disconnect);
+    // Sends `value` as one masked text frame; frees it. Results of send_data.
+    int (*send)(networkConnection* connection, JsonValue* value);
+    // Frees the connection's protocol state and peer descriptor, then
+    // Network.close_connection.
+    void (*close_websocket_connection)(networkConnection* connection);
+};
+
+extern const WebSocketClientModule WebSocketClient;
