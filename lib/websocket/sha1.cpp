@@ -1,0 +1,150 @@
+// SHA-1 (FIPS 180-1) in the reference form of RFC 3174: the context is fed
+// byte by byte and a 64-byte block is processed each time it fills.
+
+#include "websocket/sha1.h"
+
+#include <cstring>
+
+namespace {
+
+constexpr uint32_t kInitialHash[SHA1_DIGEST_SIZE / 4] = {0x67452301, 0xEFCDAB89, 0x98BADCFE,
+                                                         0x10325476, 0xC3D2E1F0};
+constexpr uint32_t kRoundConstants[4] = {0x5A827999, 0x6ED9EBA1, 0x8F1BBCDC, 0xCA62C1D6};
+constexpr int kBlockSize = 64;
+// Where the 64-bit message length starts in the last block.
+constexpr int kLengthOffset = 56;
+
+constexpr uint32_t rotate_left(uint32_t word, int bits) {
+    return (word << bits) | (word >> (32 - bits));
+}
+
+// The 80-round compression of one full block into the intermediate hash.
+void process_block(Sha1Context* context) {
+    uint32_t w[80];
+    for (int t = 0; t < 16; ++t) {
+        const uint8_t* p = &context->message_block[t * 4];
+        w[t] = static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 |
+               static_cast<uint32_t>(p[2]) << 8 | p[3];
+    }
+    for (int t = 16; t < 80; ++t) {
+        w[t] = rotate_left(w[t - 3] ^ w[t - 8] ^ w[t - 14] ^ w[t - 16], 1);
+    }
+    uint32_t a = context->intermediate_hash[0];
+    uint32_t b = context->intermediate_hash[1];
+    uint32_t c = context->intermediate_hash[2];
+    uint32_t d = context->intermediate_hash[3];
+    uint32_t e = context->intermediate_hash[4];
+    for (int t = 0; t < 80; ++t) {
+        uint32_t f;
+        if (t < 20) {
+            f = (b & c) | (~b & d);
+        } else if (t < 40 || t >= 60) {
+            f = b ^ c ^ d;
+        } else {
+            f = (b & c) | (b & d) | (c & d);
+        }
+        uint32_t temp = rotate_left(a, 5) + f + e + w[t] + kRoundConstants[t / 20];
+        e = d;
+        d = c;
+        c = rotate_left(b, 30);
+        b = a;
+        a = temp;
+    }
+    context->intermediate_hash[0] += a;
+    context->intermediate_hash[1] += b;
+    context->intermediate_hash[2] += c;
+    context->intermediate_hash[3] += d;
+    context->intermediate_hash[4] += e;
+    context->message_block_index = 0;
+}
+
+// Appends the 1 bit, zeros and the 64-bit bit count, processing one or two
+// final blocks.
+void pad_message(Sha1Context* context) {
+    uint8_t* block = context->message_block;
+    block[context->message_block_index++] = 0x80;
+    if (context->message_block_index > kLengthOffset) {
+        memset(block + context->message_block_index, 0,
+               static_cast<size_t>(kBlockSize - context->message_block_index));
+        process_block(context);
+    }
+    memset(block + context->message_block_index, 0,
+           static_cast<size_t>(kLengthOffset - context->message_block_index));
+    for (int i = 0; i < 4; ++i) {
+        block[kLengthOffset + i] = static_cast<uint8_t>(context->length_high >> (24 - 8 * i));
+        block[kLengthOffset + 4 + i] = static_cast<uint8_t>(context->length_low >> (24 - 8 * i));
+    }
+    process_block(context);
+}
+
+// Fresh context. 0, or -1 for a null context.
+int sha1_reset(Sha1Context* context) {
+    if (context == nullptr) {
+        return -1;
+    }
+    memcpy(context->intermediate_hash, kInitialHash, sizeof kInitialHash);
+    context->length_low = 0;
+    context->length_high = 0;
+    context->message_block_index = 0;
+    context->computed = 0;
+    context->corrupted = 0;
+    return 0;
+}
+
+// Feeds length bytes. Input after the digest poisons the context with -3.
+int sha1_input(Sha1Context* context, const uint8_t* bytes, uint32_t length) {
+    if (length == 0) {
+        return -1;
+    }
+    if (context == nullptr || bytes == nullptr) {
+        return -2;
+    }
+    if (context->computed != 0) {
+        context->corrupted = -3;
+        return -3;
+    }
+    if (context->corrupted != 0) {
+        return context->corrupted;
+    }
+    for (uint32_t i = 0; i < length && context->corrupted == 0; ++i) {
+        context->message_block[context->message_block_index++] = bytes[i];
+        context->length_low += 8;
+        // The 64-bit bit count wrapped: the message is too long for SHA-1.
+        if (context->length_low == 0 && ++context->length_high == 0) {
+            context->corrupted = 1;
+        }
+        if (context->message_block_index == kBlockSize) {
+            process_block(context);
+        }
+    }
+    return context->corrupted;
+}
+
+// Pads once, then writes H0..H4 most significant byte first.
+int sha1_result(Sha1Context* context, uint8_t digest[SHA1_DIGEST_SIZE]) {
+    if (context == nullptr || digest == nullptr) {
+        return -1;
+    }
+    if (context->corrupted != 0) {
+        return context->corrupted;
+    }
+    if (context->computed == 0) {
+        pad_message(context);
+        memset(context->message_block, 0, sizeof context->message_block);
+        context->length_low = 0;
+        context->length_high = 0;
+        context->computed = 1;
+    }
+    for (int i = 0; i < SHA1_DIGEST_SIZE; ++i) {
+        digest[i] = static_cast<uint8_t>(context->intermediate_hash[i / 4] >> (8 * (3 - i % 4)));
+    }
+    return 0;
+}
+
+}  // namespace
+
+const Sha1Module Sha1 = {
+    sha1_reset,
+    sha1_input,
+    sha1_result,
+};
