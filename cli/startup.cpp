@@ -1,0 +1,88 @@
+#include "cli/startup.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+
+#include "ipc/ipc_client.h"
+#include "network/network.h"
+
+EventDispatcher* event_dispatcher = nullptr;
+const char* current_service_name = nullptr;
+int enabling_progress_count = 0;
+int sync_started = 0;
+
+namespace {
+
+constexpr const char* BUSY_MESSAGE =
+    "Could not execute command because another program is executing operation with the "
+    "Transfer Agent. You probably have a Graphic User interface or another client communicating "
+    "with the Sylvane service. Please close the client then retry.\n";
+
+// libevent-shaped wrapper so the first attempt starts from the loop.
+void connect_callback(evutil_socket_t, short, void* connection) {
+    Network.perform_connection(static_cast<networkConnection*>(connection));
+}
+
+}  // namespace
+
+void finish(FILE* stream, const char* text, int status) {
+    fputs(text, stream);
+    exit(status);
+}
+
+void finishf(FILE* stream, int status, const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    vfprintf(stream, format, arguments);
+    va_end(arguments);
+    exit(status);
+}
+
+// The init result is not checked: a second init keeps the first base, and a
+// base that could not be made fails the dispatcher creation just after.
+IpcClientConfig* start_transfer_agent_client() {
+    Network.init();
+    event_dispatcher = CallbackEvent.create(Network.get_event_base(), DISPATCHER_EVENT_COUNT);
+    if (event_dispatcher == nullptr) {
+        finish(stderr, "Unable to create event dispatcher\n", 1);
+    }
+    IpcClientConfig* config = IpcConfig.create_client_ipc_config(
+        TRANSFER_AGENT_IP, TRANSFER_AGENT_PORT, TRANSFER_AGENT_RECONNECTION_POLICY,
+        TRANSFER_AGENT_RETRY_DELAY);
+    if (config == nullptr) {
+        finish(stderr,
+               "Unable to initiate connection to Transfer Agent server: memory allocation "
+               "failure\n",
+               1);
+    }
+    CallbackEvent.subscribe(event_dispatcher, IPC_EVENT_PLEASE_DISCONNECT, busy_callback);
+    return config;
+}
+
+// A client that cannot be instantiated is not scheduled; the command's
+// time-out, armed before, then reports the failure.
+int run_ipc_client(IpcClientConfig* config) {
+    struct event_base* base = Network.get_event_base();
+    networkConnection* connection =
+        IpcClient.instantiate_ipc_client(config, base, event_dispatcher);
+    if (connection != nullptr) {
+        CallbackEvent.register_callback(base, connect_callback, connection, 0);
+    }
+    return event_base_dispatch(base);
+}
+
+void busy_callback(uint32_t, void*) {
+    finish(stderr, BUSY_MESSAGE, 1);
+}
+
+void timeout_callback(evutil_socket_t, short, void*) {
+    finish(stderr, "Transfer Agent process did not respond in expected time. Please retry.\n", 1);
+}
+
+void agent_timeout_callback(evutil_socket_t, short, void*) {
+    finish(stderr,
+           "Transfer Agent process did not respond in expected time. Please retry. Make sure the "
+           "Sylvane Network process is currently running\n",
+           1);
+}

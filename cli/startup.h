@@ -1,0 +1,51 @@
+// Start-up shared by every command: the network module, the event
+// dispatcher, the IPC configuration towards the Transfer Agent, the busy
+// notice, the time-out callbacks and the run of the event loop. Also the
+// module-wide state that the request builders, response handlers and
+// follow-up handlers share.
+#pragma once
+
+#include <event2/event.h>
+
+#include <cstdint>
+
+#include "core/callback_event.h"
+#include "ipc/ipc_config.h"
+
+// Where the Transfer Agent listens, and how the connection is retried.
+constexpr const char* TRANSFER_AGENT_IP = "127.0.0.1";
+constexpr uint16_t TRANSFER_AGENT_PORT = 11038;
+constexpr int32_t TRANSFER_AGENT_RECONNECTION_POLICY = 3;
+constexpr int32_t TRANSFER_AGENT_RETRY_DELAY = 3;
+
+// Single copies for the whole process; one thread, no lock.
+extern EventDispatcher* event_dispatcher;
+// Name of the service the running command is about; set by the builders.
+extern const char* current_service_name;
+// Follow-up of enabling: "in progress" events seen, first "connected" seen.
+extern int enabling_progress_count;
+extern int sync_started;
+
+// Network module, dispatcher, IPC config, busy notice. Prints and exits 1
+// when the dispatcher or the config cannot be created.
+IpcClientConfig* start_transfer_agent_client();
+
+// Instantiates the IPC client on `config`, schedules the connection and runs
+// the loop until it has no more work. Returns event_base_dispatch's result.
+int run_ipc_client(IpcClientConfig* config);
+
+// Subscriber of IPC_EVENT_PLEASE_DISCONNECT: another client is being served.
+// Prints and exits 1.
+void busy_callback(uint32_t event_id, void* data);
+
+// Time-outs of get_tenants and remove_tenant: print and exit 1.
+void timeout_callback(evutil_socket_t fd, short flags, void* argument);
+// Time-out of the other single-answer commands, which also suggests checking
+// that the Sylvane Network process runs: print and exit 1.
+void agent_timeout_callback(evutil_socket_t fd, short flags, void* argument);
+
+// Writes `text` whole to `stream`, then ends the process with `status`.
+[[noreturn]] void finish(FILE* stream, const char* text, int status);
+// printf-style variant of finish.
+[[noreturn]] void finishf(FILE* stream, int status, const char* format, ...)
+    __attribute__((format(printf, 3, 4)));

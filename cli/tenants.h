@@ -1,0 +1,21 @@
+// Reading the "tenants" lists of responses and events: JSON lists whose
+// elements are strings, each holding one serialized JSON object.
+#pragma once
+
+#include "ipc/json_value.h"
+
+struct TenantList {
+    JsonListItem** items;
+    int count;
+};
+
+// Reads data's "tenants" list into `list`. False when data is null or the
+// member is missing or not a list (nothing to release then).
+bool read_tenant_list(const JsonValue* data, TenantList* list);
+void release_tenant_list(TenantList* list);
+
+// True for a present element of string type.
+bool is_string_item(const JsonListItem* item);
+
+// True when `name` is the service the running command is about.
+bool is_current_service(const char* name);
