@@ -1,0 +1,180 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+#include "ipc/json_value.h"
+
+namespace {
+
+// Owning handle so a failed assertion does not leak.
+struct Value {
+    JsonValue* handle;
+    explicit Value(JsonValue* value) : handle(value) {}
+    ~Value() { json_free_value(handle); }
+    Value(const Value&) = delete;
+    Value& operator=(const Value&) = delete;
+};
+
+std::string serialized(const JsonValue* value) {
+    char buffer[1000];
+    return json_serialize(value, buffer, sizeof buffer) >= 0 ? buffer : "<failed>";
+}
+
+TEST(Json, EnvelopeKeepsOrderAndCopiesChild) {
+    Value message(json_create_json_object());
+    JsonValue* data = json_create_json_object();
+    ASSERT_EQ(json_add_string_child(message.handle, "command", "get_tenants"), 0);
+    ASSERT_EQ(json_add_int_child(message.handle, "id", 3), 0);
+    ASSERT_EQ(json_add_boolean_child(data, "enabled", 7), 0);
+    ASSERT_EQ(json_add_string_child(data, "name", "svc"), 0);
+    ASSERT_EQ(json_add_child_to_object(message.handle, "data", data), 0);
+    json_free_value(data);
+    EXPECT_EQ(serialized(message.handle),
+              R"({"command":"get_tenants","id":3,"data":{"enabled":true,"name":"svc"}})");
+
+    Value copy(json_get_json_value(message.handle, "data"));
+    ASSERT_EQ(json_add_int_child(copy.handle, "extra", 1), 0);
+    EXPECT_EQ(serialized(copy.handle), R"({"enabled":true,"name":"svc","extra":1})");
+    EXPECT_EQ(json_is_key_present(message.handle, "extra"), 0);
+    EXPECT_EQ(json_get_json_value(message.handle, "missing"), nullptr);
+}
+
+TEST(Json, SerializeRefusesWhatDoesNotFit) {
+    Value value(json_parse(R"({"key": "value"})"));
+    const std::string text = R"({"key":"value"})";
+    for (size_t size : {size_t{1}, text.size() - 1, text.size(), text.size() + 1}) {
+        char buffer[32] = "stale";
+        int written = json_serialize(value.handle, buffer, size);
+        if (size > text.size()) {
+            EXPECT_EQ(written, static_cast<int>(text.size()));
+            EXPECT_EQ(buffer, text);
+        } else {
+            EXPECT_LT(written, 0) << size;
+            EXPECT_STREQ(buffer, "") << size;
+        }
+    }
+    char buffer[8] = "stale";
+    EXPECT_LT(json_serialize(nullptr, buffer, sizeof buffer), 0);
+    EXPECT_STREQ(buffer, "");
+
+    // Caller text that is not UTF-8 cannot be written, and nothing throws.
+    Value bad(json_create_json_object());
+    ASSERT_EQ(json_add_string_child(bad.handle, "key", "\xff\xfe"), 0);
+    EXPECT_LT(json_serialize(bad.handle, buffer, sizeof buffer), 0);
+}
+
+struct MemberCase {
+    const char* key;
+    const char* as_string;  // null: json_get_string_value fails
+    int as_int;
+    int as_bool;
+};
+
+const MemberCase kMembers[] = {
+    {"text", "hello", -1, -1},  {"yes", "true", -1, 1},      {"no", "false", -1, 0},
+    {"quoted", "true", -1, -1}, {"zero", nullptr, 0, -1},    {"negative", nullptr, -5, -1},
+    {"huge", nullptr, -1, -1},  {"real", nullptr, -1, -1},   {"nothing", nullptr, -1, -1},
+    {"list", nullptr, -1, -1},  {"object", nullptr, -1, -1}, {"missing", nullptr, -1, -1},
+};
+
+TEST(Json, MemberReadsByType) {
+    Value doc(json_parse(R"({"text":"hello","yes":true,"no":false,"quoted":"true","zero":0,
+        "negative":-5,"huge":3000000000,"real":1.5,"nothing":null,"list":[],"object":{}})"));
+    ASSERT_NE(doc.handle, nullptr);
+    for (const auto& c : kMembers) {
+        char buffer[16] = "untouched";
+        int length = json_get_string_value(doc.handle, c.key, buffer, sizeof buffer);
+        if (c.as_string != nullptr) {
+            EXPECT_EQ(length, static_cast<int>(strlen(c.as_string))) << c.key;
+            EXPECT_STREQ(buffer, c.as_string) << c.key;
+        } else {
+            EXPECT_EQ(length, -1) << c.key;
+        }
+        EXPECT_EQ(json_get_int_value(doc.handle, c.key), c.as_int) << c.key;
+        EXPECT_EQ(json_get_bool_value(doc.handle, c.key), c.as_bool) << c.key;
+    }
+}
+
+TEST(Json, StringCutToBufferOnCharacterBoundary) {
+    Value doc(json_parse(R"({"a":"abcdef","u":"h\u00e9llo"})"));
+    char buffer[4];
+    EXPECT_EQ(json_get_string_value(doc.handle, "a", buffer, sizeof buffer), 3);
+    EXPECT_STREQ(buffer, "abc");
+    // "h" then the two bytes of "é" do not fit in 3: the cut keeps "h" only.
+    EXPECT_EQ(json_get_string_value(doc.handle, "u", buffer, 3), 1);
+    EXPECT_STREQ(buffer, "h");
+}
+
+TEST(Json, NonObjectsAndNullsFail) {
+    Value list(json_create_json_list());
+    char buffer[8];
+    int count = -1;
+    EXPECT_EQ(json_get_string_value(list.handle, "k", buffer, sizeof buffer), -1);
+    EXPECT_EQ(json_get_string_value(nullptr, "k", buffer, sizeof buffer), -1);
+    EXPECT_EQ(json_get_int_value(list.handle, "k"), -1);
+    EXPECT_EQ(json_get_list_value(list.handle, "k", &count), nullptr);
+    EXPECT_EQ(count, -1);
+    EXPECT_EQ(json_add_string_child(list.handle, "k", "v"), -1);
+    EXPECT_EQ(json_add_string_to_list(list.handle, nullptr), -1);
+    Value object(json_create_json_object());
+    EXPECT_EQ(json_add_string_to_list(object.handle, "v"), -1);
+    EXPECT_EQ(json_add_string_child(object.handle, nullptr, "v"), -1);
+    json_free_value(nullptr);
+    json_free_list_value(nullptr, 3);
+}
+
+TEST(Json, ListOfMixedElements) {
+    Value doc(json_parse(R"({"tenants":["{\"name\":\"a\"}",2,null,{"x":1},"b"],"empty":[]})"));
+    int count = -1;
+    JsonListItem** items = json_get_list_value(doc.handle, "tenants", &count);
+    ASSERT_NE(items, nullptr);
+    ASSERT_EQ(count, 5);
+    const int types[] = {JSON_LIST_ITEM_STRING, JSON_LIST_ITEM_OTHER, JSON_LIST_ITEM_OTHER,
+                         JSON_LIST_ITEM_OTHER, JSON_LIST_ITEM_STRING};
+    for (int i = 0; i < count; ++i) {
+        EXPECT_EQ(items[i]->type, types[i]) << i;
+        EXPECT_EQ(items[i]->text == nullptr, types[i] != JSON_LIST_ITEM_STRING) << i;
+    }
+    Value tenant(json_parse(items[0]->text));
+    char name[4];
+    EXPECT_EQ(json_get_string_value(tenant.handle, "name", name, sizeof name), 1);
+    EXPECT_STREQ(items[4]->text, "b");
+    json_free_list_value(items, count);
+
+    items = json_get_list_value(doc.handle, "empty", &count);
+    EXPECT_NE(items, nullptr);
+    EXPECT_EQ(count, 0);
+    json_free_list_value(items, count);
+
+    // Built lists read back the same way.
+    Value built(json_create_json_object());
+    Value list(json_create_json_list());
+    ASSERT_EQ(json_add_string_to_list(list.handle, "one"), 0);
+    ASSERT_EQ(json_add_to_list(list.handle, doc.handle), 0);
+    ASSERT_EQ(json_add_child_to_object(built.handle, "l", list.handle), 0);
+    items = json_get_list_value(built.handle, "l", &count);
+    ASSERT_EQ(count, 2);
+    EXPECT_STREQ(items[0]->text, "one");
+    EXPECT_EQ(items[1]->type, JSON_LIST_ITEM_OTHER);
+    json_free_list_value(items, count);
+}
+
+TEST(Json, ParseRefusesInvalidAndTooDeepText) {
+    for (const char* text : {"", "{", R"({"a":})", "nul", "[1,]", "\"\xff\"", "{} x"}) {
+        EXPECT_EQ(json_parse(text), nullptr) << text;
+    }
+    EXPECT_EQ(json_parse(nullptr), nullptr);
+
+    auto nested = [](int depth) { return std::string(depth, '[') + std::string(depth, ']'); };
+    Value deepest(json_parse(nested(128).c_str()));
+    EXPECT_NE(deepest.handle, nullptr);
+    EXPECT_EQ(json_parse(nested(129).c_str()), nullptr);
+    EXPECT_EQ(json_parse(nested(100000).c_str()), nullptr);
+    // Brackets inside strings, escaped quotes included, are not nesting.
+    std::string quoted = R"({"s":"\")" + std::string(200, '[') + "\"}";
+    Value text(json_parse(quoted.c_str()));
+    EXPECT_NE(text.handle, nullptr);
+}
+
+}  // namespace
