@@ -1,0 +1,566 @@
+// WebSocket framing: reads frames from a connection's receive queue, rebuilds
+// fragmented messages, answers pings, and sends JSON values as single frames.
+
+#include "websocket/websocket.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "core/byte_order.h"
+#include "core/logger.h"
+#include "websocket/crypto.h"
+
+namespace {
+
+constexpr char kAcceptGuid[] = "258EAFA5-E914-47DA-95CA-C5AB0DC85B11";
+constexpr uint64_t kMaxNonceLength = 987;  // nonce + GUID + NUL fill 1024 bytes
+constexpr uint64_t kMaxHeaderKeyLength = 511;
+constexpr uint32_t kMessageQueueCapacity = 512;
+// A frame carries at most this much in the 16-bit length form.
+constexpr uint64_t kMaxPieceLength = 65535;
+// Every JSON text the sender can hold fits in one frame.
+static_assert(WS_SEND_BUFFER_SIZE <= kMaxPieceLength);
+
+constexpr uint8_t kFinBit = 0x80;
+constexpr uint8_t kMaskBit = 0x80;
+constexpr uint8_t kOpcodeBits = 0x0f;
+constexpr uint8_t kLengthBits = 0x7f;
+constexpr uint8_t kLength16 = 126;
+constexpr uint8_t kLength64 = 127;
+
+struct FreeDeleter {
+    void operator()(void* pointer) const { free(pointer); }
+};
+using Owned = std::unique_ptr<uint8_t, FreeDeleter>;
+
+// Header size without the key for a length code: 2, 4 or 10.
+uint64_t length_form_size(uint8_t length_code) {
+    if (length_code < kLength16) {
+        return 2;
+    }
+    return length_code == kLength16 ? 4 : 10;
+}
+
+// Masking key held by a complete header, as a host-order number; 0 without MASK.
+uint32_t header_key(const uint8_t* header) {
+    if ((header[1] & kMaskBit) == 0) {
+        return 0;
+    }
+    uint32_t wire = 0;
+    memcpy(&wire, header + length_form_size(header[1] & kLengthBits), sizeof wire);
+    return ByteOrder.network_to_host_32(wire);
+}
+
+// XORs byte i with key byte (i mod 4), key bytes in wire order. Key 0 is neutral.
+void apply_mask(uint8_t* bytes, uint64_t length, uint32_t key) {
+    for (uint64_t i = 0; i < length; ++i) {
+        bytes[i] ^= static_cast<uint8_t>(key >> (24 - 8 * (i % 4)));
+    }
+}
+
+// Payload length announced by a complete header.
+uint64_t decode_payload_length(const uint8_t* header) {
+    const uint8_t code = header[1] & kLengthBits;
+    if (code < kLength16) {
+        return code;
+    }
+    if (code == kLength16) {
+        return static_cast<uint64_t>(header[2]) << 8 | header[3];
+    }
+    if (code == kLength64) {
+        uint64_t wire = 0;
+        memcpy(&wire, header + 2, sizeof wire);
+        return ByteOrder.host_to_network_64(wire);  // the swap is its own inverse
+    }
+    Logger.error("Error while computing the websocket payload size in frame.");
+    return 0;
+}
+
+void call_disconnect(networkConnection* connection, DisconnectCallback on_disconnect) {
+    if (on_disconnect != nullptr) {
+        on_disconnect(connection);
+    }
+}
+
+// ---- upgrade helpers -------------------------------------------------------
+
+// Base64(SHA-1(nonce + GUID)); the caller frees the result.
+char* compute_websocket_accept(const char* nonce, uint64_t* out_length) {
+    if (nonce == nullptr) {
+        Logger.trace("Provided base64 encoded nonce is NULL");
+        return nullptr;
+    }
+    Logger.trace("Considering base64 encoded nonce: %s", nonce);
+    const size_t nonce_length = strlen(nonce);
+    if (nonce_length > kMaxNonceLength) {
+        Logger.error("Base64 encoded nonce value is too long. Cannot proceed it. (%ld)",
+                     static_cast<long>(nonce_length));
+        return nullptr;
+    }
+    const std::string challenge = std::string(nonce) + kAcceptGuid;
+    uint8_t digest[SHA1_DIGEST_SIZE] = {};
+    if (Crypto.sha1_compute(reinterpret_cast<const uint8_t*>(challenge.data()), challenge.size(),
+                            digest) != 0) {
+        Logger.error("Unable to sha1 value");
+        return nullptr;
+    }
+    uint64_t length = 0;
+    char* accept = Crypto.base64_encode(digest, sizeof digest, &length);
+    if (accept == nullptr) {
+        Logger.error("Unable to encode solved websocket challenge in base64.");
+        return nullptr;
+    }
+    Logger.trace("Got the websocket solved challenge : %s (size = %lld)", accept,
+                 static_cast<long long>(length));
+    if (out_length != nullptr) {
+        *out_length = length;
+    }
+    return accept;
+}
+
+// Finds "key:" anywhere in the NUL-terminated header and cuts its value out
+// in place (strtok with ": " then ": \r"). Returns a pointer into header.
+char* find_value_from_http_header(char* header, uint64_t length, const char* key) {
+    if (header == nullptr || key == nullptr) {
+        Logger.error("Unable to look up an http header: missing header or key");
+        return nullptr;
+    }
+    const size_t key_length = strlen(key);
+    if (key_length > kMaxHeaderKeyLength) {
+        Logger.error(
+            "Provided http key in find_value_from_http_header function is too long : %ld. Max: "
+            "511",
+            static_cast<long>(key_length));
+        return nullptr;
+    }
+    const std::string needle = std::string(key) + ":";
+    char* found = strstr(header, needle.c_str());
+    if (found == nullptr) {
+        Logger.trace("Header %s not found", key);
+        return nullptr;
+    }
+    char* cursor = nullptr;
+    strtok_r(found, ": ", &cursor);
+    char* value = strtok_r(nullptr, ": \r", &cursor);
+    if (value == nullptr || value >= header + length) {
+        Logger.trace("Error while parsing header");
+        return nullptr;
+    }
+    return value;
+}
+
+// ---- descriptor ------------------------------------------------------------
+
+void reset_frame_state(websocketPeerDescriptor* descriptor) {
+    if (descriptor == nullptr) {
+        return;
+    }
+    descriptor->expected_size = 2;
+    descriptor->header_complete = false;
+    memset(descriptor->header, 0, sizeof descriptor->header);
+    descriptor->payload_length = 0;
+}
+
+websocketPeerDescriptor* create_peer_descriptor() {
+    auto* descriptor =
+        static_cast<websocketPeerDescriptor*>(calloc(1, sizeof(websocketPeerDescriptor)));
+    if (descriptor == nullptr) {
+        Logger.fatal("Unable to allocate memory for websocket peer descriptor");
+        return nullptr;
+    }
+    descriptor->message_queue = DynamicBuffer.create(kMessageQueueCapacity);
+    if (descriptor->message_queue == nullptr) {
+        Logger.fatal("Unable to allocate memory for received queue in websocket client descriptor");
+        free(descriptor);
+        return nullptr;
+    }
+    return descriptor;
+}
+
+void destroy_peer_descriptor(websocketPeerDescriptor* descriptor) {
+    if (descriptor == nullptr) {
+        return;
+    }
+    DynamicBuffer.free(descriptor->message_queue);
+    free(descriptor);
+}
+
+// ---- sending ---------------------------------------------------------------
+
+// Serialises and queues `value` as one frame; always frees `value`.
+int send_data(networkConnection* connection, JsonValue* value, int data_type, bool masked) {
+    if (value == nullptr) {
+        Logger.error("Null json_object parameter in send_data function.");
+        return -1;
+    }
+    if (connection == nullptr) {
+        Logger.error("Provided connection is NULL. Unable to send websocket data");
+        json_free_value(value);
+        return -1;
+    }
+    char text[WS_SEND_BUFFER_SIZE] = {};
+    const int length = json_serialize(value, text, sizeof text);
+    json_free_value(value);
+    if (length < 0) {
+        Logger.error(
+            "Unable to serialize Json data in send_data function. Buffer length may be too small. "
+            "Unable to send websocket data");
+        return -2;
+    }
+    if (length == 0 && data_type != WS_DATA_PONG) {
+        Logger.trace("Serialized buffer length is 0. Unable to send websocket data");
+        return 0;
+    }
+    uint8_t opcode = 0;
+    switch (data_type) {
+        case WS_DATA_TEXT:
+            Logger.trace("Sending a websocket text frame");
+            opcode = WS_OPCODE_TEXT;
+            break;
+        case WS_DATA_BINARY:
+            Logger.trace("Sending a websocket binary frame");
+            opcode = WS_OPCODE_BINARY;
+            break;
+        case WS_DATA_PONG:
+            Logger.trace("Sending a websocket pong frame");
+            opcode = WS_OPCODE_PONG;
+            break;
+        default:
+            Logger.error("Provided datatype not known: %d. Unable to send websocket data",
+                         data_type);
+            return -3;
+    }
+    uint64_t frame_length = 0;
+    uint8_t* frame =
+        websocket_build_frame(reinterpret_cast<const uint8_t*>(text), static_cast<uint64_t>(length),
+                              opcode, true, masked, &frame_length);
+    if (frame == nullptr) {
+        Logger.error("Error while trying to send websocket data");
+        return -4;
+    }
+    Network.send(connection, frame, frame_length);
+    free(frame);
+    Logger.trace("Websocket data sent");
+    return 0;
+}
+
+// The pong carries "{}" rather than the ping's payload, unmasked.
+int send_pong(networkConnection* connection) {
+    if (connection == nullptr) {
+        Logger.error("Unable to send pong frame to client. Provided connection is NULL");
+        return -1;
+    }
+    Logger.trace("Trying to send a websocket pong frame...");
+    return send_data(connection, json_create_json_object(), WS_DATA_PONG, false);
+}
+
+// ---- reading ---------------------------------------------------------------
+
+// What a finished frame asks of the layer above, run once the descriptor is
+// settled: the callbacks may close the connection and free the descriptor.
+enum class FrameAction { None, Disconnect, Message, Deliver, Close, Ping, Pong, Unknown };
+
+struct FrameOutcome {
+    FrameAction action = FrameAction::None;
+    int result = 0;
+    Owned message;  // payload or reassembled message, owned here
+    uint64_t length = 0;
+    int is_binary = 0;
+    uint8_t opcode = 0;
+};
+
+// Moves the whole message queue into `outcome` as a reassembled message.
+void take_message(networkConnection* connection, websocketPeerDescriptor* descriptor,
+                  FrameOutcome& outcome) {
+    RingBuffer* queue = descriptor->message_queue;
+    outcome.length = DynamicBuffer.size(queue);
+    uint8_t copied = 1;
+    outcome.message.reset(DynamicBuffer.get_data(queue, &copied));
+    outcome.opcode = descriptor->message_opcode;
+    if (connection->config == nullptr) {
+        Logger.error("Provided client descriptor is NULL");
+        outcome.action = FrameAction::None;
+    } else if (!outcome.message) {
+        Logger.fatal("Unable to allocate memory for a reassembled websocket message");
+        outcome.action = FrameAction::None;
+    } else if (outcome.opcode == WS_OPCODE_TEXT || outcome.opcode == WS_OPCODE_BINARY) {
+        outcome.action = FrameAction::Deliver;
+        outcome.is_binary = outcome.opcode == WS_OPCODE_BINARY ? 1 : 0;
+    } else {
+        outcome.action = FrameAction::Unknown;
+    }
+}
+
+// Settles a frame whose payload is `block` (length bytes, unmasked): updates
+// the reassembly and the receive queue, and says what to tell the layer above.
+FrameOutcome settle_frame(networkConnection* connection, websocketPeerDescriptor* descriptor,
+                          Owned block, uint64_t length) {
+    FrameOutcome outcome;
+    const uint8_t opcode = descriptor->header[0] & kOpcodeBits;
+    const bool fin = (descriptor->header[0] & kFinBit) != 0;
+    RingBuffer* receive_queue = connection->receive_queue;
+    if (!fin) {
+        if (descriptor->message_opcode != 0 && opcode != WS_OPCODE_CONTINUATION) {
+            Logger.error("Received bad websocket continuation frame. Disconnection.");
+            outcome.action = FrameAction::Disconnect;
+            outcome.result = -1;
+            return outcome;
+        }
+        if (opcode != WS_OPCODE_CONTINUATION) {
+            descriptor->message_opcode = opcode;
+        }
+        DynamicBuffer.append(descriptor->message_queue, block.get(), length);
+        DynamicBuffer.clear(receive_queue);
+        return outcome;
+    }
+    if (opcode == WS_OPCODE_CONTINUATION) {
+        if (descriptor->message_opcode == 0) {
+            Logger.error(
+                "Received a websocket continuation fin frame but no initial frame were received. "
+                "Disconnection.");
+            outcome.action = FrameAction::Disconnect;
+            outcome.result = -1;
+            return outcome;
+        }
+        DynamicBuffer.append(descriptor->message_queue, block.get(), length);
+        take_message(connection, descriptor, outcome);
+        descriptor->message_opcode = 0;
+        DynamicBuffer.clear(descriptor->message_queue);
+        DynamicBuffer.clear(receive_queue);
+        return outcome;
+    }
+    outcome.message = std::move(block);
+    outcome.length = length;
+    outcome.opcode = opcode;
+    switch (opcode) {
+        case WS_OPCODE_TEXT:
+        case WS_OPCODE_BINARY:
+            outcome.action = FrameAction::Message;
+            outcome.is_binary = opcode == WS_OPCODE_BINARY ? 1 : 0;
+            break;
+        case WS_OPCODE_CLOSE:
+            outcome.action = FrameAction::Close;
+            outcome.result = -1;  // the receive queue is left as it is
+            return outcome;
+        case WS_OPCODE_PING:
+            outcome.action = FrameAction::Ping;
+            break;
+        case WS_OPCODE_PONG:
+            outcome.action = FrameAction::Pong;
+            break;
+        default:
+            outcome.action = FrameAction::Unknown;
+            break;
+    }
+    DynamicBuffer.clear(receive_queue);
+    return outcome;
+}
+
+// Tells the layer above what the frame meant. Touches no framing state.
+void run_outcome(networkConnection* connection, const FrameOutcome& outcome,
+                 DisconnectCallback on_disconnect, MessageCallback on_message) {
+    const uint8_t* bytes = outcome.message.get();
+    switch (outcome.action) {
+        case FrameAction::None:
+            break;
+        case FrameAction::Disconnect:
+            call_disconnect(connection, on_disconnect);
+            break;
+        case FrameAction::Message:
+            Logger.trace(outcome.is_binary != 0 ? "Received a binary frame"
+                                                : "Received a text frame");
+            [[fallthrough]];
+        case FrameAction::Deliver:
+            if (on_message != nullptr) {
+                on_message(connection, bytes, outcome.length, outcome.is_binary);
+            }
+            break;
+        case FrameAction::Close:
+            Logger.trace("Received a websocket close frame");
+            call_disconnect(connection, on_disconnect);
+            break;
+        case FrameAction::Ping:
+            Logger.trace("Received a websocket ping frame with buffer [%.*s]",
+                         static_cast<int>(outcome.length), reinterpret_cast<const char*>(bytes));
+            send_pong(connection);
+            break;
+        case FrameAction::Pong:
+            Logger.trace("Received a websocket pong frame");
+            break;
+        case FrameAction::Unknown:
+            Logger.trace("Received an unknown opcode: %d. Ignored", outcome.opcode);
+            break;
+    }
+}
+
+// Header step. Returns 1 when the header is complete and the payload can be
+// read in this same call, otherwise the value read_frame returns.
+int read_header(networkConnection* connection, websocketPeerDescriptor* descriptor,
+                bool require_mask, WebSocketReadFunction read, DisconnectCallback on_disconnect) {
+    RingBuffer* queue = connection->receive_queue;
+    const uint64_t wanted = descriptor->expected_size - DynamicBuffer.size(queue);
+    if (read(connection, static_cast<int64_t>(wanted)) < 0) {
+        call_disconnect(connection, on_disconnect);
+        return 0;
+    }
+    if (DynamicBuffer.size(queue) < 2) {
+        return 0;
+    }
+    DynamicBuffer.peek(queue, descriptor->header, 2);
+    const uint8_t code = descriptor->header[1] & kLengthBits;
+    const bool masked = (descriptor->header[1] & kMaskBit) != 0;
+    Logger.trace("Received a websocket header with raw payload length: %d. Mask size is %d", code,
+                 masked ? 4 : 0);
+    descriptor->expected_size = length_form_size(code) + (masked ? 4 : 0);
+    const uint64_t queued = DynamicBuffer.size(queue);
+    if (queued < descriptor->expected_size) {
+        Logger.trace(
+            "Not already received enough data for completing websocket header (expected: %d, "
+            "received: %d)",
+            static_cast<int>(descriptor->expected_size), static_cast<int>(queued));
+        return 0;
+    }
+    DynamicBuffer.read(queue, descriptor->header, descriptor->expected_size);
+    descriptor->header_complete = true;
+    descriptor->payload_length = decode_payload_length(descriptor->header);
+    if (!masked && require_mask) {
+        Logger.error("Received a frame from with no mask enabled. This should not happen");
+        call_disconnect(connection, on_disconnect);
+        return -1;
+    }
+    return descriptor->payload_length == 0 ? 1 : 0;
+}
+
+// Reads and handles at most one frame: 0 handled or waiting, -1 drop.
+int read_frame(networkConnection* connection, websocketPeerDescriptor* descriptor,
+               bool require_mask, WebSocketReadFunction read, DisconnectCallback on_disconnect,
+               MessageCallback on_message) {
+    if (connection == nullptr) {
+        return 0;
+    }
+    if (descriptor == nullptr) {
+        Logger.error("Websocket Peer Descriptor is NULL");
+        return -1;
+    }
+    if (!descriptor->header_complete) {
+        const int header = read_header(connection, descriptor, require_mask, read, on_disconnect);
+        if (header != 1) {
+            return header;
+        }
+    }
+    RingBuffer* queue = connection->receive_queue;
+    // Unsigned on purpose: bytes of a following frame already queued make
+    // this wrap, and the read then takes what is there into this payload.
+    uint64_t count = descriptor->payload_length - DynamicBuffer.size(queue);
+    if (count > WS_MAX_PAYLOAD_READ) {
+        count = WS_MAX_PAYLOAD_READ;
+    }
+    if (count != 0 && read(connection, static_cast<int64_t>(count)) < 1) {
+        Logger.trace("Client disconnected");
+        call_disconnect(connection, on_disconnect);
+        return 0;
+    }
+    const uint64_t length = DynamicBuffer.size(queue);
+    if (length < descriptor->payload_length) {
+        Logger.trace(
+            "Not already received all data from websocket client. Will try at the next call");
+        return 0;
+    }
+    uint8_t copied = 1;
+    Owned block(DynamicBuffer.get_data(queue, &copied));
+    if (!block) {
+        Logger.fatal("Unable to allocate memory for a websocket payload");
+        return -1;
+    }
+    apply_mask(block.get(), length, header_key(descriptor->header));
+    const bool drop = descriptor->disconnect_requested;
+    FrameOutcome outcome = settle_frame(connection, descriptor, std::move(block), length);
+    if (!drop) {
+        descriptor->header_complete = false;
+    }
+    // From here the descriptor may be freed by the callbacks.
+    run_outcome(connection, outcome, on_disconnect, on_message);
+    if (drop) {
+        call_disconnect(connection, on_disconnect);
+        Logger.trace("Upper layer asked for a disconnection");
+        return -1;
+    }
+    return outcome.result;
+}
+
+}  // namespace
+
+uint8_t* websocket_build_frame(const uint8_t* payload, uint64_t length, uint8_t opcode, bool fin,
+                               bool masked, uint64_t* frame_length) {
+    if (payload == nullptr && length > 0) {
+        return nullptr;
+    }
+    uint8_t header[WS_MAX_HEADER_SIZE] = {};
+    if (masked) {
+        header[1] |= kMaskBit;
+        // The key's place follows the low byte of the length, not the length
+        // code; it is read back below from where the receiver looks.
+        const uint8_t low = static_cast<uint8_t>(length & 0xff);
+        uint64_t key_at = 0;
+        if (low < kLength16) {
+            key_at = 2;
+        } else if (low == kLength16) {
+            key_at = 4;
+        } else if (low == kLength64) {
+            key_at = 10;
+        } else {
+            Logger.error("Error while computing websocket mask in frame");
+        }
+        if (key_at != 0) {
+            const uint32_t key = static_cast<uint32_t>(rand()) % 0xffffffffu;
+            const uint32_t wire = ByteOrder.host_to_network_32(key);
+            memcpy(header + key_at, &wire, sizeof wire);
+        }
+    }
+    if (fin) {
+        header[0] |= kFinBit;
+    }
+    header[0] |= opcode & kOpcodeBits;
+    header[1] &= kMaskBit;
+    uint64_t header_size = 0;
+    if (length < kLength16) {
+        header[1] |= static_cast<uint8_t>(length);
+        header_size = 2;
+    } else if (length <= 0xffff) {
+        header[1] |= kLength16;
+        header[2] = static_cast<uint8_t>(length >> 8);
+        header[3] = static_cast<uint8_t>(length);
+        header_size = 4;
+    } else {
+        header[1] |= kLength64;
+        const uint64_t wire = ByteOrder.host_to_network_64(length);
+        memcpy(header + 2, &wire, sizeof wire);
+        header_size = 10;
+    }
+    if (masked) {
+        header_size += 4;
+    }
+    auto* frame = static_cast<uint8_t*>(malloc(header_size + length));
+    if (frame == nullptr) {
+        Logger.fatal("Unable to allocate memory for sending websocket buffer");
+        return nullptr;
+    }
+    memcpy(frame, header, header_size);
+    if (length > 0) {
+        memcpy(frame + header_size, payload, length);
+    }
+    if (masked) {
+        apply_mask(frame + header_size, length, header_key(header));
+    }
+    if (frame_length != nullptr) {
+        *frame_length = header_size + length;
+    }
+    return frame;
+}
+
+const WebSocketModule WebSocket = {
+    compute_websocket_accept, find_value_from_http_header, read_frame, reset_frame_state,
+    create_peer_descriptor,   destroy_peer_descriptor,     send_data,
+};
