@@ -1,0 +1,36 @@
+#!/usr/bin/env bash
+# Packs the already built tree into a .deb and checks what a user gets:
+# the files, the control fields, and a binary that runs from the package.
+# Usage: check_package.sh BUILD_DIR SOURCE_DIR
+set -u
+build=$1 source=$2
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+if ! cpack -G DEB --config "$build/CPackConfig.cmake" -B "$work" >"$work/cpack.log" 2>&1; then
+    cat "$work/cpack.log"
+    exit 1
+fi
+deb=$(ls "$work"/*.deb)
+status=0
+fail() { echo "FAIL: $*"; status=1; }
+
+contents=$(dpkg-deb -c "$deb")
+for path in ./usr/bin/sylvane-service ./usr/share/man/man1/sylvane-service.1.gz \
+    ./usr/share/bash-completion/completions/sylvane-service; do
+    grep -q " $path\$" <<<"$contents" || fail "$path missing from the package"
+done
+
+[[ $(dpkg-deb -f "$deb" Package) == sylvane-service ]] || fail "wrong package name"
+[[ -n $(dpkg-deb -f "$deb" Maintainer) ]] || fail "no maintainer"
+grep -q 'libevent-core-2\.1-7' <<<"$(dpkg-deb -f "$deb" Depends)" ||
+    fail "no libevent dependency: $(dpkg-deb -f "$deb" Depends)"
+
+dpkg-deb -x "$deb" "$work/root"
+zcat "$work/root/usr/share/man/man1/sylvane-service.1.gz" | cmp -s - "$source/docs/sylvane-service.1" ||
+    fail "packaged man page differs from docs/sylvane-service.1"
+usage=$("$work/root/usr/bin/sylvane-service" -h) || fail "packaged binary: -h exited non-zero"
+[[ $usage == Usage:* ]] || fail "packaged binary does not print its usage"
+
+[[ $status -eq 0 ]] && echo "package ok: $(basename "$deb"), Depends: $(dpkg-deb -f "$deb" Depends)"
+exit $status
