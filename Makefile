@@ -5,7 +5,7 @@ JOBS       ?= $(shell nproc)
 # Time-outs in the end-to-end tests mostly wait, so run more tests than cores.
 TEST_JOBS  ?= $(shell echo $$(( $$(nproc) * 3 )))
 
-.PHONY: all deps build build-asan test test-asan check demo clean format
+.PHONY: all deps build build-asan test test-asan check demo package clean format
 
 all: build
 
@@ -29,8 +29,15 @@ test-asan: build-asan
 # Every test, in a normal build and in an ASan + UBSan build.
 check: test test-asan
 
+# A short tour of the tool against the Transfer Agent simulator.
 demo: build
-	@echo "make demo: the Transfer Agent simulator does not exist yet; nothing to run."
+	@tools/demo.sh $(BUILD)/cli/sylvane-service
+
+# Release build in build-package/, then a Debian package there.
+package: deps
+	cmake -S . -B build-package -G Ninja -DCMAKE_BUILD_TYPE=Release -DSYLV_TESTS=OFF
+	cmake --build build-package -j $(JOBS)
+	cd build-package && cpack -G DEB
 
 format:
 	clang-format -i $$(git ls-files '*.cpp' '*.h')
