@@ -1,0 +1,106 @@
+#include "core/dynamic_buffer.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <numeric>
+#include <vector>
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+Bytes sequence(uint8_t first, size_t count) {
+    Bytes bytes(count);
+    std::iota(bytes.begin(), bytes.end(), first);
+    return bytes;
+}
+
+Bytes storage(const RingBuffer* buffer) {
+    return Bytes(buffer->data, buffer->data + buffer->capacity);
+}
+
+// Capacity 16 holding 0..9 of which 8 were read: bytes 8 and 9 left, 14 free.
+RingBuffer* two_left_of_sixteen() {
+    RingBuffer* buffer = DynamicBuffer.create(16);
+    DynamicBuffer.append(buffer, sequence(0, 10).data(), 10);
+    EXPECT_EQ(DynamicBuffer.read(buffer, nullptr, 8), 8u);  // discarded
+    return buffer;
+}
+
+Bytes left_then(size_t count) {
+    Bytes bytes = sequence(100, count);
+    bytes.insert(bytes.begin(), {8, 9});
+    return bytes;
+}
+
+struct AppendCase {
+    size_t count;  // bytes 100, 101, ... appended
+    uint32_t read_index;
+    Bytes layout;  // whole storage afterwards
+};
+
+class DynamicBufferAppend : public ::testing::TestWithParam<AppendCase> {};
+
+TEST_P(DynamicBufferAppend, WrapsOrGrowsToExactFit) {
+    const AppendCase& c = GetParam();
+    RingBuffer* buffer = two_left_of_sixteen();
+    ASSERT_EQ(DynamicBuffer.append(buffer, sequence(100, c.count).data(), c.count), 0);
+    EXPECT_EQ(storage(buffer), c.layout);
+    EXPECT_EQ(buffer->read_index, c.read_index);
+    Bytes unread(c.count + 2);
+    EXPECT_EQ(DynamicBuffer.read(buffer, unread.data(), 99), unread.size());
+    EXPECT_EQ(unread, left_then(c.count));
+    DynamicBuffer.free(buffer);
+}
+
+const Bytes kWrapped = {106, 107, 108, 109, 110, 111, 6, 7, 8, 9, 100, 101, 102, 103, 104, 105};
+INSTANTIATE_TEST_SUITE_P(Capacity16, DynamicBufferAppend,
+                         ::testing::Values(AppendCase{12, 8, kWrapped},
+                                           AppendCase{15, 0, left_then(15)}));
+
+TEST(DynamicBuffer, DefaultCapacityFillsThenGrowsByOne) {
+    RingBuffer* buffer = DynamicBuffer.create(0);
+    const Bytes bytes = sequence(0, 2049);
+    ASSERT_EQ(DynamicBuffer.append(buffer, bytes.data(), 2048), 0);
+    EXPECT_EQ(buffer->capacity, 2048u);
+    ASSERT_EQ(DynamicBuffer.append(buffer, &bytes[2048], 1), 0);
+    EXPECT_EQ(storage(buffer), bytes);
+    uint8_t copied = 0;
+    EXPECT_EQ(DynamicBuffer.get_data(buffer, &copied), buffer->data);  // no copy at index 0
+    EXPECT_EQ(copied, 0);
+    copied = 1;
+    free(DynamicBuffer.get_data(buffer, &copied));  // a copy when asked, freed by the caller
+    DynamicBuffer.free(buffer);
+}
+
+TEST(DynamicBuffer, OffsetDataIsCopiedPeekedAndCleared) {
+    RingBuffer* buffer = two_left_of_sixteen();
+    DynamicBuffer.append(buffer, sequence(100, 10).data(), 10);  // wraps
+    uint8_t copied = 0;
+    uint8_t* copy = DynamicBuffer.get_data(buffer, &copied);
+    EXPECT_EQ(copied, 1);
+    EXPECT_EQ(Bytes(copy, copy + 12), left_then(10));
+    free(copy);
+    Bytes peeked(12);
+    EXPECT_EQ(DynamicBuffer.peek(buffer, peeked.data(), 20), 12u);
+    EXPECT_EQ(peeked, left_then(10));
+    EXPECT_EQ(DynamicBuffer.peek(buffer, nullptr, 4), 0u);
+    EXPECT_EQ(DynamicBuffer.size(buffer), 12u);
+    DynamicBuffer.clear(buffer);
+    DynamicBuffer.append(buffer, "A", 1);
+    EXPECT_EQ(buffer->data[0], 'A');
+    EXPECT_EQ(DynamicBuffer.append(buffer, nullptr, 1), -1);
+    DynamicBuffer.free(buffer);
+}
+
+TEST(DynamicBufferDeathTest, MissingLockStopsTheProcess) {
+    RingBuffer* buffer = DynamicBuffer.create(8);
+    ASSERT_EQ(Mutex.destroy(buffer->lock), 0);
+    buffer->lock = nullptr;
+    EXPECT_EXIT(DynamicBuffer.append(buffer, "x", 1), ::testing::ExitedWithCode(1), "");
+    EXPECT_EXIT(DynamicBuffer.read(buffer, nullptr, 1), ::testing::ExitedWithCode(1), "");
+    DynamicBuffer.free(buffer);
+}
+
+}  // namespace

@@ -1,0 +1,96 @@
+#include "core/linked_list.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <ostream>
+#include <vector>
+
+namespace {
+
+std::vector<int> g_destroyed;
+int g_values[] = {1, 2, 3};
+
+void record_destroy(void* item) {
+    g_destroyed.push_back(*static_cast<int*>(item));
+}
+
+std::vector<int> items(List* list) {
+    std::vector<int> out;
+    auto collect = [](ListEntry* entry, void* context) {
+        static_cast<std::vector<int>*>(context)->push_back(*static_cast<int*>(entry->item));
+    };
+    LinkedList.for_each(list, collect, &out);
+    return out;
+}
+
+struct RemoveCase {
+    int removed;  // position in the list 1, 2, 3
+    std::vector<int> left;
+};
+
+void PrintTo(const RemoveCase& c, std::ostream* os) {
+    *os << "entry " << c.removed;
+}
+
+class LinkedListRemove : public ::testing::TestWithParam<RemoveCase> {};
+
+TEST_P(LinkedListRemove, UnlinksWithoutFreeingTheEntry) {
+    const RemoveCase& c = GetParam();
+    List* list = LinkedList.create(&g_values[0]);
+    ListEntry* entries[] = {list->head, LinkedList.add(list, &g_values[1]),
+                            LinkedList.add(list, &g_values[2])};
+    g_destroyed.clear();
+    LinkedList.remove(list, entries[c.removed], record_destroy);
+    EXPECT_EQ(g_destroyed, std::vector<int>{c.removed + 1});
+    EXPECT_EQ(items(list), c.left);
+    EXPECT_EQ(*static_cast<int*>(list->tail->item), c.left.back());
+    // Removing the head leaves the new head's prev on the removed entry.
+    EXPECT_EQ(list->head->prev, c.removed == 0 ? entries[0] : nullptr);
+    free(entries[c.removed]);
+    LinkedList.free(list, nullptr);
+}
+
+INSTANTIATE_TEST_SUITE_P(Positions, LinkedListRemove,
+                         ::testing::Values(RemoveCase{0, {2, 3}}, RemoveCase{1, {1, 3}},
+                                           RemoveCase{2, {1, 2}}));
+
+TEST(LinkedList, SingleEntryAndPopFirst) {
+    List* list = LinkedList.create(nullptr);
+    EXPECT_EQ(LinkedList.size(list), 0u);
+    ListEntry* only = LinkedList.add(list, nullptr);  // null items are stored
+    EXPECT_EQ(list->tail, only);
+    LinkedList.remove(list, only, record_destroy);
+    EXPECT_EQ(list->head, nullptr);
+    EXPECT_EQ(list->tail, nullptr);
+    free(only);
+
+    ListEntry* first = LinkedList.add(list, &g_values[0]);
+    ListEntry* second = LinkedList.add(list, &g_values[1]);
+    EXPECT_EQ(LinkedList.pop_first(list), first);
+    EXPECT_EQ(first->next, second);  // popped links kept
+    EXPECT_EQ(second->prev, nullptr);
+    EXPECT_EQ(LinkedList.pop_first(list), second);
+    EXPECT_EQ(list->tail, nullptr);
+    EXPECT_EQ(LinkedList.pop_first(list), nullptr);
+    free(first);
+    free(second);
+    LinkedList.free(list, nullptr);
+}
+
+TEST(LinkedList, FindStopsAtFirstMatchAndFreeVisitsInOrder) {
+    int calls = 0;
+    auto pred = [](ListEntry*, void* count) { return ++*static_cast<int*>(count) == 2 ? 1 : 0; };
+    EXPECT_EQ(LinkedList.find(nullptr, pred, &calls), nullptr);
+    EXPECT_EQ(calls, 0);
+    List* list = LinkedList.create(&g_values[2]);
+    LinkedList.add(list, nullptr);
+    LinkedList.add(list, &g_values[0]);
+    EXPECT_EQ(LinkedList.find(list, pred, &calls), list->head->next);
+    EXPECT_EQ(LinkedList.size(list), 3u);
+    g_destroyed.clear();
+    LinkedList.free(list, record_destroy);
+    EXPECT_EQ(g_destroyed, (std::vector<int>{3, 1}));  // list order, null item skipped
+}
+
+}  // namespace
