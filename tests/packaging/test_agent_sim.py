@@ -74,14 +74,10 @@ class Client:
         seen = []
         while not seen or seen[-1]["status"] != until:
             event = self.recv()
-            self.assertions(event)
+            assert event["command"] == "tenants_event" and "id" not in event, event
             seen += [t for t in map(json.loads, event["data"]["tenants"])
                      if t["tenant_name"] == name]
         return seen
-
-    @staticmethod
-    def assertions(event):
-        assert event["command"] == "tenants_event" and "id" not in event, event
 
     def close(self):
         self.sock.close()
