@@ -7,44 +7,32 @@
 
 namespace {
 
-struct AddressCase {
-    const char* text;
-    int result;
-    const char* stored;  // destination after the call, or null if unwritten
-};
-
 // The parse-and-reprint rule: octets wrap in a signed byte and the reprint
-// must start the text.
-const AddressCase kAddresses[] = {
+// must start the text. "-" marks a destination left unwritten.
+// clang-format off
+const struct { const char* text; int result; const char* stored; } kAddresses[] = {
     {"127.0.0.1", 0, "127.0.0.1"}, {"255.255.255.255", 0, "255.255.255.255"},
-    {"0.0.0.0", 0, "0.0.0.0"},     {"1.2.3.4x", 0, "1.2.3.4"},
-    {"1.2.3.4.com", 0, "1.2.3.4"}, {"256.0.0.1", -1, "0.0.0.1"},
-    {"300.1.1.1", -1, "44.1.1.1"}, {"-1.0.0.0", -1, "255.0.0.0"},
-    {"010.0.0.1", -1, "10.0.0.1"}, {" 1.2.3.4", -1, "1.2.3.4"},
-    {"1.2.3", -1, nullptr},        {"", -1, nullptr},
-    {"a.b.c.d", -1, nullptr},      {nullptr, -1, nullptr},
+    {"1.2.3.4x", 0, "1.2.3.4"}, {"1.2.3.4.com", 0, "1.2.3.4"}, {"256.0.0.1", -1, "0.0.0.1"},
+    {"300.1.1.1", -1, "44.1.1.1"}, {"-1.0.0.0", -1, "255.0.0.0"}, {"010.0.0.1", -1, "10.0.0.1"},
+    {" 1.2.3.4", -1, "1.2.3.4"}, {"1.2.3", -1, "-"}, {"a.b.c.d", -1, "-"}, {nullptr, -1, "-"},
 };
+// clang-format on
 
 TEST(Parsing, IpAddresses) {
     for (const auto& c : kAddresses) {
-        char destination[IPV4_TEXT_SIZE] = "unwritten";
+        char destination[IPV4_TEXT_SIZE] = "-";
         EXPECT_EQ(Parsing.parse_ip_address(c.text, destination), c.result) << c.text;
-        EXPECT_STREQ(destination, c.stored != nullptr ? c.stored : "unwritten") << c.text;
+        EXPECT_STREQ(destination, c.stored) << c.text;
     }
 }
 
-struct PortCase {
-    const char* text;
-    int result;
-    uint16_t port;
-};
-
 TEST(Parsing, Ports) {
-    const PortCase cases[] = {
-        {"80", 0, 80},     {"1", 0, 1},  {"65535", 0, 65535}, {"80abc", 0, 80},
-        {" +443", 0, 443}, {"0", -1, 0}, {"65536", -1, 0},    {"-5", -1, 0},
-        {"abc", -1, 0},    {"", -1, 0},  {nullptr, -1, 0},
+    // clang-format off
+    const struct { const char* text; int result; uint16_t port; } cases[] = {
+        {"80", 0, 80}, {"1", 0, 1}, {"65535", 0, 65535}, {"80abc", 0, 80}, {" +443", 0, 443},
+        {"0", -1, 0}, {"65536", -1, 0}, {"-5", -1, 0}, {"abc", -1, 0}, {nullptr, -1, 0},
     };
+    // clang-format on
     for (const auto& c : cases) {
         uint16_t port = 0;
         EXPECT_EQ(Parsing.parse_port(c.text, &port), c.result) << c.text;
@@ -53,25 +41,16 @@ TEST(Parsing, Ports) {
 }
 
 TEST(Parsing, AddressAndPort) {
-    const struct {
-        const char* text;
-        int result;
-        const char* address;
-        uint16_t port;
-    } cases[] = {
-        {"1.2.3.4:80", 0, "1.2.3.4", 80},
-        {"1.2.3.4:65535", 0, "1.2.3.4", 65535},
-        {"1.2.3.4:80:90", 0, "1.2.3.4", 80},
-        {"1.2.3.4x:80", 0, "1.2.3.4", 80},
-        {"1.2.3.4:0", -1, "1.2.3.4", 0},
-        {"1.2.3.4:65536", -1, "1.2.3.4", 0},
-        {"1.2.3.4:-5", -1, "1.2.3.4", 0},
-        {"1.2.3.4:", -1, "1.2.3.4", 0},
-        {"1.2.3.4", -1, "1.2.3.4", 0},
-        {"300.1.1.1:80", -1, "44.1.1.1", 0},
-        {":80", -1, "", 0},
-        {nullptr, -1, "", 0},
+    // clang-format off
+    const struct { const char* text; int result; const char* address; uint16_t port; } cases[] = {
+        {"1.2.3.4:80", 0, "1.2.3.4", 80}, {"1.2.3.4:65535", 0, "1.2.3.4", 65535},
+        {"1.2.3.4:80:90", 0, "1.2.3.4", 80}, {"1.2.3.4x:80", 0, "1.2.3.4", 80},
+        {"1.2.3.4:0", -1, "1.2.3.4", 0}, {"1.2.3.4:65536", -1, "1.2.3.4", 0},
+        {"1.2.3.4:-5", -1, "1.2.3.4", 0}, {"1.2.3.4:", -1, "1.2.3.4", 0},
+        {"1.2.3.4", -1, "1.2.3.4", 0}, {"300.1.1.1:80", -1, "44.1.1.1", 0},
+        {":80", -1, "", 0}, {nullptr, -1, "", 0},
     };
+    // clang-format on
     for (const auto& c : cases) {
         char address[IPV4_TEXT_SIZE] = "";
         uint16_t port = 0;
@@ -81,89 +60,61 @@ TEST(Parsing, AddressAndPort) {
     }
 }
 
-std::string joined(List* list) {
-    std::string text;
-    for (ListEntry* entry = list->head; entry != nullptr; entry = entry->next) {
-        text += (text.empty() ? "" : "|") + std::string(static_cast<char*>(entry->item));
-    }
-    return text;
-}
-
-TEST(Parsing, ClearServices) {
+TEST(Parsing, ClearServicesKeepOrderAndStoredForm) {
     const std::string label63(63, 'a');
-    const struct {
-        std::string text;
-        int result;
-        std::string stored;
-    } cases[] = {
-        {"a.com,127.0.0.1,b", 0, "a.com|127.0.0.1|b"},
-        {"firstDomainName.net", 0, "firstDomainName.net"},
-        {"010.1.1.1", 0, "10.1.1.1"},
-        {"1.2.3.4.com,x-y.org", 0, "1.2.3.4|x-y.org"},
-        {label63 + ".com", 0, label63 + ".com"},
-        {"a.com,", -1, "a.com"},
-        {"a,,b", -1, "a"},
-        {"-a.com", -1, ""},
-        {label63 + "a.com", -1, ""},
-        {"a..b", -1, ""},
-        {"a_b.com", -1, ""},
+    // clang-format off
+    const struct { std::string text; int result; std::string stored; } cases[] = {
+        {"a.com,127.0.0.1,b", 0, "a.com|127.0.0.1|b|"}, {"010.1.1.1", 0, "10.1.1.1|"},
+        {"firstDomainName.net", 0, "firstDomainName.net|"}, {"1.2.3.4.com,x-y.org", 0, "1.2.3.4|x-y.org|"},
+        {label63 + ".com", 0, label63 + ".com|"}, {"a.com,", -1, "a.com|"}, {"a,,b", -1, "a|"},
+        {"-a.com", -1, ""}, {label63 + "a.com", -1, ""}, {"a..b", -1, ""}, {"a_b.com", -1, ""},
         {"", -1, ""},
     };
+    // clang-format on
     for (const auto& c : cases) {
         List* list = LinkedList.create(nullptr);
         ASSERT_NE(list, nullptr);
         EXPECT_EQ(Parsing.parse_clear_services(c.text.c_str(), list), c.result) << c.text;
-        EXPECT_EQ(joined(list), c.stored) << c.text;
+        std::string stored;
+        for (ListEntry* entry = list->head; entry != nullptr; entry = entry->next) {
+            stored += static_cast<char*>(entry->item) + std::string("|");
+        }
+        EXPECT_EQ(stored, c.stored) << c.text;
         LinkedList.free(list, free);
     }
-    List* list = LinkedList.create(nullptr);
-    EXPECT_EQ(Parsing.parse_clear_services(nullptr, list), -1);
-    EXPECT_EQ(LinkedList.size(list), 0u);
-    LinkedList.free(list, free);
+    EXPECT_EQ(Parsing.parse_clear_services(nullptr, nullptr), -1);
 }
 
-TEST(Parsing, DomainNames) {
+TEST(Parsing, DomainNamesAndStrictFormat) {
     const std::string label63(63, 'b');
     const std::string longest =
         label63 + "." + label63 + "." + label63 + "." + std::string(61, 'c');
-    const struct {
-        std::string text;
-        int result;
-    } cases[] = {
-        {"a", 0},   {"a-b.c0", 0}, {longest, 0}, {longest + "c", -1},
-        {"", -1},   {".a", -1},    {"a.", -1},   {"a..b", -1},
-        {"-a", -1}, {"a-", -1},    {"a b", -1},  {label63 + "b", -1},
+    ASSERT_EQ(longest.size(), 253u);
+    // clang-format off
+    const std::pair<std::string, int> names[] = {
+        {"a", 0}, {"a-b.c0", 0}, {longest, 0}, {longest + "c", -1}, {"", -1}, {".a", -1},
+        {"a.", -1}, {"a..b", -1}, {"-a", -1}, {"a-", -1}, {"a b", -1}, {label63 + "b", -1},
     };
-    for (const auto& c : cases) {
-        EXPECT_EQ(Parsing.is_valid_domain_name(c.text.c_str()), c.result) << c.text;
+    const std::pair<const char*, int> addresses[] = {
+        {"1.2.3.4", 0}, {"010.0.0.1", 0}, {"1.2.3.4x", -1}, {"256.1.1.1", -1}, {"1.2.3", -1},
+        {" 1.2.3.4", -1}, {nullptr, -1},
+    };
+    // clang-format on
+    for (const auto& [name, result] : names) {
+        EXPECT_EQ(Parsing.is_valid_domain_name(name.c_str()), result) << name;
     }
-    EXPECT_EQ(longest.size(), 253u);
-    EXPECT_EQ(Parsing.is_valid_domain_label(label63.c_str()), 0);
-    EXPECT_EQ(Parsing.is_valid_domain_label("a.b"), -1);
-}
-
-TEST(Parsing, StrictIpv4Format) {
-    const struct {
-        const char* text;
-        int result;
-    } cases[] = {
-        {"1.2.3.4", 0},    {"010.0.0.1", 0}, {"255.255.255.255", 0}, {"1.2.3.4x", -1},
-        {"256.1.1.1", -1}, {"1.2.3", -1},    {" 1.2.3.4", -1},       {nullptr, -1},
-    };
-    for (const auto& c : cases) {
-        EXPECT_EQ(Parsing.is_valid_ipv4_format(c.text), c.result) << c.text;
+    for (const auto& [text, result] : addresses) {
+        EXPECT_EQ(Parsing.is_valid_ipv4_format(text), result) << text;
     }
 }
 
 TEST(Parsing, TokensIncludingEmptyOnes) {
-    const struct {
-        const char* text;
-        const char* delimiter;
-        std::string tokens;
-    } cases[] = {
+    // clang-format off
+    const struct { const char* text; const char* delimiter; std::string tokens; } cases[] = {
         {"a,,b", ",", "[a][][b]"}, {"a,", ",", "[a][]"}, {"a::b:c", "::", "[a][b:c]"},
-        {"", ",", "[]"},           {"abc", "", "[abc]"},
+        {"", ",", "[]"}, {"abc", "", "[abc]"},
     };
+    // clang-format on
     for (const auto& c : cases) {
         std::string source = c.text;
         char* holder = source.data();
@@ -177,15 +128,6 @@ TEST(Parsing, TokensIncludingEmptyOnes) {
         }
         EXPECT_EQ(tokens, c.tokens) << c.text;
     }
-    char* cursor = nullptr;
-    EXPECT_EQ(Parsing.get_next_token(nullptr, ",", &cursor), nullptr);
-    EXPECT_EQ(Parsing.get_next_token(nullptr, nullptr, &cursor), nullptr);
-}
-
-TEST(Parsing, UpperCaseInPlace) {
-    char text[] = "socks5-Https";
-    Parsing.to_upper_case(text);
-    EXPECT_STREQ(text, "SOCKS5-HTTPS");
 }
 
 }  // namespace

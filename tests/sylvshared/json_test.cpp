@@ -12,8 +12,6 @@ struct Value {
     JsonValue* handle;
     explicit Value(JsonValue* value) : handle(value) {}
     ~Value() { json_free_value(handle); }
-    Value(const Value&) = delete;
-    Value& operator=(const Value&) = delete;
 };
 
 std::string serialized(const JsonValue* value) {
@@ -43,18 +41,13 @@ TEST(Json, EnvelopeKeepsOrderAndCopiesChild) {
 TEST(Json, SerializeRefusesWhatDoesNotFit) {
     Value value(json_parse(R"({"key": "value"})"));
     const std::string text = R"({"key":"value"})";
-    for (size_t size : {size_t{1}, text.size() - 1, text.size(), text.size() + 1}) {
-        char buffer[32] = "stale";
-        int written = json_serialize(value.handle, buffer, size);
-        if (size > text.size()) {
-            EXPECT_EQ(written, static_cast<int>(text.size()));
-            EXPECT_EQ(buffer, text);
-        } else {
-            EXPECT_LT(written, 0) << size;
-            EXPECT_STREQ(buffer, "") << size;
-        }
-    }
-    char buffer[8] = "stale";
+    char buffer[32] = "stale";
+    EXPECT_EQ(json_serialize(value.handle, buffer, text.size() + 1), static_cast<int>(text.size()));
+    EXPECT_EQ(buffer, text);
+    // One byte short (no room for the NUL): nothing partial is left.
+    EXPECT_LT(json_serialize(value.handle, buffer, text.size()), 0);
+    EXPECT_STREQ(buffer, "");
+    strcpy(buffer, "stale");
     EXPECT_LT(json_serialize(nullptr, buffer, sizeof buffer), 0);
     EXPECT_STREQ(buffer, "");
 
@@ -64,26 +57,25 @@ TEST(Json, SerializeRefusesWhatDoesNotFit) {
     EXPECT_LT(json_serialize(bad.handle, buffer, sizeof buffer), 0);
 }
 
-struct MemberCase {
-    const char* key;
-    const char* as_string;  // null: json_get_string_value fails
-    int as_int;
-    int as_bool;
-};
-
-const MemberCase kMembers[] = {
+// Expected reads of each member as string (null: refused), int and bool.
+// clang-format off
+const struct { const char* key; const char* as_string; int as_int; int as_bool; } kMembers[] = {
     {"text", "hello", -1, -1},  {"yes", "true", -1, 1},      {"no", "false", -1, 0},
     {"quoted", "true", -1, -1}, {"zero", nullptr, 0, -1},    {"negative", nullptr, -5, -1},
     {"huge", nullptr, -1, -1},  {"real", nullptr, -1, -1},   {"nothing", nullptr, -1, -1},
     {"list", nullptr, -1, -1},  {"object", nullptr, -1, -1}, {"missing", nullptr, -1, -1},
 };
+// clang-format on
 
 TEST(Json, MemberReadsByType) {
     Value doc(json_parse(R"({"text":"hello","yes":true,"no":false,"quoted":"true","zero":0,
         "negative":-5,"huge":3000000000,"real":1.5,"nothing":null,"list":[],"object":{}})"));
     ASSERT_NE(doc.handle, nullptr);
+    char buffer[16];
+    Value list(json_create_json_list());
+    EXPECT_EQ(json_get_string_value(list.handle, "k", buffer, sizeof buffer), -1);
+    EXPECT_EQ(json_add_string_child(list.handle, "k", "v"), -1);
     for (const auto& c : kMembers) {
-        char buffer[16] = "untouched";
         int length = json_get_string_value(doc.handle, c.key, buffer, sizeof buffer);
         if (c.as_string != nullptr) {
             EXPECT_EQ(length, static_cast<int>(strlen(c.as_string))) << c.key;
@@ -104,24 +96,6 @@ TEST(Json, StringCutToBufferOnCharacterBoundary) {
     // "h" then the two bytes of "é" do not fit in 3: the cut keeps "h" only.
     EXPECT_EQ(json_get_string_value(doc.handle, "u", buffer, 3), 1);
     EXPECT_STREQ(buffer, "h");
-}
-
-TEST(Json, NonObjectsAndNullsFail) {
-    Value list(json_create_json_list());
-    char buffer[8];
-    int count = -1;
-    EXPECT_EQ(json_get_string_value(list.handle, "k", buffer, sizeof buffer), -1);
-    EXPECT_EQ(json_get_string_value(nullptr, "k", buffer, sizeof buffer), -1);
-    EXPECT_EQ(json_get_int_value(list.handle, "k"), -1);
-    EXPECT_EQ(json_get_list_value(list.handle, "k", &count), nullptr);
-    EXPECT_EQ(count, -1);
-    EXPECT_EQ(json_add_string_child(list.handle, "k", "v"), -1);
-    EXPECT_EQ(json_add_string_to_list(list.handle, nullptr), -1);
-    Value object(json_create_json_object());
-    EXPECT_EQ(json_add_string_to_list(object.handle, "v"), -1);
-    EXPECT_EQ(json_add_string_child(object.handle, nullptr, "v"), -1);
-    json_free_value(nullptr);
-    json_free_list_value(nullptr, 3);
 }
 
 TEST(Json, ListOfMixedElements) {
@@ -146,18 +120,8 @@ TEST(Json, ListOfMixedElements) {
     EXPECT_NE(items, nullptr);
     EXPECT_EQ(count, 0);
     json_free_list_value(items, count);
-
-    // Built lists read back the same way.
-    Value built(json_create_json_object());
-    Value list(json_create_json_list());
-    ASSERT_EQ(json_add_string_to_list(list.handle, "one"), 0);
-    ASSERT_EQ(json_add_to_list(list.handle, doc.handle), 0);
-    ASSERT_EQ(json_add_child_to_object(built.handle, "l", list.handle), 0);
-    items = json_get_list_value(built.handle, "l", &count);
-    ASSERT_EQ(count, 2);
-    EXPECT_STREQ(items[0]->text, "one");
-    EXPECT_EQ(items[1]->type, JSON_LIST_ITEM_OTHER);
-    json_free_list_value(items, count);
+    EXPECT_EQ(json_get_list_value(doc.handle, "missing", &count), nullptr);
+    json_free_list_value(nullptr, 3);
 }
 
 TEST(Json, ParseRefusesInvalidAndTooDeepText) {
