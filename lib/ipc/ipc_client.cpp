@@ -1,0 +1,310 @@
+// IpcClient: announces itself, runs the command queue one request at a time
+// and routes events to the held subscriptions.
+#include "ipc/ipc_client.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "core/logger.h"
+#include "websocket/websocket_client.h"
+
+namespace {
+
+constexpr const char* ANNOUNCEMENT = "{\"command\": \"connection\", \"id\": 17}";
+constexpr const char* EVICTION_COMMAND = "please_disconnect";
+constexpr size_t RECEIVED_COMMAND_SIZE = 50;
+constexpr const char* BAD_MESSAGE = "Received a bad Json formatted message from server";
+constexpr const char* MISSING_DATA =
+    "Failed to retrieve data from response in receive_message_callback()";
+
+struct JsonDeleter {
+    void operator()(JsonValue* value) const { json_free_value(value); }
+};
+using JsonPtr = std::unique_ptr<JsonValue, JsonDeleter>;
+
+struct FreeDeleter {
+    void operator()(void* pointer) const { free(pointer); }
+};
+using TextPtr = std::unique_ptr<char, FreeDeleter>;
+
+IpcClientConfig* config_of(networkConnection* connection) {
+    // The connection was created with an IpcClientConfig as its settings.
+    return static_cast<IpcClientConfig*>(connection->config);
+}
+
+// Prints a callback's text on its own line, right away.
+void print_line(const char* text) {
+    printf("%s\n", text);
+    fflush(stdout);
+}
+
+bool is_empty(List* list) {
+    return LinkedList.size(list) == 0;
+}
+
+IpcCommand* head_command(IpcClientConfig* config) {
+    return static_cast<IpcCommand*>(config->commands->head->item);
+}
+
+// Raises IPC_EVENT_DISCONNECTED, then closes the WebSocket connection. The
+// running protocol state is freed here: callers inside a read callback return
+// at once.
+void ipc_client_disconnect(networkConnection* connection) {
+    if (connection == nullptr) {
+        Logger.error("Unable to disconnect IPC client because provided connection is NULL");
+        return;
+    }
+    CallbackEvent.notify(connection->dispatcher, IPC_EVENT_DISCONNECTED, connection);
+    WebSocketClient.close_websocket_connection(connection);
+}
+
+// Serialised size check and send of an already built request (which this
+// function always frees). 0, or -1 when it does not fit the envelope.
+int send_request(networkConnection* connection, JsonValue* request) {
+    char check[IPC_REQUEST_CHECK_SIZE];
+    if (json_serialize(request, check, sizeof check) < 0) {
+        Logger.fatal("Unable to serialized request. Stopped connection");
+        json_free_value(request);
+        return -1;
+    }
+    if (WebSocketClient.send(connection, request) < 0) {
+        // The command stays pending; the conversation's time-out settles it.
+        Logger.error("Unable to send IPC request");
+    }
+    return 0;
+}
+
+// Sends the request of the head command with a fresh id. The record stays at
+// the head until a message for it arrives. 0, or -1 (nothing sent).
+int execute_command(networkConnection* connection, IpcClientConfig* config) {
+    if (connection == nullptr || config == nullptr || is_empty(config->commands)) {
+        return -1;
+    }
+    IpcCommand* command = head_command(config);
+    if (command == nullptr) {
+        Logger.fatal("IPC client command data is NULL. This should not happen");
+        return -1;
+    }
+    if (command->execution_callback == nullptr) {
+        Logger.fatal("IPC client command execution callback is NULL. This should not happen");
+        return -1;
+    }
+    command->id = rand() % IPC_ID_RANGE;
+    JsonPtr request(json_create_json_object());
+    if (request == nullptr || json_add_string_child(request.get(), "command", command->name) != 0 ||
+        json_add_int_child(request.get(), "id", command->id) != 0) {
+        Logger.error("Unable to build IPC request %s", command->name);
+        return -1;
+    }
+    JsonPtr data(command->execution_callback(command->user_data));
+    if (data != nullptr && json_add_child_to_object(request.get(), "data", data.get()) != 0) {
+        Logger.error("Unable to build IPC request %s", command->name);
+        return -1;
+    }
+    return send_request(connection, request.release());
+}
+
+// Framing is up: announce, then send the head command without waiting.
+void connection_established_callback(networkConnection* connection) {
+    if (connection == nullptr || connection->config == nullptr) {
+        return;
+    }
+    JsonValue* announcement = json_parse(ANNOUNCEMENT);
+    if (announcement == nullptr) {
+        Logger.error("Unable to parse connection_string in connection_established_callback().");
+        return;
+    }
+    WebSocketClient.send(connection, announcement);
+    if (execute_command(connection, config_of(connection)) == -1) {
+        ipc_client_disconnect(connection);
+    }
+}
+
+void disconnected_callback(networkConnection* connection) {
+    if (connection == nullptr) {
+        return;
+    }
+    CallbackEvent.notify(connection->dispatcher, IPC_EVENT_DISCONNECTED, connection);
+}
+
+int subscription_has_event(ListEntry* entry, void* command) {
+    const auto* held = static_cast<const SubscriptionRequest*>(entry->item);
+    return held != nullptr && strncmp(held->event_name, static_cast<const char*>(command),
+                                      IPC_SUBSCRIPTION_FIELD_SIZE) == 0;
+}
+
+// What one received message came to.
+enum class Outcome {
+    Handled,  // an event delivered, or nothing pending: the queue stays
+    Evicted,  // "please_disconnect": the connection is already closed
+    Consumed  // the pending command is settled, well or badly
+};
+
+// Matches a response with the head command and runs its callback. `text`
+// receives what the callback returned.
+Outcome handle_response(networkConnection* connection, const JsonValue* message,
+                        const char* command_name, int id, TextPtr& text) {
+    IpcClientConfig* config = config_of(connection);
+    if (strcmp(command_name, EVICTION_COMMAND) == 0) {
+        CallbackEvent.notify(connection->dispatcher, IPC_EVENT_PLEASE_DISCONNECT, connection);
+        ipc_client_disconnect(connection);
+        return Outcome::Evicted;
+    }
+    if (is_empty(config->commands)) {
+        return Outcome::Handled;
+    }
+    IpcCommand* command = head_command(config);
+    if (command == nullptr) {
+        Logger.fatal("IPC client command data is NULL. This should not happen");
+    } else if (strcmp(command_name, command->name) != 0) {
+        Logger.error(
+            "We received a command that does not correspond to the expected. Expected: %s. "
+            "Received: %s",
+            command->name, command_name);
+    } else if (id != command->id) {
+        Logger.error("Received a bad id in response. Expected: %d and got %d", command->id, id);
+    } else if (command->response_callback == nullptr) {
+        Logger.fatal("IPC client command execution response is NULL. This should not happen");
+    } else {
+        JsonPtr data(json_get_json_value(message, "data"));
+        if (data == nullptr) {
+            Logger.error("%s", MISSING_DATA);
+        } else {
+            text.reset(command->response_callback(data.get()));
+        }
+    }
+    return Outcome::Consumed;
+}
+
+// Routes a message without id (or with a negative one): to its
+// subscription's callback, or handled as a response when it has none.
+Outcome handle_event(networkConnection* connection, const JsonValue* message,
+                     const char* command_name, int id, TextPtr& text) {
+    IpcClientConfig* config = config_of(connection);
+    ListEntry* entry = LinkedList.find(config->subscriptions, subscription_has_event,
+                                       const_cast<char*>(command_name));
+    if (entry == nullptr) {
+        Logger.error("%s", BAD_MESSAGE);
+        return Outcome::Consumed;
+    }
+    const auto* subscription = static_cast<const SubscriptionRequest*>(entry->item);
+    if (subscription->callback == nullptr) {
+        return handle_response(connection, message, command_name, id, text);
+    }
+    JsonPtr data(json_get_json_value(message, "data"));
+    if (data == nullptr) {
+        Logger.error("%s", MISSING_DATA);
+        return Outcome::Consumed;
+    }
+    TextPtr event_text(subscription->callback(data.get()));
+    if (event_text != nullptr) {
+        print_line(event_text.get());
+    }
+    return Outcome::Handled;
+}
+
+Outcome handle_message(networkConnection* connection, const char* text_message,
+                       char (&command_name)[RECEIVED_COMMAND_SIZE], TextPtr& text) {
+    JsonPtr message(json_parse(text_message));
+    if (message == nullptr ||
+        json_get_string_value(message.get(), "command", command_name, RECEIVED_COMMAND_SIZE) < 0) {
+        Logger.error("%s", BAD_MESSAGE);
+        return Outcome::Consumed;
+    }
+    int id = json_get_int_value(message.get(), "id");
+    if (id < 0) {
+        return handle_event(connection, message.get(), command_name, id, text);
+    }
+    return handle_response(connection, message.get(), command_name, id, text);
+}
+
+// The pending command is settled: drop it and send the next one, or end the
+// conversation when nothing is left to wait for.
+void advance_queue(networkConnection* connection) {
+    IpcClientConfig* config = config_of(connection);
+    ListEntry* head = LinkedList.pop_first(config->commands);
+    if (head != nullptr) {
+        free(head->item);
+        free(head);
+    }
+    if (is_empty(config->commands) && is_empty(config->subscriptions)) {
+        if (config->timeout_event != nullptr) {
+            event_del(config->timeout_event);
+            event_free(config->timeout_event);
+            config->timeout_event = nullptr;
+        }
+        ipc_client_disconnect(connection);
+        return;
+    }
+    // With subscriptions held and no command left, the connection stays open.
+    if (execute_command(connection, config) == -1 && is_empty(config->subscriptions)) {
+        ipc_client_disconnect(connection);
+    }
+}
+
+// One complete message from the framing layer (not NUL-terminated). Any
+// message that is not a delivered event settles the pending command, even a
+// malformed or mismatched one. Callbacks run from here may call exit().
+void receive_message_callback(networkConnection* connection, const uint8_t* bytes, uint64_t length,
+                              int /*is_binary*/) {
+    if (connection == nullptr || connection->config == nullptr || bytes == nullptr) {
+        return;
+    }
+    TextPtr copy(static_cast<char*>(malloc(length + 1)));
+    if (copy == nullptr) {
+        Logger.fatal("Unable to allocate memory for received IPC message");
+        return;
+    }
+    memcpy(copy.get(), bytes, length);
+    copy.get()[length] = '\0';
+
+    char command_name[RECEIVED_COMMAND_SIZE] = {};
+    TextPtr text;
+    Outcome outcome = handle_message(connection, copy.get(), command_name, text);
+    copy.reset();
+    if (outcome != Outcome::Consumed) {
+        return;
+    }
+    if (text != nullptr) {
+        print_line(text.get());
+        Logger.info("Executed command %s : %s", command_name, text.get());
+        text.reset();
+    }
+    advance_queue(connection);
+}
+
+// Sets the WebSocket callbacks and creates the connection; does not connect.
+networkConnection* instantiate_ipc_client(IpcClientConfig* config, struct event_base* base,
+                                          EventDispatcher* dispatcher) {
+    if (config == nullptr) {
+        Logger.error("Unable to instantiate IPC client because provided ipc config is NULL");
+        return nullptr;
+    }
+    // The connection copies its initial state at each attempt and keeps only
+    // a pointer to this one: one template lives for the whole process.
+    static ProtocolState* handshake = nullptr;
+    if (handshake == nullptr) {
+        handshake = WebSocketClient.create_websocket_client_handshake_state();
+    }
+    if (handshake == nullptr) {
+        Logger.error("Unable to instantiate IPC client because the handshake state is missing");
+        return nullptr;
+    }
+    WebSocketClient.set_callbacks(config, connection_established_callback, receive_message_callback,
+                                  disconnected_callback);
+    networkConnection* connection = Network.create_connection(handshake, config, base, dispatcher);
+    if (connection == nullptr) {
+        Logger.error("Unable to instantiate IPC client because its connection cannot be created");
+    }
+    return connection;
+}
+
+}  // namespace
+
+const IpcClientModule IpcClient = {
+    instantiate_ipc_client,   connection_established_callback,
+    receive_message_callback, disconnected_callback,
+    execute_command,          ipc_client_disconnect,
+};
