@@ -1,0 +1,444 @@
+// The client against a scripted Transfer Agent on a loopback ephemeral port.
+// The peer runs on its own thread with blocking sockets and frames messages
+// itself, apart from lib/websocket, so that one mistake cannot hide in both
+// ends. Every wait is bounded: socket waits by poll, the loop by a guard.
+#include "ipc/ipc_client.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <functional>
+#include <iostream>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ipc_test_log.h"
+#include "websocket/crypto.h"
+#include "websocket/websocket_client.h"
+
+namespace {
+
+using nlohmann::json;
+
+constexpr int WAIT_MS = 2000;
+
+class Peer {
+public:
+    Peer() {
+        listener_ = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t size = sizeof address;
+        bind(listener_, reinterpret_cast<sockaddr*>(&address), size);
+        listen(listener_, 1);
+        getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &size);
+        port_ = ntohs(address.sin_port);
+    }
+    ~Peer() {
+        join();
+        close(listener_);
+    }
+    uint16_t port() const { return port_; }
+
+    // Accepts one client, answers its handshake, then plays `script`.
+    void run(std::function<void(Peer&)> script) {
+        thread_ = std::thread([this, script] {
+            if (readable(listener_, WAIT_MS)) {
+                fd_ = accept(listener_, nullptr, nullptr);
+                if (handshake()) {
+                    script(*this);
+                } else {
+                    ADD_FAILURE() << "handshake failed";
+                }
+                close(fd_);
+            } else {
+                ADD_FAILURE() << "the client never connected";
+            }
+        });
+    }
+    void join() {
+        if (thread_.joinable()) {
+            thread_.join();
+        }
+    }
+
+    // One text frame from the client, parsed; null on a time-out, a close or
+    // a frame that is not a masked text frame.
+    json receive() {
+        uint8_t head[2];
+        if (!read_exact(head, 2)) {
+            return nullptr;
+        }
+        EXPECT_EQ(head[0], 0x81) << "FIN text frame expected";
+        EXPECT_TRUE(head[1] & 0x80) << "client frames are masked";
+        uint64_t length = head[1] & 0x7f;
+        uint8_t extended[8];
+        const int extra = length == 126 ? 2 : length == 127 ? 8 : 0;
+        if (extra != 0) {
+            read_exact(extended, extra);
+            length = 0;
+            for (int i = 0; i < extra; ++i) {
+                length = length << 8 | extended[i];
+            }
+        }
+        uint8_t key[4];
+        std::string payload(length, '\0');
+        if (!read_exact(key, 4) || !read_exact(payload.data(), length)) {
+            return nullptr;
+        }
+        for (size_t i = 0; i < length; ++i) {
+            payload[i] = static_cast<char>(payload[i] ^ key[i % 4]);
+        }
+        return json::parse(payload, nullptr, false);
+    }
+    void send_text(const std::string& text) {
+        std::string frame = "\x81";
+        if (text.size() < 126) {
+            frame += static_cast<char>(text.size());
+        } else {
+            frame += static_cast<char>(126);
+            frame += static_cast<char>(text.size() >> 8);
+            frame += static_cast<char>(text.size() & 0xff);
+        }
+        write_all(frame + text);
+    }
+    // Answers `request` with its own command and id.
+    void answer(const json& request, const json& data) {
+        send_text(
+            json{{"command", request["command"]}, {"id", request["id"]}, {"data", data}}.dump());
+    }
+    // Nothing sent and the connection still open for `ms`.
+    bool silent(int ms) { return !readable(fd_, ms); }
+    // The client closed its end within the usual wait.
+    bool closed_by_client() {
+        char byte;
+        return readable(fd_, WAIT_MS) && recv(fd_, &byte, 1, MSG_PEEK) == 0;
+    }
+
+private:
+    static bool readable(int fd, int ms) {
+        pollfd watched{fd, POLLIN, 0};
+        return poll(&watched, 1, ms) == 1;
+    }
+    bool read_exact(void* into, size_t count) {
+        auto* bytes = static_cast<char*>(into);
+        for (size_t got = 0; got < count;) {
+            ssize_t n = readable(fd_, WAIT_MS) ? recv(fd_, bytes + got, count - got, 0) : -1;
+            if (n <= 0) {
+                return false;
+            }
+            got += static_cast<size_t>(n);
+        }
+        return true;
+    }
+    void write_all(const std::string& bytes) {
+        EXPECT_EQ(send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL),
+                  static_cast<ssize_t>(bytes.size()));
+    }
+    // The whole answer goes out in one write: the client reads it only once.
+    bool handshake() {
+        std::string request;
+        char chunk[512];
+        while (request.find("\r\n\r\n") == std::string::npos) {
+            ssize_t n = readable(fd_, WAIT_MS) ? recv(fd_, chunk, sizeof chunk, 0) : -1;
+            if (n <= 0) {
+                return false;
+            }
+            request.append(chunk, static_cast<size_t>(n));
+        }
+        const std::string marker = "Sec-WebSocket-Key: ";
+        const size_t at = request.find(marker);
+        if (request.rfind("GET / HTTP/1.1\r\n", 0) != 0 || at == std::string::npos) {
+            return false;
+        }
+        const size_t start = at + marker.size();
+        const std::string key = request.substr(start, request.find("\r\n", start) - start);
+        const std::string solved = key + "258EAFA5-E914-47DA-95CA-C5AB0DC85B11";
+        uint8_t digest[20];
+        Crypto.sha1_compute(reinterpret_cast<const uint8_t*>(solved.data()), solved.size(), digest);
+        char* accept = Crypto.base64_encode(digest, sizeof digest, nullptr);
+        write_all(std::string("HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\n") +
+                  "Connection: Upgrade\r\nSec-WebSocket-Accept: " + accept + "\r\n\r\n");
+        free(accept);
+        return true;
+    }
+
+    int listener_ = -1;
+    int fd_ = -1;
+    uint16_t port_ = 0;
+    std::thread thread_;
+};
+
+// What the loop saw; dispatcher subscribers and IPC callbacks take no context.
+struct Seen {
+    std::vector<uint32_t> events;
+    std::vector<std::string> delivered;
+    bool timed_out = false;
+};
+Seen seen;
+
+void record_event(uint32_t id, void*) {
+    seen.events.push_back(id);
+    if (id == IPC_EVENT_DISCONNECTED) {
+        event_base_loopbreak(Network.get_event_base());
+    }
+}
+void stop_loop(evutil_socket_t, short, void* timed_out) {
+    *static_cast<bool*>(timed_out) = true;
+    event_base_loopbreak(Network.get_event_base());
+}
+
+std::string text_of(const JsonValue* value) {
+    char text[1000] = {};
+    json_serialize(value, text, sizeof text);
+    return text;
+}
+char* on_response(JsonValue* data) {
+    seen.delivered.push_back("response " + text_of(data));
+    return strdup(("answered " + text_of(data)).c_str());
+}
+char* on_event(JsonValue* data) {
+    seen.delivered.push_back("event " + text_of(data));
+    return strdup(("event " + text_of(data)).c_str());
+}
+JsonValue* no_data(void*) {
+    return nullptr;
+}
+JsonValue* data_from_text(void* text) {
+    return json_parse(static_cast<const char*>(text));
+}
+
+class IpcClientTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (!Network.is_initialized()) {
+            ASSERT_EQ(Network.init(), 0);
+        }
+        seen = Seen{};
+        dispatcher_ = CallbackEvent.create(Network.get_event_base(), DISPATCHER_EVENT_COUNT);
+        CallbackEvent.subscribe(dispatcher_, IPC_EVENT_DISCONNECTED, record_event);
+        CallbackEvent.subscribe(dispatcher_, IPC_EVENT_PLEASE_DISCONNECT, record_event);
+        config_ = IpcConfig.create_client_ipc_config("127.0.0.1", peer_.port(), -1, 1);
+    }
+    void TearDown() override {
+        peer_.join();
+        if (connection_ != nullptr) {
+            // A hang-up by the peer leaves the WebSocket state to the owner.
+            WebSocketClient.close_websocket_connection(connection_);
+            Network.destroy_connection(connection_);
+        }
+        IpcConfig.free_ipc_config(config_);
+        event_base_loop(Network.get_event_base(), EVLOOP_NONBLOCK);  // leftover deliveries
+        CallbackEvent.destroy(dispatcher_);
+    }
+    void subscribe(ResponseCallback callback) {
+        auto* subscription =
+            static_cast<SubscriptionRequest*>(calloc(1, sizeof(SubscriptionRequest)));
+        strcpy(subscription->subscription_name, "services_subscription");
+        strcpy(subscription->event_name, "tenants_event");
+        subscription->callback = callback;
+        List* list = LinkedList.create(subscription);
+        IpcConfig.add_subscriptions(config_, list);
+        LinkedList.free(list, nullptr);
+    }
+    // Runs the client until event 46 or the guard, and returns its stdout.
+    std::string converse(std::function<void(Peer&)> script) {
+        IpcConfig.set_timeout(config_, Network.get_event_base(), stop_loop, &seen.timed_out, 5);
+        connection_ = IpcClient.instantiate_ipc_client(config_, nullptr, dispatcher_);
+        EXPECT_NE(connection_, nullptr);
+        bool guard_fired = false;
+        event* guard =
+            CallbackEvent.set_timer(Network.get_event_base(), stop_loop, &guard_fired, 4, 0, false);
+        peer_.run(std::move(script));
+        testing::internal::CaptureStdout();
+        Network.perform_connection(connection_);
+        event_base_dispatch(Network.get_event_base());
+        event_free(guard);
+        peer_.join();
+        std::string out = testing::internal::GetCapturedStdout();
+        if (HasFailure()) {
+            std::cerr << out;  // gtest's own reports went there too
+        }
+        EXPECT_FALSE(guard_fired);
+        return out;
+    }
+
+    Peer peer_;
+    EventDispatcher* dispatcher_ = nullptr;
+    IpcClientConfig* config_ = nullptr;
+    networkConnection* connection_ = nullptr;
+    LogTail log_;
+};
+
+const json ANNOUNCEMENT = {{"command", "connection"}, {"id", 17}};
+
+TEST_F(IpcClientTest, FullConversationWithTwoCommandsAndASubscription) {
+    subscribe(on_event);
+    IpcConfig.add_command(config_, "get_tenants", no_data, nullptr, on_response);
+    IpcConfig.add_command(config_, "get_proxy", data_from_text,
+                          const_cast<char*>(R"({"mode":"none"})"), on_response);
+    std::string out = converse([](Peer& peer) {
+        EXPECT_EQ(peer.receive(), ANNOUNCEMENT);
+        json request = peer.receive();
+        EXPECT_EQ(request["command"], "subscription");
+        EXPECT_EQ(request["data"], json::parse(R"({"subscriptions":["services_subscription"]})"));
+        EXPECT_TRUE(peer.silent(150)) << "a second request before the first was answered";
+        peer.send_text(R"({"command":"tenants_event","data":{"n":1}})");
+        EXPECT_TRUE(peer.silent(150)) << "an event advanced the queue";
+        peer.answer(request, json::parse(R"({"subscriptions":[]})"));
+        for (auto [name, data] :
+             {std::pair{"get_tenants", json()}, {"get_proxy", {{"mode", "none"}}}}) {
+            request = peer.receive();
+            EXPECT_EQ(request["command"], name);
+            EXPECT_GE(request["id"], 0);
+            EXPECT_LT(request["id"], IPC_ID_RANGE);
+            EXPECT_EQ(request.value("data", json()), data);
+            peer.answer(request, {{"for", name}});
+        }
+        EXPECT_TRUE(peer.silent(300)) << "the held subscription must keep the connection";
+        peer.send_text(R"({"command":"tenants_event","id":-1,"data":{"n":2}})");
+        peer.silent(150);
+    });
+    EXPECT_EQ(seen.delivered,
+              (std::vector<std::string>{"event {\"n\":1}", R"(response {"for":"get_tenants"})",
+                                        R"(response {"for":"get_proxy"})", "event {\"n\":2}"}));
+    EXPECT_EQ(out,
+              "event {\"n\":1}\nanswered {\"for\":\"get_tenants\"}\n"
+              "answered {\"for\":\"get_proxy\"}\nevent {\"n\":2}\n");
+    EXPECT_TRUE(log_.contains("Executed command get_proxy : answered {\"for\":\"get_proxy\"}"));
+    EXPECT_NE(config_->timeout_event, nullptr);
+    EXPECT_EQ(seen.events, std::vector<uint32_t>{IPC_EVENT_DISCONNECTED});  // the peer hung up
+}
+
+TEST_F(IpcClientTest, RequestWithoutBuilderDataHasNoDataKey) {
+    IpcConfig.add_command(config_, "get_tenants", no_data, nullptr, on_response);
+    converse([](Peer& peer) {
+        EXPECT_EQ(peer.receive(), ANNOUNCEMENT);
+        json request = peer.receive();
+        EXPECT_EQ(request.size(), 2u) << request.dump();
+        peer.answer(request, json::object());
+        EXPECT_TRUE(peer.closed_by_client());
+    });
+    EXPECT_EQ(seen.delivered, std::vector<std::string>{"response {}"});
+}
+
+// A message that does not settle the pending command properly still consumes
+// it: the next command goes out, and the run ends once the queue is empty.
+struct BadAnswer {
+    const char* name;
+    const char* reply;  // {ID} is the pending id, {WRONG} another one
+    const char* logged;
+};
+
+class ConsumedCommandTest : public IpcClientTest,
+                            public ::testing::WithParamInterface<BadAnswer> {};
+
+std::string fill(std::string text, int id) {
+    for (auto [mark, value] : {std::pair{"{ID}", id}, std::pair{"{WRONG}", (id + 1) % 15000}}) {
+        for (size_t at; (at = text.find(mark)) != std::string::npos;) {
+            text.replace(at, strlen(mark), std::to_string(value));
+        }
+    }
+    return text;
+}
+
+TEST_P(ConsumedCommandTest, NextCommandIsSentAndRunEnds) {
+    IpcConfig.add_command(config_, "first", no_data, nullptr, on_response);
+    IpcConfig.add_command(config_, "second", no_data, nullptr, on_response);
+    int first_id = -1;
+    converse([&first_id](Peer& peer) {
+        EXPECT_EQ(peer.receive(), ANNOUNCEMENT);
+        first_id = peer.receive().value("id", -1);
+        peer.send_text(fill(GetParam().reply, first_id));
+        json second = peer.receive();
+        EXPECT_EQ(second["command"], "second");
+        peer.answer(second, "done");
+        EXPECT_TRUE(peer.closed_by_client());
+    });
+    EXPECT_EQ(seen.delivered, std::vector<std::string>{"response \"done\""});
+    EXPECT_EQ(seen.events, std::vector<uint32_t>{IPC_EVENT_DISCONNECTED});
+    EXPECT_EQ(config_->timeout_event, nullptr) << "the time-out outlived the conversation";
+    EXPECT_EQ(LinkedList.size(config_->commands), 0u);
+    EXPECT_TRUE(log_.contains(fill(GetParam().logged, first_id))) << log_.text();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Answers, ConsumedCommandTest,
+    ::testing::Values(
+        BadAnswer{"Garbage", "not json", "Received a bad Json formatted message from server"},
+        BadAnswer{"NoCommand", R"({"id":{ID},"data":{}})",
+                  "Received a bad Json formatted message from server"},
+        BadAnswer{"WrongId", R"({"command":"first","id":{WRONG},"data":{}})",
+                  "Received a bad id in response. Expected: {ID} and got {WRONG}"},
+        BadAnswer{"WrongCommand", R"({"command":"second","id":{ID},"data":{}})",
+                  "We received a command that does not correspond to the expected. Expected: "
+                  "first. Received: second"},
+        BadAnswer{"NoData", R"({"command":"first","id":{ID}})",
+                  "Failed to retrieve data from response in receive_message_callback()"},
+        BadAnswer{"EvictionWithoutId", R"({"command":"please_disconnect","data":{}})",
+                  "Received a bad Json formatted message from server"},
+        BadAnswer{"UnknownEvent", R"({"command":"tenants_event","id":-3,"data":{}})",
+                  "Received a bad Json formatted message from server"}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+TEST_F(IpcClientTest, EvictionRaises47Then46AndCloses) {
+    IpcConfig.add_command(config_, "get_tenants", no_data, nullptr, on_response);
+    converse([](Peer& peer) {
+        EXPECT_EQ(peer.receive(), ANNOUNCEMENT);
+        peer.receive();
+        peer.send_text(R"({"command":"please_disconnect","id":0})");
+        EXPECT_TRUE(peer.closed_by_client());
+    });
+    EXPECT_EQ(seen.events,
+              (std::vector<uint32_t>{IPC_EVENT_PLEASE_DISCONNECT, IPC_EVENT_DISCONNECTED}));
+    EXPECT_TRUE(seen.delivered.empty());
+}
+
+// An event for a subscription without callback is taken as a response, here
+// to the pending "subscription" request, whose name it does not carry.
+TEST_F(IpcClientTest, EventOfSubscriptionWithoutCallbackConsumesTheCommand) {
+    subscribe(nullptr);
+    IpcConfig.add_command(config_, "get_tenants", no_data, nullptr, on_response);
+    converse([](Peer& peer) {
+        EXPECT_EQ(peer.receive(), ANNOUNCEMENT);
+        EXPECT_EQ(peer.receive()["command"], "subscription");
+        peer.send_text(R"({"command":"tenants_event","data":{}})");
+        json request = peer.receive();
+        EXPECT_EQ(request["command"], "get_tenants");
+        peer.answer(request, 1);
+    });
+    EXPECT_EQ(seen.delivered, std::vector<std::string>{"response 1"});
+    EXPECT_TRUE(log_.contains("Expected: subscription. Received: tenants_event"));
+}
+
+// Nothing to send after the announcement: the client hangs up at once.
+class NothingToSendTest : public IpcClientTest, public ::testing::WithParamInterface<bool> {};
+
+TEST_P(NothingToSendTest, EndsRightAfterTheAnnouncement) {
+    const std::string huge = "\"" + std::string(1000, 'x') + "\"";
+    if (GetParam()) {
+        IpcConfig.add_command(config_, "add_tenant", data_from_text,
+                              const_cast<char*>(huge.c_str()), on_response);
+    }
+    converse([](Peer& peer) {
+        // The close comes at once: it may drop the announcement still queued.
+        json first = peer.receive();
+        EXPECT_TRUE(first.is_null() || first == ANNOUNCEMENT) << first;
+        EXPECT_TRUE(peer.closed_by_client());
+    });
+    EXPECT_EQ(seen.events, std::vector<uint32_t>{IPC_EVENT_DISCONNECTED});
+    EXPECT_EQ(log_.contains("Unable to serialized request. Stopped connection"), GetParam());
+}
+
+INSTANTIATE_TEST_SUITE_P(Queues, NothingToSendTest, ::testing::Bool(), [](const auto& row) {
+    return std::string(row.param ? "RequestOver1000Bytes" : "EmptyQueue");
+});
+
+}  // namespace
