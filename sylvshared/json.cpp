@@ -21,7 +21,7 @@ struct JsonValue {
 
 namespace {
 
-// Copying, serialising and freeing a tree recurse once per level, so deeper
+// Copying and serialising a tree recurse once per level, so deeper
 // documents are refused at parse time rather than risk the stack.
 constexpr int kMaxDepth = 128;
 

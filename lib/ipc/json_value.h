@@ -29,10 +29,12 @@ typedef struct JsonListItem {
     char* text;   /* the string's text for a string element, else null */
 } JsonListItem;
 
-/* New value from NUL-terminated text, or null when it is not valid JSON. */
+/* New value from NUL-terminated text, or null when it is not valid JSON or
+ * nests deeper than 128 levels. */
 JsonValue* json_parse(const char* text);
 /* Writes the compact text and its NUL into buffer. Returns its length, or a
- * negative value (buffer left empty) when it does not fit or on bad input. */
+ * negative value (buffer left empty) when it does not fit or on bad input,
+ * such as a string that is not valid UTF-8. */
 int json_serialize(const JsonValue* value, char* buffer, size_t size);
 JsonValue* json_create_json_object(void);
 JsonValue* json_create_json_list(void);
@@ -47,8 +49,10 @@ int json_add_child_to_object(JsonValue* object, const char* key, const JsonValue
 int json_add_string_to_list(JsonValue* list, const char* text);
 int json_add_to_list(JsonValue* list, const JsonValue* value);
 /* Copies the string member (a boolean reads as "true" or "false") into
- * buffer, cut to size-1 bytes and NUL-terminated. Returns its length (0 or
- * more), or -1 when value is null, the member is missing or of another type. */
+ * buffer, cut to at most size-1 bytes (never inside a UTF-8 character) and
+ * NUL-terminated. Returns the length copied (0 or more), or -1 when value is
+ * null, the member is missing or of another type; the buffer is then left as
+ * it was. */
 int json_get_string_value(const JsonValue* value, const char* key, char* buffer, size_t size);
 /* The integer member, or -1 when missing, not an integer or outside int. */
 int json_get_int_value(const JsonValue* value, const char* key);
