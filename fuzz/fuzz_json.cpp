@@ -1,0 +1,113 @@
+// The JSON value interface on arbitrary text: parsing, every getter on the
+// parsed value, list reading as the front end does it, and serialising into
+// buffers that are too small and large enough.
+#include <cstdint>
+#include <cstring>
+#include <string>
+
+#include "ipc/json_value.h"
+
+namespace {
+
+// Keys the tool reads, plus one taken from the input.
+const char* const kKeys[] = {"command", "id",           "data",         "tenants", "tenant_name",
+                             "status",  "ip_address",   "port",         "uuid",    "onion_address",
+                             "reason",  "synchronized", "virtual_port", "ack",     "added",
+                             "success", "enabled",      "type",         ""};
+// Buffer sizes callers use, and the smallest possible.
+const size_t kTextSizes[] = {1, 9, 17, 20, 37, 40, 50, 63, 100, 255};
+
+void check_string(const JsonValue* value, const char* key) {
+    for (const size_t size : kTextSizes) {
+        char buffer[256];
+        memset(buffer, 'x', sizeof buffer);
+        const int result = json_get_string_value(value, key, buffer, size);
+        if (result >= 0 && (memchr(buffer, '\0', size) == nullptr || buffer[size] != 'x')) {
+            __builtin_trap();  // unterminated, or written beyond the size
+        }
+    }
+}
+
+void check_serialize(const JsonValue* value) {
+    static char large[1 << 20];
+    const int length = json_serialize(value, large, sizeof large);
+    if (length < 0) {
+        return;
+    }
+    if (strlen(large) != static_cast<size_t>(length)) {
+        __builtin_trap();
+    }
+    // One byte short must be refused whole, with nothing left to send.
+    std::string small(static_cast<size_t>(length), 'x');
+    if (length > 0) {
+        if (json_serialize(value, small.data(), small.size()) >= 0 || small[0] != '\0') {
+            __builtin_trap();
+        }
+    }
+    // What was written reads back to the same text.
+    JsonValue* again = json_parse(large);
+    if (again == nullptr) {
+        __builtin_trap();
+    }
+    std::string first(large, static_cast<size_t>(length));
+    if (json_serialize(again, large, sizeof large) != length || first != large) {
+        __builtin_trap();
+    }
+    json_free_value(again);
+}
+
+void check_value(const JsonValue* value, const char* extra_key, int depth) {
+    check_serialize(value);
+    for (const char* key :
+         {extra_key, kKeys[0],  kKeys[1],  kKeys[2],  kKeys[3],  kKeys[4],  kKeys[5],
+          kKeys[6],  kKeys[7],  kKeys[8],  kKeys[9],  kKeys[10], kKeys[11], kKeys[12],
+          kKeys[13], kKeys[14], kKeys[15], kKeys[16], kKeys[17], kKeys[18]}) {
+        check_string(value, key);
+        const int boolean = json_get_bool_value(value, key);
+        if (boolean < -1 || boolean > 1) {
+            __builtin_trap();
+        }
+        (void)json_get_int_value(value, key);
+        (void)json_is_key_present(value, key);
+        JsonValue* member = json_get_json_value(value, key);
+        if (member != nullptr && depth < 2) {
+            check_value(member, extra_key, depth + 1);
+        }
+        json_free_value(member);
+        int count = -1;
+        JsonListItem** items = json_get_list_value(value, key, &count);
+        if (items != nullptr && count < 0) {
+            __builtin_trap();
+        }
+        for (int i = 0; items != nullptr && i < count; ++i) {
+            if (items[i] == nullptr ||
+                (items[i]->type == JSON_LIST_ITEM_STRING) != (items[i]->text != nullptr)) {
+                __builtin_trap();
+            }
+            // Elements are JSON texts of their own.
+            JsonValue* element = items[i]->type == JSON_LIST_ITEM_STRING && depth < 2
+                                     ? json_parse(items[i]->text)
+                                     : nullptr;
+            if (element != nullptr) {
+                check_value(element, extra_key, depth + 1);
+            }
+            json_free_value(element);
+        }
+        json_free_list_value(items, count);
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    // Text up to the first NUL is the document; what follows is a key.
+    const std::string bytes(reinterpret_cast<const char*>(data), size);
+    const std::string text = bytes.substr(0, bytes.find('\0'));
+    const std::string key = text.size() < bytes.size() ? bytes.substr(text.size() + 1) : "";
+    JsonValue* value = json_parse(text.c_str());
+    if (value != nullptr) {
+        check_value(value, key.c_str(), 0);
+    }
+    json_free_value(value);
+    return 0;
+}
