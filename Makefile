@@ -29,8 +29,11 @@ test-asan: build-asan
 # Every test, in a normal build and in an ASan + UBSan build.
 check: test test-asan
 
-# A short tour of the tool against the Transfer Agent simulator.
-demo: build
+# A short tour of the tool against the Transfer Agent simulator; builds
+# only the tool.
+demo: deps
+	cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
+	cmake --build $(BUILD) -j $(JOBS) --target sylvane-service
 	@tools/demo.sh $(BUILD)/cli/sylvane-service
 
 # Release build in build-package/, then a Debian package there.
