@@ -76,6 +76,12 @@ void parse_service_target(ServiceRequest* request, const char* address,
     }
 }
 
+// Runs the conversation; back here, nothing is left to do with it.
+void run(IpcClientConfig* config) {
+    run_ipc_client(config);
+    stop_transfer_agent_client(config);
+}
+
 void free_text(void* text) {
     free(text);
 }
@@ -213,7 +219,7 @@ void add_service(const char* name, const char* address, const char* forwarding_p
     arm_timeout(config, agent_timeout_callback, 4);
     add_subscription_list(config, subscriptions);
     IpcConfig.add_command(config, "add_tenant", build_add_request, &request, add_response);
-    run_ipc_client(config);
+    run(config);
 }
 
 void edit_service(const char* name, const char* address, const char* forwarding_port) {
@@ -223,7 +229,7 @@ void edit_service(const char* name, const char* address, const char* forwarding_
     snprintf(request.name, sizeof request.name, "%s", name);
     arm_timeout(config, agent_timeout_callback, 4);
     IpcConfig.add_command(config, "edit_tenant", build_edit_request, &request, edit_response);
-    run_ipc_client(config);
+    run(config);
 }
 
 // The builders take the name as it is (uncut) and never write through it.
@@ -232,14 +238,14 @@ void remove_service(const char* name) {
     arm_timeout(config, timeout_callback, 4);
     IpcConfig.add_command(config, "remove_tenant", build_remove_request, const_cast<char*>(name),
                           remove_response);
-    run_ipc_client(config);
+    run(config);
 }
 
 void list_services() {
     IpcClientConfig* config = start_transfer_agent_client();
     arm_timeout(config, timeout_callback, 2);
     IpcConfig.add_command(config, "get_tenants", build_empty_request, nullptr, list_response);
-    run_ipc_client(config);
+    run(config);
 }
 
 void enable_service(const char* name) {
@@ -249,7 +255,7 @@ void enable_service(const char* name) {
     add_subscription_list(config, subscriptions);
     IpcConfig.add_command(config, "connect_tenants", build_connect_request, const_cast<char*>(name),
                           enable_response);
-    run_ipc_client(config);
+    run(config);
 }
 
 void disable_service(const char* name) {
@@ -259,14 +265,14 @@ void disable_service(const char* name) {
     add_subscription_list(config, subscriptions);
     IpcConfig.add_command(config, "disconnect_tenants", build_disconnect_request,
                           const_cast<char*>(name), disable_response);
-    run_ipc_client(config);
+    run(config);
 }
 
 void get_proxy_config() {
     IpcClientConfig* config = start_transfer_agent_client();
     arm_timeout(config, agent_timeout_callback, 4);
     IpcConfig.add_command(config, "get_proxy", build_empty_request, nullptr, get_proxy_response);
-    run_ipc_client(config);
+    run(config);
 }
 
 void set_proxy_state(int enable) {
@@ -274,7 +280,7 @@ void set_proxy_state(int enable) {
     arm_timeout(config, agent_timeout_callback, 4);
     IpcConfig.add_command(config, "set_proxy", build_enable_flag_request, &enable,
                           set_proxy_response);
-    run_ipc_client(config);
+    run(config);
 }
 
 void save_proxy_config(const char* address, const char* proxy_type) {
@@ -301,7 +307,7 @@ void save_proxy_config(const char* address, const char* proxy_type) {
     arm_timeout(config, agent_timeout_callback, 4);
     IpcConfig.add_command(config, "save_proxy", build_save_proxy_request, &request,
                           save_proxy_response);
-    run_ipc_client(config);
+    run(config);
 }
 
 void set_authentication_audit_state(int enable) {
@@ -309,7 +315,7 @@ void set_authentication_audit_state(int enable) {
     arm_timeout(config, agent_timeout_callback, 4);
     IpcConfig.add_command(config, "set_authentication_audit", build_enable_flag_request, &enable,
                           audit_response);
-    run_ipc_client(config);
+    run(config);
 }
 
 // The two number messages are crossed relative to their fields (the file
@@ -348,5 +354,5 @@ void save_traceability_config(const char* target, const char* path, const char* 
     arm_timeout(config, agent_timeout_callback, 4);
     IpcConfig.add_command(config, "save_traceability_logger_config", build_traceability_request,
                           &request, traceability_response);
-    run_ipc_client(config);
+    run(config);
 }

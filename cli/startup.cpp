@@ -61,7 +61,8 @@ IpcClientConfig* start_transfer_agent_client() {
 }
 
 // A client that cannot be instantiated is not scheduled; the command's
-// time-out, armed before, then reports the failure.
+// time-out, armed before, then reports the failure. The loop runs dry only
+// after the client has closed the connection, which is then released.
 int run_ipc_client(IpcClientConfig* config) {
     struct event_base* base = Network.get_event_base();
     networkConnection* connection =
@@ -69,7 +70,15 @@ int run_ipc_client(IpcClientConfig* config) {
     if (connection != nullptr) {
         CallbackEvent.register_callback(base, connect_callback, connection, 0);
     }
-    return event_base_dispatch(base);
+    int result = event_base_dispatch(base);
+    Network.destroy_connection(connection);
+    return result;
+}
+
+void stop_transfer_agent_client(IpcClientConfig* config) {
+    IpcConfig.free_ipc_config(config);
+    CallbackEvent.destroy(event_dispatcher);
+    event_dispatcher = nullptr;
 }
 
 void busy_callback(uint32_t, void*) {

@@ -34,6 +34,10 @@ IpcClientConfig* start_transfer_agent_client();
 // the loop until it has no more work. Returns event_base_dispatch's result.
 int run_ipc_client(IpcClientConfig* config);
 
+// Frees the config (with its subscription records) and the dispatcher once
+// the loop has returned.
+void stop_transfer_agent_client(IpcClientConfig* config);
+
 // Subscriber of IPC_EVENT_PLEASE_DISCONNECT: another client is being served.
 // Prints and exits 1.
 void busy_callback(uint32_t event_id, void* data);

@@ -1,0 +1,115 @@
+// Request builders: the exact "data" text each command puts on the wire,
+// and the service name they leave for the response handlers.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "cli/commands.h"
+#include "cli/startup.h"
+#include "core/linked_list.h"
+
+// The disconnect builder keeps its JSON list until the process ends.
+extern "C" const char* __lsan_default_suppressions() {
+    return "leak:build_disconnect_request\n";
+}
+// Quiet, so the death tests see only the tool's own messages.
+extern "C" const char* __lsan_default_options() {
+    return "print_suppressions=0";
+}
+
+namespace {
+
+std::string serialized(JsonValue* value) {
+    char buffer[2048];
+    int length = json_serialize(value, buffer, sizeof buffer);
+    json_free_value(value);
+    return length < 0 ? "<unserialisable>" : std::string(buffer, length);
+}
+
+ServiceRequest service(const char* name) {
+    ServiceRequest request{};
+    snprintf(request.name, sizeof request.name, "%s", name);
+    snprintf(request.ip_address, sizeof request.ip_address, "10.0.0.1");
+    request.port = 443;
+    request.virtual_port = 8443;
+    memset(request.api_key, 'k', API_KEY_LENGTH);
+    return request;
+}
+
+TEST(RequestBuilders, AddCopiesClearServicesInOrderAndReleasesThem) {
+    ServiceRequest request = service("web1");
+    request.clear_services = LinkedList.create(strdup("a.net"));
+    LinkedList.add(request.clear_services, strdup("10.1.1.1"));
+    std::string key(API_KEY_LENGTH, 'k');
+    EXPECT_EQ(serialized(build_add_request(&request)),
+              R"({"method":"api_key","value":")" + key +
+                  R"(","name":"web1","ip_address":"10.0.0.1","port":443,"virtual_port":8443,)"
+                  R"("clear_services":["a.net","10.1.1.1"]})");
+    EXPECT_EQ(request.clear_services, nullptr);
+    EXPECT_STREQ(current_service_name, "web1");
+}
+
+TEST(RequestBuilders, AddWithoutClearServicesSendsEmptyList) {
+    ServiceRequest request = service("web2");
+    std::string text = serialized(build_add_request(&request));
+    EXPECT_NE(text.find(R"("clear_services":[]})"), std::string::npos) << text;
+}
+
+struct BuilderCase {
+    const char* label;
+    ExecutionCallback builder;
+    void* argument;
+    const char* expected;
+    const char* names_service;  // null: current_service_name left alone
+};
+
+class EachBuilder : public testing::TestWithParam<BuilderCase> {};
+
+int enable_on = 1;
+int enable_off = 0;
+ServiceRequest edited = service("web3");
+ProxyRequest proxy = {"1.2.3.4", 3128, "SOCKS5"};
+TraceabilityConfig trace_console = {"console", nullptr, nullptr, 0, nullptr, 0, nullptr};
+TraceabilityConfig trace_file = {"file", "/var/log", "t_%d", 4096, nullptr, 0, nullptr};
+TraceabilityConfig trace_syslog = {"syslog", nullptr, nullptr, 0, "10.0.0.9", 514, "UDP"};
+char name[] = "web4";
+
+TEST_P(EachBuilder, WritesItsDataExactly) {
+    const BuilderCase& c = GetParam();
+    current_service_name = "before";
+    EXPECT_EQ(serialized(c.builder(c.argument)), c.expected);
+    EXPECT_STREQ(current_service_name, c.names_service != nullptr ? c.names_service : "before");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Commands, EachBuilder,
+    testing::Values(
+        BuilderCase{"edit", build_edit_request, &edited,
+                    R"({"tenant_name":"web3","ip_address":"10.0.0.1","port":443,)"
+                    R"("virtual_port":8443})",
+                    "web3"},
+        BuilderCase{"remove", build_remove_request, name, R"({"tenant_name":"web4"})", "web4"},
+        BuilderCase{"empty", build_empty_request, nullptr, "{}", nullptr},
+        BuilderCase{"connect", build_connect_request, name, R"({"tenants":["web4"]})", "web4"},
+        BuilderCase{"disconnect", build_disconnect_request, name, R"({"tenants":["web4"]})",
+                    "web4"},
+        BuilderCase{"flag_on", build_enable_flag_request, &enable_on, R"({"enable":true})",
+                    nullptr},
+        BuilderCase{"flag_off", build_enable_flag_request, &enable_off, R"({"enable":false})",
+                    nullptr},
+        BuilderCase{"save_proxy", build_save_proxy_request, &proxy,
+                    R"({"ip_address":"1.2.3.4","port":3128,"proxy_type":"SOCKS5"})", nullptr},
+        BuilderCase{"console", build_traceability_request, &trace_console,
+                    R"({"target":"console"})", nullptr},
+        BuilderCase{"file", build_traceability_request, &trace_file,
+                    R"({"target":"file","path":"/var/log","filename_format":"t_%d",)"
+                    R"("max_size":4096})",
+                    nullptr},
+        BuilderCase{"syslog", build_traceability_request, &trace_syslog,
+                    R"({"target":"syslog","address":"10.0.0.9","protocol":"UDP","port":514})",
+                    nullptr}),
+    [](const testing::TestParamInfo<BuilderCase>& param_info) { return param_info.param.label; });
+
+}  // namespace
