@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Runs one end-to-end case: run_case.py CASE BINARY.
+"""Runs one end-to-end case: run_case.py [--show] CASE BINARY.
 
 Starts the case's fake Transfer Agent (if any) on 127.0.0.1:11038, runs the
 tool as a subprocess, then checks its standard output, standard error, exit
@@ -60,7 +60,20 @@ def run(case, binary):
     return result, time.monotonic() - start
 
 
-def check(case, binary):
+def shell_word(word):
+    if word and all(c.isalnum() or c in "-_.:,/%" for c in word):
+        return word
+    return "'" + word.replace("'", "'\\''") + "'"
+
+
+def show(case, result):
+    print("$ " + " ".join(["sylvane-service"] + [shell_word(a) for a in case.args]))
+    sys.stdout.write(result.stdout.decode("utf-8", "replace"))
+    sys.stdout.write(result.stderr.decode("utf-8", "replace"))
+    print("(exit status %d)" % result.returncode)
+
+
+def check(case, binary, showing=False):
     faults = []
     if case.agent is None:
         result, elapsed = run(case, binary)
@@ -68,6 +81,8 @@ def check(case, binary):
     else:
         with FakeAgent(case.agent) as agent:
             result, elapsed = run(case, binary)
+    if showing:
+        show(case, result)
     stdout = result.stdout.decode("utf-8", "replace")
     stderr = result.stderr.decode("utf-8", "replace")
     if result.returncode != case.status:
@@ -92,11 +107,14 @@ def check(case, binary):
 
 
 def main(argv):
+    showing = argv[1:2] == ["--show"]
+    if showing:
+        argv = argv[:1] + argv[2:]
     if len(argv) != 3:
-        sys.stderr.write("usage: run_case.py CASE BINARY\n")
+        sys.stderr.write("usage: run_case.py [--show] CASE BINARY\n")
         return 2
     case = table.find(argv[1])
-    faults, elapsed = check(case, argv[2])
+    faults, elapsed = check(case, argv[2], showing)
     if faults:
         print("FAIL %s (%.2f s): %s" % (case.name, elapsed, " ".join(case.args)))
         for fault in faults:
