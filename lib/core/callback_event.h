@@ -62,8 +62,10 @@ struct CallbackEventModule {
     void (*unsubscribe)(EventDispatcher* dispatcher, uint32_t event_id, ListEntry* handle);
     // Schedules one delivery of (event_id, data) per current subscriber.
     void (*notify)(EventDispatcher* dispatcher, uint32_t event_id, void* data);
-    // One-shot call of `function(-1, 0, argument)` after `seconds` (0 = next
-    // loop pass). Returns the event (left allocated after it fires), or null.
+    // One-shot call of `function(-1, EV_TIMEOUT, argument)` after `seconds`
+    // (0 = next loop pass). Returns the event, or null. The event releases
+    // itself once it has fired: callers may set its priority before then,
+    // but never free it.
     struct event* (*register_callback)(struct event_base* base, event_callback_fn function,
                                        void* argument, int64_t seconds);
     // Timer firing once, or every interval when `persistent`. Returns the
