@@ -79,8 +79,7 @@ struct NetworkModule {
     // Null when the module is not initialised or on allocation failure.
     networkConnection* (*create_connection)(const ProtocolState* initial_state,
                                             networkConnectionConfig* config,
-                                            struct event_base* base,
-                                            EventDispatcher* dispatcher);
+                                            struct event_base* base, EventDispatcher* dispatcher);
     void (*set_user_data)(networkConnection* connection, void* user_data);
     // Starts a non-blocking connect; the outcome comes through the
     // connect-completed callback (events 1, then 2 or the retry policy). A
@@ -130,3 +129,17 @@ struct NetworkModule {
 };
 
 extern const NetworkModule Network;
+
+// Internal to the Network module: the operations that protocol_state.cpp and
+// reconnection.cpp define for its table. Callers go through `Network`.
+namespace network_internal {
+void reconnect(networkConnection* connection);
+void reconnect_later(networkConnection* connection);
+void clean_retry_event(networkConnection* connection);
+ProtocolState* create_protocol_state(event_callback_fn read_callback,
+                                     ProtocolWriteCallback write_callback,
+                                     ProtocolConnectionCallback setup_callback,
+                                     ProtocolConnectionCallback unset_callback);
+void free_protocol_state(ProtocolState* state);
+void switch_protocol_state(networkConnection* connection, ProtocolState* state);
+}  // namespace network_internal

@@ -18,8 +18,8 @@ using ProtocolWriteCallback = void (*)(networkConnection* connection, int64_t se
 using ProtocolConnectionCallback = void (*)(networkConnection* connection);
 
 struct ProtocolState {
-    uint32_t size;                     // bytes copied by a copy
-    event_callback_fn read_callback;   // persistent read event; arg = connection
+    uint32_t size;                    // bytes copied by a copy
+    event_callback_fn read_callback;  // persistent read event; arg = connection
     ProtocolWriteCallback write_callback;
     ProtocolConnectionCallback setup_callback;
     ProtocolConnectionCallback unset_callback;
