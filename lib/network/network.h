@@ -81,9 +81,11 @@ struct NetworkModule {
                                             networkConnectionConfig* config,
                                             struct event_base* base, EventDispatcher* dispatcher);
     void (*set_user_data)(networkConnection* connection, void* user_data);
-    // Starts a non-blocking connect; the outcome comes through the
-    // connect-completed callback (events 1, then 2 or the retry policy). A
-    // socket that cannot be created destroys the connection.
+    // Starts a non-blocking connect from empty queues and a fresh copy of the
+    // initial state; the outcome comes through the connect-completed callback
+    // (events 1, then 2 or the retry policy). A pending retry timer is
+    // released. A socket that cannot be created destroys the connection: the
+    // caller must not touch it afterwards.
     void (*perform_connection)(networkConnection* connection);
     // inet_ntoa of the address (static buffer), or null when missing.
     const char* (*get_ip)(networkConnection* connection);
@@ -105,11 +107,14 @@ struct NetworkModule {
     // Zero-fills the record, freeing nothing.
     void (*reset_connection)(networkConnection* connection);
     // Closes, resets the attempt count and schedules a new connection after
-    // retry_delay (timer not recorded, no event posted).
+    // retry_delay (timer not recorded, no event posted): the connection must
+    // outlive that timer.
     void (*reconnect_later)(networkConnection* connection);
     // close_connection then reconnect.
     void (*close_and_reconnect)(networkConnection* connection);
-    // Closes and frees the connection with its lock, queues and state.
+    // Closes and frees the connection with its lock, queues, state and
+    // pending retry timer. Deliveries already posted still name it: free it
+    // from a CallbackEvent.schedule_cleanup when events are in flight.
     void (*destroy_connection)(networkConnection* connection);
     // Installs `state` (now owned by the connection): the old state's unset
     // runs before the new one's setup; queues and socket are untouched.

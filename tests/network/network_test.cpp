@@ -100,10 +100,6 @@ int bound_socket(bool listening, uint16_t* port) {
     return fd;
 }
 
-void stop_loop(evutil_socket_t, short, void* base) {
-    event_base_loopexit(static_cast<event_base*>(base), nullptr);
-}
-
 class NetworkTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() { Network.init(); }
@@ -120,7 +116,7 @@ protected:
     void TearDown() override {
         Network.destroy_connection(connection);
         Network.free_protocol_state(initial);
-        for (event* acceptor : acceptors) {
+        if (acceptor != nullptr) {
             event_free(acceptor);
         }
         if (observed.peer_reader != nullptr) {
@@ -146,16 +142,18 @@ protected:
         connection = Network.create_connection(initial, &config, base, dispatcher);
         ASSERT_NE(connection, nullptr);
         if (listening) {
-            event* acceptor = event_new(base, server, EV_READ | EV_PERSIST, accept_peer, nullptr);
+            acceptor = event_new(base, server, EV_READ | EV_PERSIST, accept_peer, nullptr);
             event_add(acceptor, nullptr);
-            acceptors.push_back(acceptor);
         }
         Network.perform_connection(connection);
     }
 
     // Runs the loop; a guard ends it if the test's own stop never comes.
     void run(int64_t guard_ms = 3000) {
-        event* guard = CallbackEvent.set_timer(base, stop_loop, base, guard_ms / 1000,
+        auto stop = [](evutil_socket_t, short, void* loop) {
+            event_base_loopexit(static_cast<event_base*>(loop), nullptr);
+        };
+        event* guard = CallbackEvent.set_timer(base, stop, base, guard_ms / 1000,
                                                (guard_ms % 1000) * 1000, false);
         event_base_dispatch(base);
         event_free(guard);
@@ -168,7 +166,7 @@ protected:
     ProtocolState* initial = nullptr;
     networkConnection* connection = nullptr;
     int server = -1;
-    std::vector<event*> acceptors;
+    event* acceptor = nullptr;
 };
 
 TEST_F(NetworkTest, ConnectsThenSetsUpTheState) {
