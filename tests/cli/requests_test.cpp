@@ -113,3 +113,43 @@ INSTANTIATE_TEST_SUITE_P(
     [](const testing::TestParamInfo<BuilderCase>& param_info) { return param_info.param.label; });
 
 }  // namespace
+
+namespace {
+
+// Arguments the command line never passes, refused before anything is sent.
+struct GuardCase {
+    const char* label;
+    void (*call)();
+    const char* message;
+};
+
+class CommandGuards : public testing::TestWithParam<GuardCase> {};
+
+TEST_P(CommandGuards, RefuseWithTheirMessage) {
+    EXPECT_EXIT(GetParam().call(), testing::ExitedWithCode(1),
+                testing::Eq(std::string(GetParam().message)));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Commands, CommandGuards,
+    testing::Values(GuardCase{"proxy_without_address", [] { save_proxy_config(nullptr, "HTTP"); },
+                              "An error occurred while saving proxy configuration.\n"},
+                    GuardCase{"proxy_without_type",
+                              [] { save_proxy_config("1.2.3.4:80", nullptr); },
+                              "An error occurred while saving proxy configuration.\n"},
+                    GuardCase{"traceability_without_target",
+                              [] {
+                                  save_traceability_config(nullptr, nullptr, nullptr, nullptr,
+                                                           nullptr, nullptr, nullptr);
+                              },
+                              "An error occurred while saving traceability configuration.\n"},
+                    GuardCase{"traceability_unknown_target",
+                              [] {
+                                  save_traceability_config("stdout", nullptr, nullptr, nullptr,
+                                                           nullptr, nullptr, nullptr);
+                              },
+                              "An error occurred while saving traceability configuration. Unknown "
+                              "target.\n"}),
+    [](const testing::TestParamInfo<GuardCase>& param_info) { return param_info.param.label; });
+
+}  // namespace
