@@ -8,8 +8,10 @@
 #include <event2/event.h>
 
 #include <cstdint>
+#include <cstdio>
 
 #include "core/callback_event.h"
+#include "core/module.h"
 #include "ipc/ipc_config.h"
 
 // Where the Transfer Agent listens, and how the connection is retried.
@@ -51,5 +53,4 @@ void agent_timeout_callback(evutil_socket_t fd, short flags, void* argument);
 // Writes `text` whole to `stream`, then ends the process with `status`.
 [[noreturn]] void finish(FILE* stream, const char* text, int status);
 // printf-style variant of finish.
-[[noreturn]] void finishf(FILE* stream, int status, const char* format, ...)
-    __attribute__((format(printf, 3, 4)));
+[[noreturn]] void finishf(FILE* stream, int status, const char* format, ...) SYLV_PRINTF(3, 4);
