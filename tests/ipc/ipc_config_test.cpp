@@ -41,16 +41,6 @@ protected:
     LogTail log_;
 };
 
-TEST_F(IpcConfigTest, KeepsConnectionSettings) {
-    ASSERT_NE(config_, nullptr);
-    EXPECT_STREQ(config_->ip, "127.0.0.1");
-    EXPECT_EQ(config_->port, 11038);
-    EXPECT_EQ(config_->socket_kind, 0);
-    EXPECT_EQ(config_->reconnection_policy, 3);
-    EXPECT_EQ(config_->retry_delay, 3u);
-    EXPECT_EQ(config_->timeout_event, nullptr);
-}
-
 struct NameCase {
     size_t length;
     bool accepted;
@@ -73,13 +63,6 @@ INSTANTIATE_TEST_SUITE_P(Lengths, CommandNameTest,
                          [](const auto& row) {
                              return "Length" + std::to_string(row.param.length);
                          });
-
-TEST_F(IpcConfigTest, SameNameQueuedTwiceRunsTwice) {
-    IpcConfig.add_command(config_, "get_tenants", nullptr, nullptr, nullptr);
-    IpcConfig.add_command(config_, "get_tenants", nullptr, nullptr, nullptr);
-    EXPECT_EQ(queued_names(config_), (std::vector<std::string>{"get_tenants", "get_tenants"}));
-    EXPECT_EQ(IpcConfig.lookup_command(config_, "get_proxy"), nullptr);
-}
 
 TEST_F(IpcConfigTest, DuplicateSubscriptionIsHeldOnceAndRequestedOnce) {
     SubscriptionRequest* first = new_subscription("services_subscription", "tenants_event");
@@ -145,12 +128,8 @@ TEST_F(IpcConfigTest, MissingArgumentsAreLoggedAndRefused) {
          "Unable to create client ipc config because provided ip address is NULL"},
         {[] { return IpcConfig.request_subscription(nullptr) == nullptr; },
          "Unable to request subscription: subscription list is NULL"},
-        {[] { return IpcConfig.lookup_command(nullptr, "x") == nullptr; },
-         "Unable to lookup specified command because provided ipc config is NULL"},
         {[this] { return IpcConfig.lookup_subscription(config_, nullptr) == nullptr; },
          "Unable to lookup specified subscription because provided subscription  is NULL"},
-        {[] { return IpcConfig.set_timeout(nullptr, nullptr, nullptr, nullptr, 1) == -1; },
-         "Unable to set timeout for null ipc config"},
         {[this] {
              IpcConfig.add_subscriptions(config_, nullptr);
              return LinkedList.size(config_->commands) == 0;
