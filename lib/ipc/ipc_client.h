@@ -39,7 +39,9 @@ struct IpcClientModule {
     // Sends the head command's request. 0, or -1 (empty queue, no builder,
     // request over 1000 bytes).
     int (*execute_command)(networkConnection* connection, IpcClientConfig* config);
-    // Raises IPC_EVENT_DISCONNECTED, then closes the WebSocket connection.
+    // Raises IPC_EVENT_DISCONNECTED, then closes the WebSocket connection
+    // (its protocol state is freed: a caller inside a read callback returns
+    // at once). The connection record stays for its owner to destroy.
     void (*ipc_client_disconnect)(networkConnection* connection);
 };
 

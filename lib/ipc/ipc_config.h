@@ -46,15 +46,18 @@ struct IpcClientConfig : networkConnectionConfig {
 struct IpcConfigModule {
     // New config (ip is kept, not copied), or null.
     IpcClientConfig* (*create_client_ipc_config)(const char* ip, uint16_t port,
-                                           int32_t reconnection_policy, int32_t retry_delay);
-    // Frees commands, subscriptions (with free()) and the config; null ignored.
+                                                 int32_t reconnection_policy, int32_t retry_delay);
+    // Frees commands, subscriptions (with free()), a time-out still armed
+    // (call it while the event base exists) and the config; null ignored.
     void (*free_ipc_config)(IpcClientConfig* config);
     // Appends a command; names of 255 characters or more are refused (logged).
-    void (*add_command)(IpcClientConfig* config, const char* name, ExecutionCallback execution_callback,
-                        void* user_data, ResponseCallback response_callback);
+    void (*add_command)(IpcClientConfig* config, const char* name,
+                        ExecutionCallback execution_callback, void* user_data,
+                        ResponseCallback response_callback);
     // First command with that name, or null.
     IpcCommand* (*lookup_command)(IpcClientConfig* config, const char* name);
-    // Takes each record not already held, then queues one "subscription"
+    // Takes each record not already held (a skipped duplicate stays the
+    // caller's, as does the list itself), then queues one "subscription"
     // command after those already queued.
     void (*add_subscriptions)(IpcClientConfig* config, List* subscriptions);
     // Arms the one-shot time-out (at most one per config, ever). 0 or -1.
