@@ -29,6 +29,9 @@ constexpr uint8_t kOpcodeBits = 0x0f;
 constexpr uint8_t kLengthBits = 0x7f;
 constexpr uint8_t kLength16 = 126;
 constexpr uint8_t kLength64 = 127;
+// Largest frame or reassembled message accepted: a peer announcing or
+// streaming more would otherwise grow the queues without limit.
+constexpr uint64_t kMaxMessageSize = 16 * 1024 * 1024;
 
 struct FreeDeleter {
     void operator()(void* pointer) const { free(pointer); }
@@ -308,6 +311,13 @@ FrameOutcome settle_frame(networkConnection* connection, websocketPeerDescriptor
             outcome.result = -1;
             return outcome;
         }
+        if (DynamicBuffer.size(descriptor->message_queue) + length > kMaxMessageSize) {
+            Logger.error("Reassembled websocket message exceeds %llu bytes. Disconnection.",
+                         static_cast<unsigned long long>(kMaxMessageSize));
+            outcome.action = FrameAction::Disconnect;
+            outcome.result = -1;
+            return outcome;
+        }
         if (opcode != WS_OPCODE_CONTINUATION) {
             descriptor->message_opcode = opcode;
         }
@@ -427,6 +437,13 @@ int read_header(networkConnection* connection, websocketPeerDescriptor* descript
     descriptor->payload_length = decode_payload_length(descriptor->header);
     if (!masked && require_mask) {
         Logger.error("Received a frame from with no mask enabled. This should not happen");
+        call_disconnect(connection, on_disconnect);
+        return -1;
+    }
+    if (descriptor->payload_length > kMaxMessageSize) {
+        Logger.error("Websocket frame of %llu bytes exceeds %llu bytes. Disconnection.",
+                     static_cast<unsigned long long>(descriptor->payload_length),
+                     static_cast<unsigned long long>(kMaxMessageSize));
         call_disconnect(connection, on_disconnect);
         return -1;
     }
