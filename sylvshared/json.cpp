@@ -3,6 +3,7 @@
 // becomes a null or negative result, never an exception, a print or an exit.
 
 #include <algorithm>
+#include <array>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -35,9 +36,19 @@ Result guarded(Result fallback, Body&& body) noexcept {
     }
 }
 
-// Bracket depth of text outside strings exceeds kMaxDepth. Malformed text is
-// left for the parser to refuse.
+// Members of an object are kept in insertion order in a vector, so adding
+// the n-th one scans the n before it. Bounding the sum of those scans keeps a
+// document with huge objects from stalling the loop (and the command's
+// time-out) for minutes; the protocol's objects have a dozen members.
+constexpr uint64_t kMaxMemberScans = 4'000'000;
+
+// Bracket depth of text outside strings exceeds kMaxDepth, or its objects
+// are too large to build in reasonable time. Malformed text is left for the
+// parser to refuse.
 bool too_deep(std::string_view text) {
+    std::array<bool, kMaxDepth + 1> is_object{};
+    std::array<uint64_t, kMaxDepth + 1> members{};
+    uint64_t scans = 0;
     int depth = 0;
     bool in_string = false;
     bool escaped = false;
@@ -56,8 +67,15 @@ bool too_deep(std::string_view text) {
             if (++depth > kMaxDepth) {
                 return true;
             }
+            is_object[depth] = c == '{';
+            members[depth] = 0;
         } else if (c == ']' || c == '}') {
-            --depth;
+            depth = depth > 0 ? depth - 1 : 0;
+        } else if (c == ',' && depth > 0 && is_object[depth]) {
+            scans += ++members[depth];
+            if (scans > kMaxMemberScans) {
+                return true;
+            }
         }
     }
     return false;
