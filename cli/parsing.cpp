@@ -66,20 +66,19 @@ int parse_ip_address(const char* text, char* destination) {
     return 0;
 }
 
-// First int of the text, which must be 1..65535 (read as unsigned, so
-// negatives fail).
+// First integer of the text, which must be 1..65535.
 int parse_port(const char* text, uint16_t* port) {
-    int value = 0;
-    if (text == nullptr || sscanf(text, "%d", &value) != 1) {
+    // Read wider than int: "%d" overflows silently (4294967377 would be 81).
+    long value = 0;
+    if (text == nullptr || sscanf(text, "%ld", &value) != 1) {
         Logger.warn("Unable to convert %s port string", text != nullptr ? text : "(null)");
         return -1;
     }
-    auto number = static_cast<uint32_t>(value);
-    if (number == 0 || number >= 65536 || port == nullptr) {
+    if (value < 1 || value >= 65536 || port == nullptr) {
         Logger.warn("Bad port value in provided string: %s", text);
         return -1;
     }
-    *port = static_cast<uint16_t>(number);
+    *port = static_cast<uint16_t>(value);
     return 0;
 }
 
