@@ -30,7 +30,7 @@ void check_lookup(FuzzedDataProvider& input) {
     if (value < header.data() || value >= header.data() + length) {
         __builtin_trap();
     }
-    if (key.size() >= 512 || strnlen(value, length) == length) {
+    if (strlen(key.c_str()) >= 512 || strnlen(value, length) == length) {
         __builtin_trap();
     }
 }

@@ -1,0 +1,326 @@
+#!/usr/bin/env python3
+"""Hostile Transfer Agents: hostile_agent.py --list | CASE BINARY.
+
+Each case plays a misbehaving or malicious server on 127.0.0.1:11038 and
+runs the tool against it. Whatever the server does, the tool must end within
+its own time-out with its documented message and status, never die of a
+signal, and keep its peak memory (VmHWM) under 64 MiB. The peak is polled
+from /proc: getrusage would count the forked Python before exec.
+"""
+
+import json
+import os
+import signal
+import socket
+import struct
+import subprocess
+import sys
+import threading
+import time
+
+HERE = os.path.dirname(os.path.realpath(__file__))
+sys.path.insert(0, os.path.join(HERE, "..", "..", "tools", "agent"))
+import agent_protocol as ap  # noqa: E402
+
+MEMORY_LIMIT_KIB = 64 * 1024
+SLACK = 1.5  # seconds the tool may take beyond its time-out to exit
+MIB = 1024 * 1024
+LATE = "Transfer Agent process did not respond in expected time. Please retry.\n"
+LATE_RUNNING = ("Transfer Agent process did not respond in expected time. Please retry. "
+                "Make sure the Sylvane Network process is currently running\n")
+
+
+class Stop(Exception):
+    """The client went away; the hostile server is done."""
+
+
+def requests(conn):
+    """Yields the client's JSON requests, skipping the announcement."""
+    while True:
+        try:
+            message = conn.read_json()
+        except (ap.ConnectionClosed, OSError) as err:
+            raise Stop() from err
+        if message.get("command") != "connection":
+            yield message
+
+
+def stream(conn, chunk, seconds=8.0):
+    """Sends `chunk` again and again until the client leaves."""
+    end = time.monotonic() + seconds
+    try:
+        while time.monotonic() < end:
+            conn.sock.sendall(chunk)
+    except OSError as err:
+        raise Stop() from err
+
+
+# ---- server behaviours ------------------------------------------------------
+
+def huge_frame(conn):
+    """A frame that announces 1 TiB and keeps streaming its payload."""
+    conn.handshake()
+    next(requests(conn))
+    conn.sock.sendall(b"\x81\x7f" + struct.pack("!Q", 1 << 40))
+    stream(conn, b"x" * 65536)
+
+
+def endless_fragments(conn):
+    """A text message that never gets its final fragment."""
+    conn.handshake()
+    next(requests(conn))
+    conn.send_frame(b"{", fin=False)
+    stream(conn, ap.encode_frame(b" " * 60000, ap.OP_CONTINUATION, fin=False))
+
+
+def endless_header(conn):
+    """A handshake answer whose header never ends."""
+    conn.read_handshake()
+    conn.sock.sendall(b"HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\n")
+    stream(conn, b"X-Padding: " + b"a" * 200 + b"\r\n")
+
+
+def not_websocket(conn):
+    """An ordinary web server on the port."""
+    conn.read_handshake()
+    body = b"<html><body>Not Found</body></html>"
+    conn.sock.sendall(b"HTTP/1.1 404 Not Found\r\nContent-Type: text/html\r\n"
+                      b"Content-Length: %d\r\n\r\n%s" % (len(body), body))
+    time.sleep(6)
+
+
+def banner(conn):
+    """A server that speaks first and something else entirely."""
+    conn.sock.sendall(b"SSH-2.0-OpenSSH_9.2p1 Debian-2\r\n")
+    time.sleep(6)
+
+
+def reset_mid_frame(conn):
+    """Half of an answer, then a TCP reset."""
+    conn.handshake()
+    request = next(requests(conn))
+    frame = ap.encode_frame(json.dumps(ap.response_message(
+        request["command"], request["id"], {"tenants": []})))
+    conn.sock.sendall(frame[:len(frame) // 2])
+    time.sleep(0.2)
+    conn.sock.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+    conn.sock.close()
+
+
+def tenant(name, status, synchronized="false"):
+    return {"tenant_name": name, "status": status, "synchronized": synchronized}
+
+
+def event_flood(conn):
+    """Enabling "web" under tens of thousands of events, then success."""
+    conn.handshake()
+    for request in requests(conn):
+        if request["command"] == "subscription":
+            conn.send_response("subscription", request["id"], {"subscriptions": [
+                {"subscription_name": "services_subscription", "result": True}]})
+            continue
+        others = ap.encode_frame(json.dumps(ap.event_message(
+            [tenant("other%d" % i, "in progress") for i in range(20)])))
+        mine = ap.encode_frame(json.dumps(ap.event_message([tenant("web", "in progress")])))
+        conn.sock.sendall((others * 50 + mine) * 400)
+        conn.send_response(request["command"], request["id"], {"tenants": [
+            json.dumps({"tenant_name": "web", "ack": True})]})
+        conn.sock.sendall((others * 50) * 100)
+        conn.send_json(ap.event_message([tenant("web", "connected", "true")]))
+        time.sleep(6)
+        return
+
+
+def answer_with(text_of):
+    """Answers the first request with the text that text_of(request) gives."""
+    def behaviour(conn):
+        conn.handshake()
+        request = next(requests(conn))
+        payload = text_of(request).encode()
+        # Sent in pieces so that a large answer is not one huge send.
+        for start in range(0, len(payload), 1 << 20):
+            piece = payload[start:start + (1 << 20)]
+            last = start + len(piece) >= len(payload)
+            conn.sock.sendall(ap.encode_frame(
+                piece, ap.OP_TEXT if start == 0 else ap.OP_CONTINUATION, fin=last))
+        time.sleep(6)
+    return behaviour
+
+
+def envelope(request, data_text):
+    return '{"command": "%s", "id": %d, "data": %s}' % (request["command"], request["id"],
+                                                         data_text)
+
+
+def deep_response(request):
+    return envelope(request, "[" * 500000 + "]" * 500000)
+
+
+def deep_element(request):
+    element = json.dumps("[" * 100000 + "]" * 100000)
+    return envelope(request, '{"tenants": [%s]}' % element)
+
+
+def enormous_response(request):
+    # The tool holds about seven copies of a message while reading it (queue,
+    # delivery, terminated copy, parsed tree, "data" copy, growth slack):
+    # 6 MiB stays within the memory limit, the 16 MiB that the framing
+    # accepts would not.
+    return envelope(request, '{"type": "HTTP", "ip_address": "10.1.2.3", "enabled": true, '
+                             '"port": 3128, "padding": "%s"}' % ("p" * (6 * MIB)))
+
+
+def oversized_response(request):
+    return envelope(request, '{"tenants": [], "padding": "%s"}' % ("p" * (20 * MIB)))
+
+
+def many_members(request):
+    members = ", ".join('"k%d": [%d, true, null]' % (i, i) for i in range(200000))
+    return envelope(request, "{%s}" % members)
+
+
+# ---- cases --------------------------------------------------------------------
+
+class Case:
+    def __init__(self, behaviour, args, timeout, status, stderr="", stdout=None, tail=None):
+        self.behaviour, self.args, self.timeout = behaviour, args, timeout
+        self.status, self.stderr, self.stdout, self.tail = status, stderr, stdout, tail
+
+
+CASES = {
+    "huge_frame": Case(huge_frame, ["-l"], 2, 1, LATE),
+    "endless_fragments": Case(endless_fragments, ["-g"], 4, 1, LATE_RUNNING),
+    "endless_header": Case(endless_header, ["-l"], 2, 1, LATE),
+    "not_websocket": Case(not_websocket, ["-g"], 4, 1, LATE_RUNNING),
+    "banner": Case(banner, ["-l"], 2, 1, LATE),
+    "reset_mid_frame": Case(reset_mid_frame, ["-l"], 2, 1, LATE),
+    "event_flood": Case(event_flood, ["-s", "web"], 15, 0, "",
+                        tail="\nService enabled and synchronized successfully.\n"),
+    # An unreadable answer costs the pending command; -l then ends quietly.
+    "deep_json": Case(answer_with(deep_response), ["-l"], 2, 0, "", ""),
+    "deep_element": Case(answer_with(deep_element), ["-l"], 2, 0, "", ""),
+    "enormous_json": Case(answer_with(enormous_response), ["-g"], 4, 0, "",
+                          "---------- Proxy configuration ----------\nIP address:\t10.1.2.3\n"
+                          "Port:\t\t3128\nType:\t\tHTTP\nStatus:\t\tEnabled\n"),
+    "oversized_json": Case(answer_with(oversized_response), ["-l"], 2, 1, LATE),
+    # Refused before parsing: building it would take minutes.
+    "many_members": Case(answer_with(many_members), ["-g"], 4, 0, "", ""),
+}
+
+
+# ---- running ----------------------------------------------------------------
+
+class Server:
+    """Accepts every connection on the Transfer Agent's port and hands it to
+    the behaviour in a thread of its own."""
+
+    def __init__(self, behaviour):
+        self.behaviour = behaviour
+        self.listener = ap.listen()
+        self.stop = threading.Event()
+        self.thread = threading.Thread(target=self.serve, daemon=True)
+        self.thread.start()
+
+    def serve(self):
+        self.listener.settimeout(0.1)
+        while not self.stop.is_set():
+            try:
+                sock, _ = self.listener.accept()
+            except socket.timeout:
+                continue
+            threading.Thread(target=self.run_one, args=(sock,), daemon=True).start()
+
+    def run_one(self, sock):
+        try:
+            self.behaviour(ap.Connection(sock, timeout=10.0))
+        except (Stop, OSError, ap.ConnectionClosed, ap.ProtocolError):
+            pass
+        finally:
+            try:
+                sock.close()
+            except OSError:
+                pass
+
+    def close(self):
+        self.stop.set()
+        self.thread.join()
+        self.listener.close()
+
+
+def peak_kib(pid, peak):
+    """The process's VmHWM in KiB, or `peak` when it is already gone."""
+    try:
+        with open("/proc/%d/status" % pid) as status:
+            for line in status:
+                if line.startswith("VmHWM:"):
+                    return max(peak, int(line.split()[1]))
+    except (OSError, ValueError):
+        pass
+    return peak
+
+
+def sanitized(binary):
+    """ASan reserves shadow memory: its peak says nothing about the tool's."""
+    with open(binary, "rb") as image:
+        return b"__asan_init" in image.read()
+
+
+def run(name, binary):
+    case = CASES[name]
+    server = Server(case.behaviour)
+    start = time.monotonic()
+    tool = subprocess.Popen([binary] + case.args, stdin=subprocess.DEVNULL,
+                            stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+    outputs = {}
+    readers = [threading.Thread(target=lambda k=k, f=f: outputs.__setitem__(k, f.read()))
+               for k, f in (("out", tool.stdout), ("err", tool.stderr))]
+    for reader in readers:
+        reader.start()
+    peak = 0
+    limit = start + case.timeout + SLACK + 10
+    while tool.poll() is None and time.monotonic() < limit:
+        peak = peak_kib(tool.pid, peak)
+        time.sleep(0.005)
+    if tool.poll() is None:
+        tool.kill()
+    status = tool.wait()
+    elapsed = time.monotonic() - start
+    for reader in readers:
+        reader.join()
+    server.close()
+    out = outputs["out"].decode(errors="replace")
+    err = outputs["err"].decode(errors="replace")
+
+    faults = []
+    if status < 0:
+        faults.append("killed by signal %s" % signal.Signals(-status).name)
+    elif status != case.status:
+        faults.append("exit status %d, expected %d" % (status, case.status))
+    if elapsed > case.timeout + SLACK:
+        faults.append("took %.2f s, time-out is %d s" % (elapsed, case.timeout))
+    if err != case.stderr:
+        faults.append("standard error %r, expected %r" % (err[:300], case.stderr))
+    if case.stdout is not None and out != case.stdout:
+        faults.append("standard output %r, expected %r" % (out[:300], case.stdout))
+    if case.tail is not None and not out.endswith(case.tail):
+        faults.append("standard output ends %r, expected %r" % (out[-200:], case.tail))
+    if peak > MEMORY_LIMIT_KIB and not sanitized(binary):
+        faults.append("peak memory %d KiB, limit %d KiB" % (peak, MEMORY_LIMIT_KIB))
+    print("%s: status %d in %.2f s, peak %d KiB" % (name, status, elapsed, peak))
+    for fault in faults:
+        print("FAULT: " + fault)
+    return 1 if faults else 0
+
+
+def main(argv):
+    if argv[1:] == ["--list"]:
+        print(";".join(CASES))
+        return 0
+    if len(argv) != 3 or argv[1] not in CASES:
+        sys.stderr.write("usage: hostile_agent.py --list | CASE BINARY\n")
+        return 2
+    return run(argv[1], argv[2])
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv))

@@ -1,0 +1,94 @@
+#!/usr/bin/env python3
+"""The tool's main paths under valgrind memcheck: memcheck.py BINARY.
+
+Runs every kind of command, in an order that makes each one meaningful,
+against the Transfer Agent simulator on 127.0.0.1:11038, each under
+valgrind. A path fails on any invalid access, use of uninitialised memory or
+definite leak outside memcheck.supp; its output must also be the ordinary
+one (the slower run still settles every command within its time-out).
+"""
+
+import os
+import subprocess
+import sys
+import tempfile
+import time
+
+HERE = os.path.dirname(os.path.realpath(__file__))
+SIMULATOR = os.path.join(HERE, "..", "..", "tools", "agent", "sylvane-agent-sim")
+KEY = "k" * 76
+
+# (arguments, expected exit status, expected start of standard output)
+PATHS = [
+    (["-l"], 0, "No registered services yet."),
+    (["-a", "web", "-p", "127.0.0.1:8080", "-f", "8081", "-k", KEY, "-u", "a.com,10.0.0.1"], 0,
+     "Service added successfully."),
+    (["-l"], 0, "----------------------------------------\nService:\tweb"),
+    (["-e", "web", "-p", "127.0.0.1:8090"], 0, "Service edited successfully."),
+    (["-s", "web"], 0, "Requested service enabling for 'web'..."),
+    (["-d", "web"], 0, "Requested service disabling for 'web'..."),
+    (["-c", "10.0.0.2:3128", "-t", "HTTPS"], 0, "Proxy configuration successfully saved."),
+    (["--enableProxy"], 0, "Enabled/Disabled proxy successfully."),
+    (["-g"], 0, "---------- Proxy configuration ----------"),
+    (["--enableAuthenticationAudit"], 1, "Authentication status updated successfully"),
+    (["--saveTraceabilityConfig", "console"], 0, "Traceability configuration successfully saved."),
+    (["-r", "web"], 0, "Service removed."),
+    (["-r", "web"], 1, ""),
+    (["-x"], 0, "Usage"),
+]
+
+VALGRIND = ["valgrind", "--tool=memcheck", "--error-exitcode=99", "--leak-check=full",
+            "--show-leak-kinds=definite", "--errors-for-leak-kinds=definite",
+            "--track-origins=yes", "--suppressions=" + os.path.join(HERE, "memcheck.supp")]
+
+
+def main(argv):
+    if len(argv) != 2:
+        sys.stderr.write("usage: memcheck.py BINARY\n")
+        return 2
+    binary = argv[1]
+    failures = 0
+    with tempfile.TemporaryDirectory() as folder:
+        state = os.path.join(folder, "state.json")
+        agent = subprocess.Popen([sys.executable, SIMULATOR, "--quiet", "--step", "0.05",
+                                  "--state", state], stdout=subprocess.PIPE)
+        agent.stdout.readline()  # "listening on ...": ready
+        try:
+            for args, status, start in PATHS:
+                failures += run_one(binary, args, status, start)
+            # With no Transfer Agent: the time-out path.
+            agent.terminate()
+            agent.wait()
+            failures += run_one(binary, ["-l"], 1, "")
+        finally:
+            if agent.poll() is None:
+                agent.kill()
+            agent.wait()
+    print("%d path(s) failed" % failures if failures else "all paths clean")
+    return 1 if failures else 0
+
+
+def run_one(binary, args, status, start):
+    began = time.monotonic()
+    result = subprocess.run(VALGRIND + [binary] + args, stdin=subprocess.DEVNULL,
+                            capture_output=True, timeout=120)
+    out = result.stdout.decode(errors="replace")
+    report = result.stderr.decode(errors="replace")
+    print("%-45s status %d in %.1f s" % (" ".join(args)[:45], result.returncode,
+                                         time.monotonic() - began))
+    faults = []
+    if result.returncode == 99:
+        faults.append("memcheck errors")
+    elif result.returncode != status:
+        faults.append("exit status %d, expected %d" % (result.returncode, status))
+    if not out.startswith(start):
+        faults.append("standard output %r, standard error %r"
+                      % (out[:200], result.stderr[-300:]))
+    if faults:
+        print("FAULT: " + "; ".join(faults))
+        print("\n".join(line for line in report.splitlines() if line.startswith("==")))
+    return 1 if faults else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv))
