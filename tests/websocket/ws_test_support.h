@@ -1,0 +1,92 @@
+// Test support: a recorder for the upper-layer callbacks and a socket-free
+// connection whose `read` hands read_frame bytes from a script.
+#pragma once
+
+#include <algorithm>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "core/mutex.h"
+#include "websocket/websocket.h"
+
+inline std::vector<uint8_t> hex(const std::string& text) {  // "81 05" -> {0x81, 0x05}
+    std::istringstream in(text);
+    std::vector<uint8_t> bytes;
+    for (unsigned value = 0; in >> std::hex >> value;) {
+        bytes.push_back(static_cast<uint8_t>(value));
+    }
+    return bytes;
+}
+
+struct Message {
+    std::string bytes;
+    int is_binary;
+    bool operator==(const Message&) const = default;
+};
+
+struct Recorder {
+    int connected = 0;
+    int disconnects = 0;
+    std::vector<Message> messages;
+};
+inline Recorder* recorder = nullptr;  // where the callbacks below record
+inline void record_connected(networkConnection*) {
+    ++recorder->connected;
+}
+inline void record_disconnect(networkConnection*) {
+    ++recorder->disconnects;
+}
+inline void record_message(networkConnection*, const uint8_t* bytes, uint64_t length, int binary) {
+    recorder->messages.push_back({std::string(bytes, bytes + length), binary});
+}
+
+// write() makes bytes readable, then runs read_frame while some are left, as
+// the level-triggered read event does. A drained script reads -1, like
+// receive_data on a non-blocking socket.
+struct ScriptedPeer {
+    explicit ScriptedPeer(bool mask_required = false) : require_mask(mask_required) {
+        connection.receive_queue = DynamicBuffer.create(1);
+        connection.lock = Mutex.create();
+        connection.config = &config;
+        WebSocket.reset_frame_state(descriptor);
+    }
+    ~ScriptedPeer() {
+        WebSocket.destroy_peer_descriptor(descriptor);
+        DynamicBuffer.free(connection.receive_queue);
+        Mutex.destroy(connection.lock);
+    }
+    static int64_t read(networkConnection* target, int64_t max_size) {
+        EXPECT_LE(max_size, 4096) << "receive_data ends the process above 4096";
+        const size_t count = std::min<size_t>(max_size, current->script.size() - current->taken);
+        DynamicBuffer.append(target->receive_queue, current->script.data() + current->taken, count);
+        current->taken += count;
+        return count == 0 ? -1 : static_cast<int64_t>(count);
+    }
+    int read_frame_once() {
+        current = this;
+        recorder = &record;
+        const int result = WebSocket.read_frame(&connection, descriptor, require_mask, read,
+                                                record_disconnect, record_message);
+        dropped = dropped || result < 0;
+        return result;
+    }
+    void write(const std::vector<uint8_t>& bytes) {
+        script.insert(script.end(), bytes.begin(), bytes.end());
+        while (taken < script.size() && !dropped) {
+            read_frame_once();
+        }
+    }
+
+    inline static ScriptedPeer* current = nullptr;
+    bool require_mask;
+    bool dropped = false;
+    Recorder record;
+    std::vector<uint8_t> script;
+    size_t taken = 0;
+    networkConnectionConfig config{};
+    networkConnection connection{};
+    websocketPeerDescriptor* descriptor = WebSocket.create_peer_descriptor();
+};
