@@ -54,12 +54,16 @@ struct WebSocketModule {
     // Base64(SHA-1(nonce + RFC 6455 GUID)), malloc'd (caller frees), length
     // through out_length; null for a null or over-long (987+) nonce.
     char* (*compute_websocket_accept)(const char* nonce, uint64_t* out_length);
-    // Value of "key:" in header[0..length), split in place (the header text is
-    // modified). A pointer into header, or null when absent, when the key has
-    // 512 characters or more, or when the value starts beyond length.
+    // Value of "key:" (case-sensitive, searched in the whole NUL-terminated
+    // header) up to the next ':', ' ' or '\r'; the header text is split in
+    // place. A pointer into header, or null when absent, when the key has 512
+    // characters or more, or when the value starts at or beyond `length`.
     char* (*find_value_from_http_header)(char* header, uint64_t length, const char* key);
     // Reads and handles at most one frame. 0 when handled or when more bytes
-    // are needed; -1 when the connection must be dropped.
+    // are needed; -1 when the connection must be dropped. on_message and
+    // on_disconnect run last and may close the connection and free the
+    // descriptor: nothing of it is touched after them. Message bytes are
+    // valid only during on_message.
     int (*read_frame)(networkConnection* connection, websocketPeerDescriptor* descriptor,
                       bool require_mask, WebSocketReadFunction read,
                       DisconnectCallback on_disconnect, MessageCallback on_message);
