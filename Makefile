@@ -5,7 +5,7 @@ JOBS       ?= $(shell nproc)
 # Time-outs in the end-to-end tests mostly wait, so run more tests than cores.
 TEST_JOBS  ?= $(shell echo $$(( $$(nproc) * 3 )))
 
-.PHONY: all deps build build-asan test test-asan check demo package clean format
+.PHONY: all deps build build-asan test test-asan check demo package clean format fuzz bench
 
 all: build
 
@@ -47,3 +47,14 @@ format:
 
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD)
+
+# libFuzzer targets (clang) in fuzz-build/: a short run of each, or
+# FUZZ_SECONDS=600 make fuzz for a long one.
+fuzz:
+	@scripts/install-deps.sh clang libclang-rt-14-dev
+	@fuzz/run.sh $(FUZZ_SECONDS)
+
+# Latency, scale and micro-benchmarks; the table goes to bench/RESULTS.md.
+bench:
+	@scripts/install-deps.sh libbenchmark-dev
+	@bench/run.sh
