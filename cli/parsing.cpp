@@ -104,6 +104,29 @@ int parse_ip_address_and_port(const char* text, char* destination, uint16_t* por
     return result;
 }
 
+// Runs check(token) on each token of a copy of `text` split on `delimiter`,
+// in order, stopping at the first non-zero result. 0, or -1 (a refused
+// token or an allocation failure).
+template <typename Check>
+int for_each_token(const char* text, const char* delimiter, Check check) {
+    char* copy = strdup(text);
+    char* holder = copy;
+    char** first = &holder;
+    char* cursor = nullptr;
+    int result = copy != nullptr ? 0 : -1;
+    while (result == 0) {
+        char* token = get_next_token(first, delimiter, &cursor);
+        first = nullptr;
+        result = token != nullptr && check(token) == 0 ? 0 : -1;
+        free(token);
+        if (cursor == nullptr) {
+            break;
+        }
+    }
+    free(copy);
+    return result;
+}
+
 // 1..63 characters of [A-Za-z0-9-], no "-" at either end.
 int is_valid_domain_label(const char* text) {
     if (text == nullptr) {
@@ -133,24 +156,8 @@ int is_valid_domain_name(const char* text) {
     if (length == 0 || length > kMaxDomainLength) {
         return -1;
     }
-    char* copy = strdup(text);
-    char* holder = copy;
-    char** first = &holder;
-    char* cursor = nullptr;
-    int result = copy != nullptr ? 0 : -1;
-    while (result == 0) {
-        char* label = get_next_token(first, ".", &cursor);
-        first = nullptr;
-        if (label == nullptr || is_valid_domain_label(label) != 0) {
-            result = -1;
-        }
-        free(label);
-        if (cursor == nullptr) {
-            break;
-        }
-    }
-    free(copy);
-    return result;
+    return for_each_token(text, ".",
+                          [](const char* label) { return is_valid_domain_label(label); });
 }
 
 // Appends a malloc'd copy of text to list. 0 or -1.
@@ -186,22 +193,8 @@ int parse_clear_services(const char* text, List* list) {
         Logger.warn("Unable to parse clear services because provided list is null");
         return -1;
     }
-    char* copy = strdup(text);
-    char* holder = copy;
-    char** first = &holder;
-    char* cursor = nullptr;
-    int result = copy != nullptr ? 0 : -1;
-    while (result == 0) {
-        char* token = get_next_token(first, ",", &cursor);
-        first = nullptr;
-        result = token != nullptr ? add_clear_service(token, list) : -1;
-        free(token);
-        if (cursor == nullptr) {
-            break;
-        }
-    }
-    free(copy);
-    return result;
+    return for_each_token(text, ",",
+                          [list](const char* token) { return add_clear_service(token, list); });
 }
 
 // Digits and dots only, four numbers each 0..255.
