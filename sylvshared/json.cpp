@@ -42,13 +42,21 @@ Result guarded(Result fallback, Body&& body) noexcept {
 // time-out) for minutes; the protocol's objects have a dozen members.
 constexpr uint64_t kMaxMemberScans = 4'000'000;
 
-// Bracket depth of text outside strings exceeds kMaxDepth, or its objects
-// are too large to build in reasonable time. Malformed text is left for the
-// parser to refuse.
-bool too_deep(std::string_view text) {
+// Each value costs far more as a tree than as text (two bytes of "1," become
+// a node of sixteen, and "data" is copied once more), so the number of
+// values, not only the text's size, bounds the memory a peer can make us
+// use. The protocol's largest documents, service lists, hold one string per
+// service.
+constexpr uint64_t kMaxValues = 65'536;
+
+// Bracket depth of text outside strings exceeds kMaxDepth, or the document
+// holds too many values, or its objects are too large to build in
+// reasonable time. Malformed text is left for the parser to refuse.
+bool too_costly(std::string_view text) {
     std::array<bool, kMaxDepth + 1> is_object{};
     std::array<uint64_t, kMaxDepth + 1> members{};
     uint64_t scans = 0;
+    uint64_t separators = 0;
     int depth = 0;
     bool in_string = false;
     bool escaped = false;
@@ -71,10 +79,15 @@ bool too_deep(std::string_view text) {
             members[depth] = 0;
         } else if (c == ']' || c == '}') {
             depth = depth > 0 ? depth - 1 : 0;
-        } else if (c == ',' && depth > 0 && is_object[depth]) {
-            scans += ++members[depth];
-            if (scans > kMaxMemberScans) {
+        } else if (c == ',') {
+            if (++separators > kMaxValues) {
                 return true;
+            }
+            if (depth > 0 && is_object[depth]) {
+                scans += ++members[depth];
+                if (scans > kMaxMemberScans) {
+                    return true;
+                }
             }
         }
     }
@@ -154,7 +167,7 @@ extern "C" {
 // JSON.
 JsonValue* json_parse(const char* text) {
     return guarded<JsonValue*>(nullptr, [&]() -> JsonValue* {
-        if (text == nullptr || too_deep(text)) {
+        if (text == nullptr || too_costly(text)) {
             return nullptr;
         }
         Json parsed = Json::parse(text, nullptr, false);

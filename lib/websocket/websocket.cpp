@@ -30,8 +30,11 @@ constexpr uint8_t kLengthBits = 0x7f;
 constexpr uint8_t kLength16 = 126;
 constexpr uint8_t kLength64 = 127;
 // Largest frame or reassembled message accepted: a peer announcing or
-// streaming more would otherwise grow the queues without limit.
-constexpr uint64_t kMaxMessageSize = 16 * 1024 * 1024;
+// streaming more would otherwise grow the queues without limit. Reading one
+// message holds several copies of it (queue, delivery, terminated text,
+// parsed tree, "data"), so this keeps a run under 64 MiB; a list of 10,000
+// services is about 3 MiB.
+constexpr uint64_t kMaxMessageSize = 6 * 1024 * 1024;
 
 struct FreeDeleter {
     void operator()(void* pointer) const { free(pointer); }

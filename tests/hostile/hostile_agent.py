@@ -165,18 +165,28 @@ def deep_element(request):
 
 
 def enormous_response(request):
-    # The tool holds about seven copies of a message while reading it (queue,
-    # delivery, terminated copy, parsed tree, "data" copy, growth slack):
-    # 6 MiB stays within the memory limit, the 16 MiB that the framing
-    # accepts would not. A sanitizer build parses ten times slower and is
-    # not held to the limit, so it gets less, to settle within the time-out.
-    size = 2 * MIB if SANITIZED else 6 * MIB
+    # Just under the largest message the framing accepts (6 MiB): the tool
+    # holds several copies of it while reading it. A sanitizer build parses
+    # ten times slower and is not held to the memory limit, so it gets less,
+    # to settle within the time-out.
+    size = 2 * MIB if SANITIZED else 6 * MIB - 4096
     return envelope(request, '{"type": "HTTP", "ip_address": "10.1.2.3", "enabled": true, '
                              '"port": 3128, "padding": "%s"}' % ("p" * size))
 
 
 def oversized_response(request):
     return envelope(request, '{"tenants": [], "padding": "%s"}' % ("p" * (20 * MIB)))
+
+
+def many_strings(request):
+    # As many values as a document may hold, each a short string: parsed,
+    # copied as "data" and read as a list, they cost far more than their text.
+    strings = ", ".join('"not a service %05d"' % i for i in range(65535))
+    return envelope(request, '{"tenants": [%s]}' % strings)
+
+
+def too_many_values(request):
+    return envelope(request, '{"tenants": [%s]}' % ",".join(["1"] * 70000))
 
 
 def many_members(request):
@@ -208,6 +218,9 @@ CASES = {
                           "---------- Proxy configuration ----------\nIP address:\t10.1.2.3\n"
                           "Port:\t\t3128\nType:\t\tHTTP\nStatus:\t\tEnabled\n"),
     "oversized_json": Case(answer_with(oversized_response), ["-l"], 2, 1, LATE),
+    # A list of strings that are not services: the listing stops at the first.
+    "many_strings": Case(answer_with(many_strings), ["-l"], 2, 0, "", ""),
+    "too_many_values": Case(answer_with(too_many_values), ["-l"], 2, 0, "", ""),
     # Refused before parsing: building it would take minutes.
     "many_members": Case(answer_with(many_members), ["-g"], 4, 0, "", ""),
 }

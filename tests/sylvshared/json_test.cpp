@@ -141,4 +141,22 @@ TEST(Json, ParseRefusesInvalidAndTooDeepText) {
     EXPECT_NE(text.handle, nullptr);
 }
 
+// A list of tiny values costs many times its text once parsed and copied.
+TEST(Json, ParseRefusesTooManyValues) {
+    auto list = [](size_t values) {
+        std::string text = "[1";
+        for (size_t i = 1; i < values; ++i) {
+            text += ",1";
+        }
+        return text + "]";
+    };
+    Value largest(json_parse(list(65537).c_str()));
+    EXPECT_NE(largest.handle, nullptr);
+    EXPECT_EQ(json_parse(list(65538).c_str()), nullptr);
+    // Commas inside strings are text, not values.
+    std::string commas = "[\"" + std::string(300000, ',') + "\"]";
+    Value text(json_parse(commas.c_str()));
+    EXPECT_NE(text.handle, nullptr);
+}
+
 }  // namespace
