@@ -8,7 +8,7 @@ constexpr int SHA1_DIGEST_SIZE = 20;
 
 struct Sha1Context {
     uint32_t intermediate_hash[SHA1_DIGEST_SIZE / 4];
-    uint32_t length_low;   // message length in bits
+    uint32_t length_low;  // message length in bits
     uint32_t length_high;
     int16_t message_block_index;
     uint8_t message_block[64];
