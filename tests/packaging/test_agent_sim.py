@@ -137,6 +137,7 @@ class Services(SimTestCase):
 
     def test_one_client_at_a_time(self):
         sim, first = self.start()
+        first.call("get_proxy")  # answered only once the first client holds the slot
         second = Client(sim.port)
         self.assertEqual(second.recv(), {"command": "please_disconnect", "id": 0})
         second.close()
