@@ -3,6 +3,7 @@
 
 #include "websocket/websocket.h"
 
+#include <array>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -59,10 +60,17 @@ uint32_t header_key(const uint8_t* header) {
     return ByteOrder.network_to_host_32(wire);
 }
 
-// XORs byte i with key byte (i mod 4), key bytes in wire order. Key 0 is neutral.
+// XORs byte i with key byte (i mod 4), key bytes in wire order. Key 0 is
+// neutral, and it is what every frame from the agent carries: skip the walk.
 void apply_mask(uint8_t* bytes, uint64_t length, uint32_t key) {
+    if (key == 0) {
+        return;
+    }
+    const std::array<uint8_t, 4> key_bytes = {
+        static_cast<uint8_t>(key >> 24), static_cast<uint8_t>(key >> 16),
+        static_cast<uint8_t>(key >> 8), static_cast<uint8_t>(key)};
     for (uint64_t i = 0; i < length; ++i) {
-        bytes[i] ^= static_cast<uint8_t>(key >> (24 - 8 * (i % 4)));
+        bytes[i] ^= key_bytes[i % 4];
     }
 }
 
