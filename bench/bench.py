@@ -21,6 +21,7 @@ HERE = os.path.dirname(os.path.realpath(__file__))
 SIMULATOR = os.path.join(HERE, "..", "tools", "agent", "sylvane-agent-sim")
 LATENCY_RUNS = 200
 SCALE_RUNS = 20
+STARTUP_RUNS = 300
 
 
 def service(i):
@@ -119,6 +120,15 @@ def main(argv):
                   "|---|---|---|---|---|---|---|"] + rows + [""]
     finally:
         shutil.rmtree(folder)
+    rows = []
+    for label, argv_ in (("/bin/true", ["/bin/true"]), ("sylvane-service -h", [tool, "-h"])):
+        t = timed(runner, STARTUP_RUNS, argv_)
+        rows.append("| %s | %.2f | %.2f | %d |" % (label, t[0], t[1], t[2]))
+    lines += ["## Process start-up (%d runs each, no connection)" % STARTUP_RUNS, "",
+              "`-h` prints the usage and exits: the difference from `/bin/true` is loading "
+              "libstdc++ and libevent, relocations and static initialisers.", "",
+              "| Command | median ms | p90 ms | peak RSS KiB |", "|---|---|---|---|"]
+    lines += rows + [""]
     lines += ["## Micro-benchmarks (Google Benchmark)", "",
               "| Benchmark | wall | CPU | throughput |", "|---|---|---|---|"]
     lines += micro(os.path.join(build, "micro_bench")) + [""]
