@@ -49,6 +49,29 @@ constexpr uint64_t kMaxMemberScans = 4'000'000;
 // service.
 constexpr uint64_t kMaxValues = 65'536;
 
+// Position just after the string whose opening quote is at `open`, or npos
+// when it never ends. memchr does the walking: service lists are mostly
+// string bodies.
+size_t skip_string(std::string_view text, size_t open) {
+    size_t from = open + 1;
+    while (from < text.size()) {
+        const void* found = memchr(text.data() + from, '"', text.size() - from);
+        if (found == nullptr) {
+            return std::string_view::npos;
+        }
+        const size_t quote = static_cast<const char*>(found) - text.data();
+        size_t backslashes = 0;
+        while (text[quote - 1 - backslashes] == '\\') {
+            ++backslashes;
+        }
+        if (backslashes % 2 == 0) {
+            return quote + 1;
+        }
+        from = quote + 1;
+    }
+    return std::string_view::npos;
+}
+
 // Bracket depth of text outside strings exceeds kMaxDepth, or the document
 // holds too many values, or its objects are too large to build in
 // reasonable time. Malformed text is left for the parser to refuse.
@@ -58,19 +81,14 @@ bool too_costly(std::string_view text) {
     uint64_t scans = 0;
     uint64_t separators = 0;
     int depth = 0;
-    bool in_string = false;
-    bool escaped = false;
-    for (char c : text) {
-        if (in_string) {
-            if (escaped) {
-                escaped = false;
-            } else if (c == '\\') {
-                escaped = true;
-            } else if (c == '"') {
-                in_string = false;
+    for (size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        if (c == '"') {
+            i = skip_string(text, i);
+            if (i == std::string_view::npos) {
+                return false;
             }
-        } else if (c == '"') {
-            in_string = true;
+            --i;  // the loop steps past the closing quote
         } else if (c == '[' || c == '{') {
             if (++depth > kMaxDepth) {
                 return true;
