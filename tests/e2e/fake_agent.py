@@ -24,52 +24,38 @@ import agent_protocol as ap  # noqa: E402
 # Each action is a function (connection, request) -> None. `request` is the
 # client's message that triggered it.
 
-def reply(data, id_shift=0, command=None, **send_options):
+def reply(data, id_shift=0, **send_options):
     """Answers the request with `data`; id_shift != 0 gives a wrong id."""
-    def act(conn, request):
-        message = ap.response_message(command or request["command"],
-                                      request["id"] + id_shift, data)
-        conn.send_json(message, **send_options)
-    return act
+    return lambda conn, request: conn.send_json(ap.response_message(
+        request["command"], request["id"] + id_shift, data), **send_options)
 
 
 def event(*tenants, **send_options):
     """A "tenants_event" whose list holds each tenant dict as a JSON string."""
-    def act(conn, _request):
-        conn.send_event(list(tenants), **send_options)
-    return act
+    return lambda conn, _request: conn.send_event(list(tenants), **send_options)
 
 
 def event_data(data, **send_options):
     """A "tenants_event" with `data` exactly as given (malformed lists)."""
-    def act(conn, _request):
-        conn.send_json({"command": ap.TENANTS_EVENT, "data": data}, **send_options)
-    return act
+    return lambda conn, _request: conn.send_json({"command": ap.TENANTS_EVENT, "data": data},
+                                                 **send_options)
 
 
 def raw(text):
     """A text frame holding `text` as it is (not necessarily JSON)."""
-    def act(conn, _request):
-        conn.send_text(text)
-    return act
+    return lambda conn, _request: conn.send_text(text)
 
 
 def evict():
-    def act(conn, _request):
-        conn.send_eviction()
-    return act
+    return lambda conn, _request: conn.send_eviction()
 
 
 def ping(payload=b"are you there"):
-    def act(conn, _request):
-        conn.send_ping(payload)
-    return act
+    return lambda conn, _request: conn.send_ping(payload)
 
 
 def wait(seconds):
-    def act(_conn, _request):
-        time.sleep(seconds)
-    return act
+    return lambda _conn, _request: time.sleep(seconds)
 
 
 SUBSCRIBED = reply({"subscriptions": [
@@ -79,10 +65,10 @@ SUBSCRIBED = reply({"subscriptions": [
 class FakeAgent:
     """Runs the script on every client that connects, in a thread."""
 
-    def __init__(self, script=None, host=ap.DEFAULT_HOST, port=ap.DEFAULT_PORT):
-        self.script = dict(script or {})
+    def __init__(self, script):
+        self.script = dict(script)
         self.script.setdefault("subscription", [SUBSCRIBED])
-        self.listener = ap.listen(host, port)
+        self.listener = ap.listen()
         self.listener.settimeout(0.1)
         self.received = []  # every JSON message, in arrival order
         self.pongs = []  # payloads of the client's pongs
@@ -118,14 +104,19 @@ class FakeAgent:
             finally:
                 conn.close()
 
-    def _next_message(self, conn):
-        """Next text message as JSON, or None after a pause with nothing
-        read. Records pongs and answers pings on the way."""
+    def _converse(self, conn):
+        """Plays the script for each JSON message; records pongs and answers
+        pings on the way. Everything sent before the stop is read by then."""
+        conn.sock.settimeout(2.0)
+        conn.handshake()
+        conn.sock.settimeout(0.2)
         while True:
             try:
                 opcode, payload = conn.read_message()
             except socket.timeout:
-                return None
+                if self._stop.is_set():
+                    return
+                continue
             if opcode == ap.OP_PONG:
                 self.pongs.append(payload)
             elif opcode == ap.OP_PING:
@@ -134,22 +125,9 @@ class FakeAgent:
                 raise ap.ConnectionClosed("close frame")
             else:
                 try:
-                    return json.loads(payload.decode("utf-8"))
+                    message = json.loads(payload.decode("utf-8"))
                 except ValueError as err:
                     raise ap.ProtocolError("client sent bad JSON: %s" % err) from err
-
-    def _converse(self, conn):
-        conn.sock.settimeout(2.0)
-        conn.handshake()
-        conn.sock.settimeout(0.2)
-        while True:
-            message = self._next_message(conn)
-            if message is None:
-                # Everything sent before the stop has been read by now.
-                if self._stop.is_set():
-                    return
-                continue
-            self.received.append(message)
-            command = message.get("command")
-            for action in self.script.get(command, []):
-                action(conn, message)
+                self.received.append(message)
+                for action in self.script.get(message.get("command"), []):
+                    action(conn, message)

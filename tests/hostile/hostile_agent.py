@@ -8,6 +8,7 @@ signal, and keep its peak memory (VmHWM) under 64 MiB. The peak is polled
 from /proc: getrusage would count the forked Python before exec.
 """
 
+import collections
 import json
 import os
 import signal
@@ -15,6 +16,7 @@ import socket
 import struct
 import subprocess
 import sys
+import tempfile
 import threading
 import time
 
@@ -27,8 +29,7 @@ SLACK = 1.5  # seconds the tool may take beyond its time-out to exit
 MIB = 1024 * 1024
 SANITIZED = False  # set by run() for an AddressSanitizer build
 LATE = "Transfer Agent process did not respond in expected time. Please retry.\n"
-LATE_RUNNING = ("Transfer Agent process did not respond in expected time. Please retry. "
-                "Make sure the Sylvane Network process is currently running\n")
+LATE_RUNNING = LATE[:-1] + " Make sure the Sylvane Network process is currently running\n"
 
 
 class Stop(Exception):
@@ -134,135 +135,89 @@ def event_flood(conn):
         return
 
 
-def answer_with(text_of):
-    """Answers the first request with the text that text_of(request) gives."""
+def answer_with(data_text):
+    """Answers the first request with the envelope around data_text()."""
     def behaviour(conn):
         conn.handshake()
         request = next(requests(conn))
-        payload = text_of(request).encode()
+        payload = ('{"command": "%s", "id": %d, "data": %s}' % (
+            request["command"], request["id"], data_text())).encode()
         # Sent in pieces so that a large answer is not one huge send.
-        for start in range(0, len(payload), 1 << 20):
-            piece = payload[start:start + (1 << 20)]
-            last = start + len(piece) >= len(payload)
-            conn.sock.sendall(ap.encode_frame(
-                piece, ap.OP_TEXT if start == 0 else ap.OP_CONTINUATION, fin=last))
+        for start in range(0, len(payload), MIB):
+            piece = payload[start:start + MIB]
+            conn.sock.sendall(ap.encode_frame(piece, ap.OP_CONTINUATION if start else ap.OP_TEXT,
+                                              fin=start + len(piece) >= len(payload)))
         time.sleep(6)
     return behaviour
 
 
-def envelope(request, data_text):
-    return '{"command": "%s", "id": %d, "data": %s}' % (request["command"], request["id"],
-                                                         data_text)
-
-
-def deep_response(request):
-    return envelope(request, "[" * 500000 + "]" * 500000)
-
-
-def deep_element(request):
-    element = json.dumps("[" * 100000 + "]" * 100000)
-    return envelope(request, '{"tenants": [%s]}' % element)
-
-
-def enormous_response(request):
+def enormous_response():
     # Just under the largest message the framing accepts (6 MiB): the tool
     # holds several copies of it while reading it. A sanitizer build parses
     # ten times slower and is not held to the memory limit, so it gets less,
     # to settle within the time-out.
     size = 2 * MIB if SANITIZED else 6 * MIB - 4096
-    return envelope(request, '{"type": "HTTP", "ip_address": "10.1.2.3", "enabled": true, '
-                             '"port": 3128, "padding": "%s"}' % ("p" * size))
-
-
-def oversized_response(request):
-    return envelope(request, '{"tenants": [], "padding": "%s"}' % ("p" * (20 * MIB)))
-
-
-def many_strings(request):
-    # As many values as a document may hold, each a short string: parsed,
-    # copied as "data" and read as a list, they cost far more than their text.
-    strings = ", ".join('"not a service %05d"' % i for i in range(65535))
-    return envelope(request, '{"tenants": [%s]}' % strings)
-
-
-def too_many_values(request):
-    return envelope(request, '{"tenants": [%s]}' % ",".join(["1"] * 70000))
-
-
-def many_members(request):
-    members = ", ".join('"k%d": [%d, true, null]' % (i, i) for i in range(200000))
-    return envelope(request, "{%s}" % members)
+    return ('{"type": "HTTP", "ip_address": "10.1.2.3", "enabled": true, "port": 3128, '
+            '"padding": "%s"}' % ("p" * size))
 
 
 # ---- cases --------------------------------------------------------------------
-
-class Case:
-    def __init__(self, behaviour, args, timeout, status, stderr="", stdout=None, tail=None):
-        self.behaviour, self.args, self.timeout = behaviour, args, timeout
-        self.status, self.stderr, self.stdout, self.tail = status, stderr, stdout, tail
-
-
+# behaviour, arguments, time-out, status, stderr, exact stdout, or end of stdout
+Case = collections.namedtuple("Case", "behaviour args timeout status stderr stdout tail",
+                              defaults=("", None, None))
+LIST, GET = (["-l"], 2), (["-g"], 4)  # time-out of each command, in seconds
+QUIET = (0, "", "")  # an unreadable answer costs the pending command; it ends quietly
 CASES = {
-    "huge_frame": Case(huge_frame, ["-l"], 2, 1, LATE),
-    "endless_fragments": Case(endless_fragments, ["-g"], 4, 1, LATE_RUNNING),
-    "endless_header": Case(endless_header, ["-l"], 2, 1, LATE),
-    "not_websocket": Case(not_websocket, ["-g"], 4, 1, LATE_RUNNING),
-    "banner": Case(banner, ["-l"], 2, 1, LATE),
-    "reset_mid_frame": Case(reset_mid_frame, ["-l"], 2, 1, LATE),
+    "huge_frame": Case(huge_frame, *LIST, 1, LATE),
+    "endless_fragments": Case(endless_fragments, *GET, 1, LATE_RUNNING),
+    "endless_header": Case(endless_header, *LIST, 1, LATE),
+    "not_websocket": Case(not_websocket, *GET, 1, LATE_RUNNING),
+    "banner": Case(banner, *LIST, 1, LATE),
+    "reset_mid_frame": Case(reset_mid_frame, *LIST, 1, LATE),
     "event_flood": Case(event_flood, ["-s", "web"], 15, 0, "",
                         tail="\nService enabled and synchronized successfully.\n"),
-    # An unreadable answer costs the pending command; -l then ends quietly.
-    "deep_json": Case(answer_with(deep_response), ["-l"], 2, 0, "", ""),
-    "deep_element": Case(answer_with(deep_element), ["-l"], 2, 0, "", ""),
-    "enormous_json": Case(answer_with(enormous_response), ["-g"], 4, 0, "",
+    "deep_json": Case(answer_with(lambda: "[" * 500000 + "]" * 500000), *LIST, *QUIET),
+    "deep_element": Case(answer_with(lambda: '{"tenants": [%s]}' % json.dumps(
+        "[" * 100000 + "]" * 100000)), *LIST, *QUIET),
+    "enormous_json": Case(answer_with(enormous_response), *GET, 0, "",
                           "---------- Proxy configuration ----------\nIP address:\t10.1.2.3\n"
                           "Port:\t\t3128\nType:\t\tHTTP\nStatus:\t\tEnabled\n"),
-    "oversized_json": Case(answer_with(oversized_response), ["-l"], 2, 1, LATE),
-    # A list of strings that are not services: the listing stops at the first.
-    "many_strings": Case(answer_with(many_strings), ["-l"], 2, 0, "", ""),
-    "too_many_values": Case(answer_with(too_many_values), ["-l"], 2, 0, "", ""),
+    "oversized_json": Case(answer_with(lambda: '{"tenants": [], "padding": "%s"}' % (
+        "p" * (20 * MIB))), *LIST, 1, LATE),
+    # As many values as a document may hold, each a short string that is not
+    # a service: parsed, copied as "data" and read as a list, they cost far
+    # more than their text; the listing stops at the first.
+    "many_strings": Case(answer_with(lambda: '{"tenants": [%s]}' % ", ".join(
+        '"not a service %05d"' % i for i in range(65535))), *LIST, *QUIET),
+    "too_many_values": Case(answer_with(lambda: '{"tenants": [%s]}' % ",".join(
+        ["1"] * 70000)), *LIST, *QUIET),
     # Refused before parsing: building it would take minutes.
-    "many_members": Case(answer_with(many_members), ["-g"], 4, 0, "", ""),
+    "many_members": Case(answer_with(lambda: "{%s}" % ", ".join(
+        '"k%d": [%d, true, null]' % (i, i) for i in range(200000))), *GET, *QUIET),
 }
 
 
 # ---- running ----------------------------------------------------------------
 
-class Server:
+def serve(listener, behaviour, stop):
     """Accepts every connection on the Transfer Agent's port and hands it to
-    the behaviour in a thread of its own."""
+    the behaviour in a thread of its own, until `stop` is set."""
+    listener.settimeout(0.1)
 
-    def __init__(self, behaviour):
-        self.behaviour = behaviour
-        self.listener = ap.listen()
-        self.stop = threading.Event()
-        self.thread = threading.Thread(target=self.serve, daemon=True)
-        self.thread.start()
-
-    def serve(self):
-        self.listener.settimeout(0.1)
-        while not self.stop.is_set():
+    def run_one(sock):
+        with sock:
             try:
-                sock, _ = self.listener.accept()
-            except socket.timeout:
-                continue
-            threading.Thread(target=self.run_one, args=(sock,), daemon=True).start()
-
-    def run_one(self, sock):
-        try:
-            self.behaviour(ap.Connection(sock, timeout=10.0))
-        except (Stop, OSError, ap.ConnectionClosed, ap.ProtocolError):
-            pass
-        finally:
-            try:
-                sock.close()
-            except OSError:
+                behaviour(ap.Connection(sock, timeout=10.0))
+            except (Stop, OSError, ap.ConnectionClosed, ap.ProtocolError):
                 pass
 
-    def close(self):
-        self.stop.set()
-        self.thread.join()
-        self.listener.close()
+    with listener:
+        while not stop.is_set():
+            try:
+                threading.Thread(target=run_one, args=(listener.accept()[0],),
+                                 daemon=True).start()
+            except socket.timeout:
+                continue
 
 
 def peak_kib(pid, peak):
@@ -277,39 +232,30 @@ def peak_kib(pid, peak):
     return peak
 
 
-def sanitized(binary):
-    """ASan reserves shadow memory: its peak says nothing about the tool's."""
-    with open(binary, "rb") as image:
-        return b"__asan_init" in image.read()
-
-
 def run(name, binary):
     global SANITIZED
-    SANITIZED = sanitized(binary)
+    with open(binary, "rb") as image:  # ASan's shadow memory hides the tool's peak
+        SANITIZED = b"__asan_init" in image.read()
     case = CASES[name]
-    server = Server(case.behaviour)
+    stop = threading.Event()
+    server = threading.Thread(target=serve, args=(ap.listen(), case.behaviour, stop),
+                              daemon=True)
+    server.start()
     start = time.monotonic()
-    tool = subprocess.Popen([binary] + case.args, stdin=subprocess.DEVNULL,
-                            stdout=subprocess.PIPE, stderr=subprocess.PIPE)
-    outputs = {}
-    readers = [threading.Thread(target=lambda k=k, f=f: outputs.__setitem__(k, f.read()))
-               for k, f in (("out", tool.stdout), ("err", tool.stderr))]
-    for reader in readers:
-        reader.start()
-    peak = 0
-    limit = start + case.timeout + SLACK + 10
-    while tool.poll() is None and time.monotonic() < limit:
-        peak = peak_kib(tool.pid, peak)
-        time.sleep(0.005)
-    if tool.poll() is None:
-        tool.kill()
-    status = tool.wait()
-    elapsed = time.monotonic() - start
-    for reader in readers:
-        reader.join()
-    server.close()
-    out = outputs["out"].decode(errors="replace")
-    err = outputs["err"].decode(errors="replace")
+    with tempfile.TemporaryFile() as out, tempfile.TemporaryFile() as err:
+        tool = subprocess.Popen([binary] + case.args, stdin=subprocess.DEVNULL, stdout=out,
+                                stderr=err)
+        peak, limit = 0, start + case.timeout + SLACK + 10
+        while tool.poll() is None and time.monotonic() < limit:
+            peak = peak_kib(tool.pid, peak)
+            time.sleep(0.005)
+        if tool.poll() is None:
+            tool.kill()
+        status, elapsed = tool.wait(), time.monotonic() - start
+        out.seek(0), err.seek(0)
+        out, err = out.read().decode(errors="replace"), err.read().decode(errors="replace")
+    stop.set()
+    server.join()
 
     faults = []
     if status < 0:

@@ -42,38 +42,10 @@ VALGRIND = ["valgrind", "--tool=memcheck", "--error-exitcode=99", "--leak-check=
             "--track-origins=yes", "--suppressions=" + os.path.join(HERE, "memcheck.supp")]
 
 
-def main(argv):
-    if len(argv) != 2:
-        sys.stderr.write("usage: memcheck.py BINARY\n")
-        return 2
-    binary = argv[1]
-    failures = 0
-    with tempfile.TemporaryDirectory() as folder:
-        state = os.path.join(folder, "state.json")
-        agent = subprocess.Popen([sys.executable, SIMULATOR, "--quiet", "--step", "0.05",
-                                  "--state", state], stdout=subprocess.PIPE)
-        agent.stdout.readline()  # "listening on ...": ready
-        try:
-            for args, status, start in PATHS:
-                failures += run_one(binary, args, status, start)
-            # With no Transfer Agent: the time-out path.
-            agent.terminate()
-            agent.wait()
-            failures += run_one(binary, ["-l"], 1, "")
-        finally:
-            if agent.poll() is None:
-                agent.kill()
-            agent.wait()
-    print("%d path(s) failed" % failures if failures else "all paths clean")
-    return 1 if failures else 0
-
-
 def run_one(binary, args, status, start):
     began = time.monotonic()
     result = subprocess.run(VALGRIND + [binary] + args, stdin=subprocess.DEVNULL,
-                            capture_output=True, timeout=120)
-    out = result.stdout.decode(errors="replace")
-    report = result.stderr.decode(errors="replace")
+                            capture_output=True, timeout=120, text=True, errors="replace")
     print("%-45s status %d in %.1f s" % (" ".join(args)[:45], result.returncode,
                                          time.monotonic() - began))
     faults = []
@@ -81,13 +53,33 @@ def run_one(binary, args, status, start):
         faults.append("memcheck errors")
     elif result.returncode != status:
         faults.append("exit status %d, expected %d" % (result.returncode, status))
-    if not out.startswith(start):
+    if not result.stdout.startswith(start):
         faults.append("standard output %r, standard error %r"
-                      % (out[:200], result.stderr[-300:]))
+                      % (result.stdout[:200], result.stderr[-300:]))
     if faults:
         print("FAULT: " + "; ".join(faults))
-        print("\n".join(line for line in report.splitlines() if line.startswith("==")))
+        print("\n".join(line for line in result.stderr.splitlines() if line.startswith("==")))
     return 1 if faults else 0
+
+
+def main(argv):
+    if len(argv) != 2:
+        sys.stderr.write("usage: memcheck.py BINARY\n")
+        return 2
+    with tempfile.TemporaryDirectory() as folder:
+        agent = subprocess.Popen([sys.executable, SIMULATOR, "--quiet", "--step", "0.05",
+                                  "--state", os.path.join(folder, "state.json")],
+                                 stdout=subprocess.PIPE)
+        agent.stdout.readline()  # "listening on ...": ready
+        try:
+            failures = sum(run_one(argv[1], *path) for path in PATHS)
+        finally:
+            agent.terminate()
+            agent.wait()
+        # With no Transfer Agent: the time-out path.
+        failures += run_one(argv[1], ["-l"], 1, "")
+    print("%d path(s) failed" % failures if failures else "all paths clean")
+    return 1 if failures else 0
 
 
 if __name__ == "__main__":

@@ -18,19 +18,6 @@ KEY = "k" * 76
 ONION = re.compile(r"^[a-z2-7]{56}\.onion$")
 
 
-class Sim:
-    def __init__(self, *args):
-        self.proc = subprocess.Popen([sys.executable, SIM, "--port", "0", "--step", "0.05",
-                                      "--quiet", *args], stdout=subprocess.PIPE, text=True)
-        line = self.proc.stdout.readline()
-        self.port = int(line.rsplit(":", 1)[1])
-
-    def stop(self):
-        self.proc.terminate()
-        self.proc.stdout.close()
-        return self.proc.wait(timeout=5)
-
-
 class Client:
     """The tool's side: masked frames, announcement first."""
 
@@ -83,9 +70,9 @@ class Client:
         self.sock.close()
 
 
-def add_data(name, port=80, virtual_port=8080):
+def add_data(name):
     return {"method": "api_key", "value": KEY, "name": name, "ip_address": "127.0.0.1",
-            "port": port, "virtual_port": virtual_port, "clear_services": ["a.com"]}
+            "port": 80, "virtual_port": 8080, "clear_services": ["a.com"]}
 
 
 def tenants(data):
@@ -94,8 +81,13 @@ def tenants(data):
 
 class SimTestCase(unittest.TestCase):
     def start(self, *args):
-        sim = Sim(*args)
-        self.addCleanup(sim.stop)
+        """A simulator on a free port and a client of it; both end with the test."""
+        sim = subprocess.Popen([sys.executable, SIM, "--port", "0", "--step", "0.05", "--quiet",
+                                *args], stdout=subprocess.PIPE, text=True)
+        sim.port = int(sim.stdout.readline().rsplit(":", 1)[1])
+        self.addCleanup(sim.wait, timeout=5)
+        self.addCleanup(sim.stdout.close)
+        self.addCleanup(sim.terminate)
         client = Client(sim.port)
         self.addCleanup(client.close)
         return sim, client
@@ -189,7 +181,8 @@ class Services(SimTestCase):
             c.call("add_tenant", add_data("kept"))
             c.call("save_proxy", {"ip_address": "10.1.1.1", "port": 3128, "proxy_type": "HTTPS"})
             c.close()
-            sim.stop()
+            sim.terminate()
+            sim.wait(timeout=5)
             _, again = self.start("--state", path)
             self.assertEqual([t["tenant_name"] for t in tenants(again.call("get_tenants"))],
                              ["kept"])
