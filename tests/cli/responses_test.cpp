@@ -12,49 +12,28 @@
 
 namespace {
 
-struct NullDataCase {
-    const char* label;
-    ResponseCallback callback;
-    const char* message;  // on standard error, status 1
-};
-
-class NullDataFails : public testing::TestWithParam<NullDataCase> {};
-
-TEST_P(NullDataFails, WithItsOwnMessage) {
-    const NullDataCase& c = GetParam();
-    EXPECT_EXIT(c.callback(nullptr), testing::ExitedWithCode(1),
-                testing::Eq(std::string(c.message)));
+TEST(NullData, ResponsesFailWithTheirOwnMessage) {
+    const std::pair<ResponseCallback, const char*> cases[] = {
+        {add_response, "adding service"},
+        {edit_response, "editing service"},
+        {remove_response, "removing service"},
+        {get_proxy_response, "trying to get proxy configuration"},
+        {set_proxy_response, "trying to set proxy"},
+        {save_proxy_response, "trying to save proxy configuration"},
+        {traceability_response, "trying to save traceability configuration"},
+        {enable_response, "enabling service"},
+        {disable_response, "disabling service"}};
+    for (const auto& [callback, doing] : cases) {
+        EXPECT_EXIT(callback(nullptr), testing::ExitedWithCode(1),
+                    testing::Eq("An error occurred while " + std::string(doing) + ".\n"));
+    }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Responses, NullDataFails,
-    testing::Values(
-        NullDataCase{"add", add_response, "An error occurred while adding service.\n"},
-        NullDataCase{"edit", edit_response, "An error occurred while editing service.\n"},
-        NullDataCase{"remove", remove_response, "An error occurred while removing service.\n"},
-        NullDataCase{"get_proxy", get_proxy_response,
-                     "An error occurred while trying to get proxy configuration.\n"},
-        NullDataCase{"set_proxy", set_proxy_response,
-                     "An error occurred while trying to set proxy.\n"},
-        NullDataCase{"save_proxy", save_proxy_response,
-                     "An error occurred while trying to save proxy configuration.\n"},
-        NullDataCase{"traceability", traceability_response,
-                     "An error occurred while trying to save traceability configuration.\n"},
-        NullDataCase{"enable", enable_response, "An error occurred while enabling service.\n"},
-        NullDataCase{"disable", disable_response, "An error occurred while disabling service.\n"}),
-    [](const testing::TestParamInfo<NullDataCase>& param_info) { return param_info.param.label; });
-
-class NullEventIgnored : public testing::TestWithParam<ResponseCallback> {};
-
-TEST_P(NullEventIgnored, KeepsWaiting) {
-    EXPECT_EQ(GetParam()(nullptr), nullptr);
-}
-
-INSTANTIATE_TEST_SUITE_P(EventHandlers, NullEventIgnored,
-                         testing::Values(add_event_handler, enable_event_handler,
-                                         disable_event_handler));
-
-TEST(ListResponse, NullDataListsNothing) {
+TEST(NullData, EventHandlersKeepWaitingAndListShowsNothing) {
+    for (ResponseCallback handler :
+         {add_event_handler, enable_event_handler, disable_event_handler}) {
+        EXPECT_EQ(handler(nullptr), nullptr);
+    }
     char* text = list_response(nullptr);
     ASSERT_NE(text, nullptr);
     EXPECT_STREQ(text, "No registered services yet.");
