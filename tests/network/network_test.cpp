@@ -83,23 +83,6 @@ void accept_peer(evutil_socket_t listener, short, void*) {
     event_add(seen->peer_reader, nullptr);
 }
 
-// Loopback listener on an ephemeral port, or (listening false) a bound port
-// that refuses connections.
-int bound_socket(bool listening, uint16_t* port) {
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    bind(fd, reinterpret_cast<sockaddr*>(&address), length);
-    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-    *port = ntohs(address.sin_port);
-    if (listening) {
-        listen(fd, 8);
-    }
-    return fd;
-}
-
 class NetworkTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() { Network.init(); }
@@ -135,13 +118,19 @@ protected:
 
     // Connects to a listener (or a refusing port) with the given state.
     void start(bool listening, int32_t policy, uint64_t delay, ProtocolState* state) {
-        server = bound_socket(listening, &config.port);
+        server = socket(AF_INET, SOCK_STREAM, 0);  // loopback, ephemeral port
+        sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+        socklen_t length = sizeof address;
+        bind(server, reinterpret_cast<sockaddr*>(&address), length);
+        getsockname(server, reinterpret_cast<sockaddr*>(&address), &length);
+        config.port = ntohs(address.sin_port);
         config.reconnection_policy = policy;
         config.retry_delay = delay;
         initial = state;
         connection = Network.create_connection(initial, &config, base, dispatcher);
         ASSERT_NE(connection, nullptr);
-        if (listening) {
+        if (listening) {  // otherwise the bound port refuses connections
+            listen(server, 8);
             acceptor = event_new(base, server, EV_READ | EV_PERSIST, accept_peer, nullptr);
             event_add(acceptor, nullptr);
         }
@@ -169,30 +158,41 @@ protected:
     event* acceptor = nullptr;
 };
 
-TEST_F(NetworkTest, ConnectsThenSetsUpTheState) {
-    observed.stop_on = NET_EVENT_CONNECTED;
-    start(true, 3, 0, Network.create_protocol_state(read_all, nullptr, setup_a, nullptr));
-    EXPECT_EQ(Network.send(connection, "early", 5), -1) << "queued before connecting";
-    run();
-    EXPECT_EQ(observed.events, (std::vector<uint32_t>{1, 2}));
-    EXPECT_EQ(observed.states, (std::vector<std::string>{"setup a"}));
-    EXPECT_STREQ(Network.get_ip(connection), "127.0.0.1");
-    EXPECT_EQ(Network.get_port(connection), config.port);
-    EXPECT_NE(connection->read_event, nullptr);
+void check_then_close(networkConnection* connection) {
+    EXPECT_NE(connection->read_event, nullptr) << "state set up before event 2";
+    Network.graceful_close(connection);
 }
 
-// (policy, retry delay in seconds, dispatcher events expected) on a refusing port.
-using PolicyCase = std::tuple<int32_t, uint64_t, std::vector<uint32_t>>;
+TEST_F(NetworkTest, ConnectsSetsUpTheStateAndClosesGracefully) {
+    observed.stop_on = NET_EVENT_CLOSED;
+    observed.on_connected = check_then_close;
+    start(true, 3, 0, Network.create_protocol_state(read_all, nullptr, setup_a, unset_a));
+    EXPECT_EQ(Network.send(connection, "early", 5), -1) << "queued before connecting";
+    run();
+    EXPECT_EQ(observed.events, (std::vector<uint32_t>{1, 2, 5}));
+    EXPECT_EQ(observed.states, (std::vector<std::string>{"setup a", "unset a"}));
+    EXPECT_STREQ(Network.get_ip(connection), "127.0.0.1");
+    EXPECT_EQ(Network.get_port(connection), config.port);
+    EXPECT_EQ(connection->write_event, nullptr);
+    EXPECT_EQ(connection->socket, 0);
+}
+
+// (policy, retry delay in seconds, whether a listener accepts then hangs up
+// rather than refusing, dispatcher events expected).
+using PolicyCase = std::tuple<int32_t, uint64_t, bool, std::vector<uint32_t>>;
 class RetryPolicyTest : public NetworkTest, public ::testing::WithParamInterface<PolicyCase> {};
 
 TEST_P(RetryPolicyTest, AttemptsThenGivesUp) {
-    const auto& [policy, delay, expected] = GetParam();
+    const auto& [policy, delay, hang_up, expected] = GetParam();
     observed.stop_on = NET_EVENT_CONNECTION_FAILED;
-    start(false, policy, delay, nullptr);
+    observed.close_peers = hang_up;
+    start(hang_up, policy, delay,
+          Network.create_protocol_state(read_all, nullptr, nullptr, nullptr));
     run();
     EXPECT_EQ(observed.events, expected);
     EXPECT_EQ(connection->remaining_attempts, 0);
     EXPECT_EQ(connection->retry_event, nullptr);
+    EXPECT_EQ(Network.send(connection, "late", 4), -1);
     for (size_t i = 1; i < observed.tries.size(); ++i) {
         EXPECT_GE(observed.tries[i] - observed.tries[i - 1],
                   std::chrono::milliseconds(900 * static_cast<int64_t>(delay)));
@@ -200,9 +200,11 @@ TEST_P(RetryPolicyTest, AttemptsThenGivesUp) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Policies, RetryPolicyTest,
-                         ::testing::Values(PolicyCase{3, 0, {1, 3, 1, 3, 1, 4}},
-                                           PolicyCase{2, 1, {1, 3, 1, 4}}, PolicyCase{1, 0, {1, 4}},
-                                           PolicyCase{-1, 0, {1, 4}}));
+                         ::testing::Values(PolicyCase{3, 0, false, {1, 3, 1, 3, 1, 4}},
+                                           PolicyCase{2, 1, false, {1, 3, 1, 4}},
+                                           PolicyCase{1, 0, false, {1, 4}},
+                                           PolicyCase{-1, 0, false, {1, 4}},
+                                           PolicyCase{2, 0, true, {1, 2, 3, 1, 2, 4}}));
 
 void forget_retry(uint32_t id, void* connection) {
     if (id == NET_EVENT_RECONNECTING) {
@@ -246,27 +248,6 @@ TEST_F(NetworkTest, QueuedBytesArriveWholeAndInOrder) {
     EXPECT_TRUE(event_pending(connection->write_event, EV_WRITE, nullptr));
     run();
     EXPECT_EQ(observed.received.substr(observed.expected - 4), "tail");
-}
-
-TEST_F(NetworkTest, LostPeerCountsAgainstTheAttempts) {
-    observed.close_peers = true;
-    observed.stop_on = NET_EVENT_CONNECTION_FAILED;
-    start(true, 2, 0, Network.create_protocol_state(read_all, nullptr, nullptr, unset_a));
-    run();
-    EXPECT_EQ(observed.events, (std::vector<uint32_t>{1, 2, 3, 1, 2, 4}));
-    EXPECT_EQ(Network.send(connection, "late", 4), -1);
-    EXPECT_EQ(Network.receive_data(nullptr, 16), -2);
-}
-
-TEST_F(NetworkTest, GracefulCloseReportsClosed) {
-    observed.stop_on = NET_EVENT_CLOSED;
-    observed.on_connected = Network.graceful_close;
-    start(true, 3, 0, Network.create_protocol_state(read_all, nullptr, nullptr, unset_a));
-    run();
-    EXPECT_EQ(observed.events, (std::vector<uint32_t>{1, 2, 5}));
-    EXPECT_EQ(observed.states, (std::vector<std::string>{"unset a"}));
-    EXPECT_EQ(connection->write_event, nullptr);
-    EXPECT_EQ(connection->socket, 0);
 }
 
 void read_until_ten(evutil_socket_t fd, short what, void* connection) {

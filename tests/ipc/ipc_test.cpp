@@ -1,30 +1,76 @@
-// The client against a scripted Transfer Agent on a loopback ephemeral port.
-// The peer runs on its own thread with blocking sockets and frames messages
-// itself, apart from lib/websocket, so that one mistake cannot hide in both
-// ends. Every wait is bounded: socket waits by poll, the loop by a guard.
-#include "ipc/ipc_client.h"
-
+// The IPC config, and the client against a scripted Transfer Agent on a
+// loopback ephemeral port. The peer runs on its own thread with blocking
+// sockets and frames messages itself, apart from lib/websocket, so that one
+// mistake cannot hide in both ends. Every wait is bounded: socket waits by
+// poll, the loop by a guard.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <stdlib.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <iostream>
 #include <nlohmann/json.hpp>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "ipc_test_log.h"
+#include "core/logger.h"
+#include "ipc/ipc_client.h"
 #include "websocket/crypto.h"
 #include "websocket/websocket_client.h"
 
 namespace {
 
 using nlohmann::json;
+
+// What the library logged during one test: the logger writes, at trace level,
+// into a temporary folder removed when the test process ends.
+class LogTail {
+public:
+    // Starts the process's logger on first use; remembers where this test begins.
+    LogTail() : start_(read_all().size()) {}
+    std::string text() const { return read_all().substr(start_); }
+    bool contains(const std::string& message) const {
+        return text().find(message) != std::string::npos;
+    }
+
+private:
+    struct Folder {
+        std::filesystem::path path;
+        Folder() {
+            char pattern[] = "/tmp/sylv-ipc-XXXXXX";
+            if (mkdtemp(pattern) != nullptr) {
+                path = pattern;
+                Logger.init((path.string() + "/").c_str(), "ipc", LOG_TRACE);
+            }
+        }
+        ~Folder() {
+            Logger.close();
+            if (!path.empty()) {
+                std::filesystem::remove_all(path);
+            }
+        }
+    };
+    static std::string read_all() {
+        static Folder folder;
+        std::stringstream all;
+        if (folder.path.empty()) {
+            return all.str();
+        }
+        for (const auto& entry : std::filesystem::directory_iterator(folder.path)) {
+            all << std::ifstream(entry.path()).rdbuf();
+        }
+        return all.str();
+    }
+    size_t start_;
+};
 
 constexpr int WAIT_MS = 2000;
 
@@ -70,13 +116,9 @@ public:
         std::string payload;
         if (read_exact(head, 2)) {
             EXPECT_EQ(head[0], 0x81) << "one final text frame per message";
-            EXPECT_TRUE(head[1] & 0x80) << "client frames are masked";
-            size_t length = head[1] & 0x7f;
-            if (length == 126 && read_exact(head + 2, 2)) {
-                length = head[2] << 8 | head[3];
-            }
-            payload.resize(length);
-            if (!read_exact(head, 4) || !read_exact(payload.data(), length)) {
+            EXPECT_TRUE(head[1] & 0x80 && (head[1] & 0x7f) < 126) << "masked, short length";
+            payload.resize(head[1] & 0x7f);
+            if (!read_exact(head, 4) || !read_exact(payload.data(), payload.size())) {
                 payload.clear();
             }
             for (size_t i = 0; i < payload.size(); ++i) {
@@ -91,12 +133,9 @@ public:
         write_all("\x81" + std::string(1, static_cast<char>(text.size())) + text);
     }
     // Answers `request` with its own command and id.
-    void answer(const json& request, const json& data) {
-        send_text(json{
-            {"command", request.value("command", json())},
-            {"id", request.value("id", json())},
-            {"data",
-             data}}.dump());
+    void answer(json request, const json& data) {
+        request["data"] = data;
+        send_text(request.dump());
     }
     // Nothing sent and the connection still open for `ms`.
     bool silent(int ms) { return !readable(fd_, ms); }
@@ -180,13 +219,16 @@ std::string text_of(const JsonValue* value) {
     json_serialize(value, text, sizeof text);
     return text;
 }
+// Records the delivery; what it returns, the client prints and logs.
+char* deliver(const char* kind, const char* printed, JsonValue* data) {
+    seen.delivered.push_back(kind + text_of(data));
+    return strdup((printed + text_of(data)).c_str());
+}
 char* on_response(JsonValue* data) {
-    seen.delivered.push_back("response " + text_of(data));
-    return strdup(("answered " + text_of(data)).c_str());
+    return deliver("response ", "answered ", data);
 }
 char* on_event(JsonValue* data) {
-    seen.delivered.push_back("event " + text_of(data));
-    return strdup(("event " + text_of(data)).c_str());
+    return deliver("event ", "event ", data);
 }
 JsonValue* no_data(void*) {
     return nullptr;
@@ -195,7 +237,24 @@ JsonValue* data_from_text(void* text) {
     return json_parse(static_cast<const char*>(text));
 }
 
-class IpcClientTest : public ::testing::Test {
+SubscriptionRequest* new_subscription(const char* name, const char* event,
+                                      ResponseCallback callback = nullptr) {
+    auto* subscription = static_cast<SubscriptionRequest*>(calloc(1, sizeof(SubscriptionRequest)));
+    strcpy(subscription->subscription_name, name);
+    strcpy(subscription->event_name, event);
+    subscription->callback = callback;
+    return subscription;
+}
+
+std::vector<std::string> queued_names(IpcClientConfig* config) {
+    std::vector<std::string> names;
+    for (ListEntry* entry = config->commands->head; entry != nullptr; entry = entry->next) {
+        names.push_back(static_cast<IpcCommand*>(entry->item)->name);
+    }
+    return names;
+}
+
+class IpcTest : public ::testing::Test {
 protected:
     void SetUp() override {
         if (!Network.is_initialized()) {
@@ -218,13 +277,12 @@ protected:
         event_base_loop(Network.get_event_base(), EVLOOP_NONBLOCK);  // leftover deliveries
         CallbackEvent.destroy(dispatcher_);
     }
-    void subscribe(ResponseCallback callback) {
-        auto* subscription =
-            static_cast<SubscriptionRequest*>(calloc(1, sizeof(SubscriptionRequest)));
-        strcpy(subscription->subscription_name, "services_subscription");
-        strcpy(subscription->event_name, "tenants_event");
-        subscription->callback = callback;
-        List* list = LinkedList.create(subscription);
+    // Adds `subscriptions` in one list, as a caller would.
+    void subscribe(std::initializer_list<SubscriptionRequest*> subscriptions) {
+        List* list = LinkedList.create(nullptr);
+        for (SubscriptionRequest* subscription : subscriptions) {
+            LinkedList.add(list, subscription);
+        }
         IpcConfig.add_subscriptions(config_, list);
         LinkedList.free(list, nullptr);
     }
@@ -256,10 +314,93 @@ protected:
     LogTail log_;
 };
 
+TEST_F(IpcTest, LongestCommandNameHas254Characters) {
+    const std::string longest(254, 'c'), too_long(255, 'c');
+    const std::string refusal =
+        "Cannot create IPC command because specified command name is too long. Allowed max size "
+        "= 255";
+    IpcConfig.add_command(config_, longest.c_str(), nullptr, nullptr, nullptr);
+    EXPECT_FALSE(log_.contains(refusal));
+    IpcConfig.add_command(config_, too_long.c_str(), nullptr, nullptr, nullptr);
+    EXPECT_TRUE(log_.contains(refusal));
+    EXPECT_NE(IpcConfig.lookup_command(config_, longest.c_str()), nullptr);
+    EXPECT_EQ(IpcConfig.lookup_command(config_, too_long.c_str()), nullptr);
+}
+
+// Each add queues one request in place; a duplicate is held once, stays the
+// caller's, and is named once in the request.
+TEST_F(IpcTest, SubscriptionsAreHeldOnceAndEachAddQueuesARequest) {
+    SubscriptionRequest* first = new_subscription("a_subscription", "a_event");
+    SubscriptionRequest* twin = new_subscription("a_subscription", "a_event");
+    IpcConfig.add_command(config_, "connect_tenants", nullptr, nullptr, nullptr);
+    subscribe({first, twin, first});
+    IpcConfig.add_command(config_, "get_tenants", nullptr, nullptr, nullptr);
+    subscribe({new_subscription("b_subscription", "b_event")});
+
+    EXPECT_EQ(LinkedList.size(config_->subscriptions), 2u);
+    EXPECT_EQ(IpcConfig.lookup_subscription(config_, twin), first);
+    EXPECT_TRUE(
+        log_.contains("Unable to add subscription a_subscription with command a_event. "
+                      "This subscription is already in the list"));
+    free(twin);
+    EXPECT_EQ(queued_names(config_), (std::vector<std::string>{"connect_tenants", "subscription",
+                                                               "get_tenants", "subscription"}));
+    auto* request = static_cast<IpcCommand*>(config_->commands->tail->item);
+    JsonValue* data = request->execution_callback(request->user_data);
+    EXPECT_EQ(text_of(data), R"({"subscriptions":["a_subscription","b_subscription"]})");
+    json_free_value(data);
+}
+
+void count_fires(evutil_socket_t, short, void* count) {
+    ++*static_cast<int*>(count);
+}
+
+TEST_F(IpcTest, OneTimeoutPerConfigFiringOnce) {
+    struct event_base* base = event_base_new();
+    int fires = 0;
+    ASSERT_EQ(IpcConfig.set_timeout(config_, base, count_fires, &fires, 0), 0);
+    struct event* first = config_->timeout_event;
+    EXPECT_EQ(IpcConfig.set_timeout(config_, base, count_fires, &fires, 0), -1);
+    EXPECT_EQ(config_->timeout_event, first);
+    EXPECT_TRUE(
+        log_.contains("Unable to set timeout as a timeout is already set on this ipc "
+                      "config"));
+    event_base_dispatch(base);  // returns once nothing is pending: the timer is one-shot
+    EXPECT_EQ(fires, 1);
+    IpcConfig.free_ipc_config(config_);
+    config_ = nullptr;
+    event_base_free(base);
+}
+
+TEST_F(IpcTest, MissingArgumentsAreLoggedAndRefused) {
+    const std::vector<std::pair<std::function<bool()>, std::string>> cases = {
+        {[] { return IpcConfig.create_client_ipc_config(nullptr, 1, 1, 1) == nullptr; },
+         "Unable to create client ipc config because provided ip address is NULL"},
+        {[] { return IpcConfig.request_subscription(nullptr) == nullptr; },
+         "Unable to request subscription: subscription list is NULL"},
+        {[this] { return IpcConfig.lookup_subscription(config_, nullptr) == nullptr; },
+         "Unable to lookup specified subscription because provided subscription  is NULL"},
+        {[this] {
+             IpcConfig.add_subscriptions(config_, nullptr);
+             return LinkedList.size(config_->commands) == 0;
+         },
+         "Unable to add subscription. Subscription list is NULL"},
+        {[this] {
+             IpcConfig.add_command(config_, nullptr, nullptr, nullptr, nullptr);
+             return LinkedList.size(config_->commands) == 0;
+         },
+         "Unable to add command. Command name is NULL"},
+    };
+    for (const auto& [call, message] : cases) {
+        EXPECT_TRUE(call()) << message;
+        EXPECT_TRUE(log_.contains(message)) << message;
+    }
+}
+
 const json ANNOUNCEMENT = {{"command", "connection"}, {"id", 17}};
 
-TEST_F(IpcClientTest, FullConversationWithTwoCommandsAndASubscription) {
-    subscribe(on_event);
+TEST_F(IpcTest, FullConversationWithTwoCommandsAndASubscription) {
+    subscribe({new_subscription("services_subscription", "tenants_event", on_event)});
     IpcConfig.add_command(config_, "get_tenants", no_data, nullptr, on_response);
     IpcConfig.add_command(config_, "get_proxy", data_from_text,
                           const_cast<char*>(R"({"mode":"none"})"), on_response);
@@ -283,17 +424,17 @@ TEST_F(IpcClientTest, FullConversationWithTwoCommandsAndASubscription) {
         }
         EXPECT_TRUE(peer.silent(300)) << "the held subscription must keep the connection";
         peer.send_text(R"({"command":"tenants_event","id":-1,"data":{"n":2}})");
-        peer.silent(150);
+        EXPECT_TRUE(peer.silent(150));
+        peer.send_text(R"({"command":"please_disconnect","id":0})");
+        EXPECT_TRUE(peer.closed_by_client()) << "eviction";
     });
-    EXPECT_EQ(seen.delivered,
-              (std::vector<std::string>{"event {\"n\":1}", R"(response {"for":"get_tenants"})",
-                                        R"(response {"for":"get_proxy"})", "event {\"n\":2}"}));
     EXPECT_EQ(out,
               "event {\"n\":1}\nanswered {\"for\":\"get_tenants\"}\n"
               "answered {\"for\":\"get_proxy\"}\nevent {\"n\":2}\n");
     EXPECT_TRUE(log_.contains("Executed command get_proxy : answered {\"for\":\"get_proxy\"}"));
     EXPECT_NE(config_->timeout_event, nullptr);
-    EXPECT_EQ(seen.events, std::vector<uint32_t>{IPC_EVENT_DISCONNECTED});  // the peer hung up
+    EXPECT_EQ(seen.events,
+              (std::vector<uint32_t>{IPC_EVENT_PLEASE_DISCONNECT, IPC_EVENT_DISCONNECTED}));
 }
 
 // A message that does not settle the pending command properly still consumes
@@ -302,10 +443,10 @@ struct BadAnswer {
     const char* name;
     const char* reply;  // {ID} is the pending id, {WRONG} another one
     const char* logged;
+    bool subscribed = false;  // "subscription", not "first", is pending
 };
 
-class ConsumedCommandTest : public IpcClientTest,
-                            public ::testing::WithParamInterface<BadAnswer> {};
+class ConsumedCommandTest : public IpcTest, public ::testing::WithParamInterface<BadAnswer> {};
 
 std::string fill(std::string text, int id) {
     for (auto [mark, value] : {std::pair{"{ID}", id}, std::pair{"{WRONG}", (id + 1) % 15000}}) {
@@ -317,21 +458,26 @@ std::string fill(std::string text, int id) {
 }
 
 TEST_P(ConsumedCommandTest, NextCommandIsSentAndRunEnds) {
-    IpcConfig.add_command(config_, "first", no_data, nullptr, on_response);
+    if (GetParam().subscribed) {
+        subscribe({new_subscription("services_subscription", "tenants_event")});
+    } else {
+        IpcConfig.add_command(config_, "first", no_data, nullptr, on_response);
+    }
     IpcConfig.add_command(config_, "second", no_data, nullptr, on_response);
     int first_id = -1;
-    converse([&first_id](Peer& peer) {
+    const bool held = GetParam().subscribed;  // a held subscription keeps the connection
+    converse([&first_id, held](Peer& peer) {
         EXPECT_EQ(peer.receive(), ANNOUNCEMENT);
         first_id = peer.receive().value("id", -1);
         peer.send_text(fill(GetParam().reply, first_id));
         json second = peer.receive();
         EXPECT_EQ(second["command"], "second");
         peer.answer(second, "done");
-        EXPECT_TRUE(peer.closed_by_client());
+        EXPECT_TRUE(held || peer.closed_by_client());
     });
     EXPECT_EQ(seen.delivered, std::vector<std::string>{"response \"done\""});
     EXPECT_EQ(seen.events, std::vector<uint32_t>{IPC_EVENT_DISCONNECTED});
-    EXPECT_EQ(config_->timeout_event, nullptr) << "the time-out outlived the conversation";
+    EXPECT_EQ(config_->timeout_event != nullptr, held) << "the time-out outlived the conversation";
     EXPECT_EQ(LinkedList.size(config_->commands), 0u);
     EXPECT_TRUE(log_.contains(fill(GetParam().logged, first_id))) << log_.text();
 }
@@ -349,44 +495,16 @@ INSTANTIATE_TEST_SUITE_P(
                   "first. Received: second"},
         BadAnswer{"NoData", R"({"command":"first","id":{ID}})",
                   "Failed to retrieve data from response in receive_message_callback()"},
-        BadAnswer{"EvictionWithoutId", R"({"command":"please_disconnect","data":{}})",
+        BadAnswer{"EvictionWithoutIdIsAnUnknownEvent",
+                  R"({"command":"please_disconnect","data":{}})",
                   "Received a bad Json formatted message from server"},
-        BadAnswer{"UnknownEvent", R"({"command":"tenants_event","id":-3,"data":{}})",
-                  "Received a bad Json formatted message from server"}),
+        // An event for a subscription without callback is taken as the answer.
+        BadAnswer{"EventWithoutCallback", R"({"command":"tenants_event","data":{}})",
+                  "Expected: subscription. Received: tenants_event", true}),
     [](const auto& row) { return std::string(row.param.name); });
 
-TEST_F(IpcClientTest, EvictionRaises47Then46AndCloses) {
-    IpcConfig.add_command(config_, "get_tenants", no_data, nullptr, on_response);
-    converse([](Peer& peer) {
-        EXPECT_EQ(peer.receive(), ANNOUNCEMENT);
-        peer.receive();
-        peer.send_text(R"({"command":"please_disconnect","id":0})");
-        EXPECT_TRUE(peer.closed_by_client());
-    });
-    EXPECT_EQ(seen.events,
-              (std::vector<uint32_t>{IPC_EVENT_PLEASE_DISCONNECT, IPC_EVENT_DISCONNECTED}));
-    EXPECT_TRUE(seen.delivered.empty());
-}
-
-// An event for a subscription without callback is taken as a response, here
-// to the pending "subscription" request, whose name it does not carry.
-TEST_F(IpcClientTest, EventOfSubscriptionWithoutCallbackConsumesTheCommand) {
-    subscribe(nullptr);
-    IpcConfig.add_command(config_, "get_tenants", no_data, nullptr, on_response);
-    converse([](Peer& peer) {
-        EXPECT_EQ(peer.receive(), ANNOUNCEMENT);
-        EXPECT_EQ(peer.receive()["command"], "subscription");
-        peer.send_text(R"({"command":"tenants_event","data":{}})");
-        json request = peer.receive();
-        EXPECT_EQ(request["command"], "get_tenants");
-        peer.answer(request, 1);
-    });
-    EXPECT_EQ(seen.delivered, std::vector<std::string>{"response 1"});
-    EXPECT_TRUE(log_.contains("Expected: subscription. Received: tenants_event"));
-}
-
 // Nothing to send after the announcement: the client hangs up at once.
-class NothingToSendTest : public IpcClientTest, public ::testing::WithParamInterface<bool> {};
+class NothingToSendTest : public IpcTest, public ::testing::WithParamInterface<bool> {};
 
 TEST_P(NothingToSendTest, EndsRightAfterTheAnnouncement) {
     const std::string huge = "\"" + std::string(1000, 'x') + "\"";
