@@ -13,13 +13,6 @@ constexpr size_t STATUS_SIZE = 255;
 constexpr size_t SYNCHRONIZED_SIZE = 9;
 constexpr size_t REASON_SIZE = 100;
 
-// The event messages of both follow-ups speak of adding; users' scripts
-// match these texts.
-constexpr const char* BAD_EVENT =
-    "Error while trying to add a service. Server responded with bad formatted answer\n";
-constexpr const char* NO_ANSWER =
-    "Transfer Agent process did not respond in expected time. Please retry.\n";
-
 // The acknowledgement of connect_tenants or disconnect_tenants for the
 // current service.
 enum class Ack { none, accepted, refused };
@@ -176,7 +169,7 @@ char* enable_event_handler(JsonValue* data) {
         case Step::failed:
             finishf(stderr, 1, "\nCould not enable service '%s'. \n", current_service_name);
         case Step::bad_format:
-            finish(stderr, BAD_EVENT, 1);
+            finish(stderr, BAD_TENANTS_EVENT, 1);
         case Step::next:
         case Step::stop:
             break;
@@ -192,7 +185,7 @@ char* disable_event_handler(JsonValue* data) {
         case Step::disconnected:
             finish(stdout, "Service disabled successfully.\n", 0);
         case Step::bad_format:
-            finish(stderr, BAD_EVENT, 1);
+            finish(stderr, BAD_TENANTS_EVENT, 1);
         default:
             break;
     }
@@ -201,7 +194,7 @@ char* disable_event_handler(JsonValue* data) {
 
 // Progress and a started sync count as enabled: the Transfer Agent keeps
 // synchronising after the tool leaves.
-void enabling_timeout_callback(evutil_socket_t, short, void*) {
+void enabling_timeout_callback(evutil_socket_t fd, short flags, void* argument) {
     if (enabling_progress_count != 0 && sync_started == 1) {
         sync_started = 0;
         finish(stdout, "\nService enabled successfully.\n", 0);
@@ -213,16 +206,16 @@ void enabling_timeout_callback(evutil_socket_t, short, void*) {
                "network from this machine and whether provided API key is correct.\n",
                1);
     }
-    finish(stderr, NO_ANSWER, 1);
+    timeout_callback(fd, flags, argument);  // nothing seen: the plain time-out
 }
 
 // Only enabling advances the progress count, so a disabling run reports the
 // second text; the first is kept for a shared counter.
-void disabling_timeout_callback(evutil_socket_t, short, void*) {
+void disabling_timeout_callback(evutil_socket_t fd, short flags, void* argument) {
     if (enabling_progress_count != 0) {
         finish(stderr,
                "\nTransfer Agent was not able to disable the specified service. Please retry.\n",
                1);
     }
-    finish(stderr, NO_ANSWER, 1);
+    timeout_callback(fd, flags, argument);  // nothing seen: the plain time-out
 }

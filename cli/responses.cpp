@@ -19,9 +19,6 @@ constexpr size_t ONION_ADDRESS_SIZE = 63;
 constexpr size_t REASON_SIZE = 100;
 constexpr size_t PROXY_TYPE_SIZE = 20;
 
-constexpr const char* BAD_ADD_EVENT =
-    "Error while trying to add a service. Server responded with bad formatted answer\n";
-
 // Texts of one of add, edit and remove.
 struct ServiceResponseTexts {
     const char* key;
@@ -291,12 +288,12 @@ char* add_event_handler(JsonValue* data) {
         return nullptr;
     }
     if (!read_tenant_list(data, &list)) {
-        finish(stderr, BAD_ADD_EVENT, 1);
+        finish(stderr, BAD_TENANTS_EVENT, 1);
     }
     AddOutcome outcome = scan_added_tenants(list);
     release_tenant_list(&list);
     if (outcome == AddOutcome::bad_format) {
-        finish(stderr, BAD_ADD_EVENT, 1);
+        finish(stderr, BAD_TENANTS_EVENT, 1);
     }
     if (outcome == AddOutcome::added) {
         finish(stdout, "Service added successfully.\n", 0);

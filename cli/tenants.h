@@ -4,6 +4,11 @@
 
 #include "ipc/json_value.h"
 
+// What every "tenants_event" handler prints for a malformed event. It speaks
+// of adding even while enabling or disabling; scripts match the text.
+constexpr const char* BAD_TENANTS_EVENT =
+    "Error while trying to add a service. Server responded with bad formatted answer\n";
+
 struct TenantList {
     JsonListItem** items;
     int count;
