@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "core/dynamic_buffer.h"
-#include "ipc/json_value.h"
+#include "sylvshared/json.h"
 #include "websocket/websocket.h"
 
 namespace {

@@ -11,7 +11,7 @@
 
 #include "core/linked_list.h"
 #include "ipc/ipc_config.h"
-#include "ipc/json_value.h"
+#include "sylvshared/json.h"
 
 constexpr int SERVICE_NAME_LIMIT = 255;
 constexpr int API_KEY_LENGTH = 76;

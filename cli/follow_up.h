@@ -6,7 +6,7 @@
 
 #include <event2/event.h>
 
-#include "ipc/json_value.h"
+#include "sylvshared/json.h"
 
 char* enable_response(JsonValue* data);
 char* disable_response(JsonValue* data);

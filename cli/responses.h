@@ -5,7 +5,7 @@
 // is printed by the IPC client, null means nothing more to print.
 #pragma once
 
-#include "ipc/json_value.h"
+#include "sylvshared/json.h"
 
 char* add_response(JsonValue* data);
 char* edit_response(JsonValue* data);

@@ -2,7 +2,7 @@
 // elements are strings, each holding one serialized JSON object.
 #pragma once
 
-#include "ipc/json_value.h"
+#include "sylvshared/json.h"
 
 // What every "tenants_event" handler prints for a malformed event. It speaks
 // of adding even while enabling or disabling; scripts match the text.

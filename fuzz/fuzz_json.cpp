@@ -5,7 +5,7 @@
 #include <cstring>
 #include <string>
 
-#include "ipc/json_value.h"
+#include "sylvshared/json.h"
 
 namespace {
 

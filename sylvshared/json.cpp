@@ -12,7 +12,7 @@
 #include <string>
 #include <string_view>
 
-#include "ipc/json_value.h"
+#include "sylvshared/json.h"
 
 using Json = nlohmann::ordered_json;
 

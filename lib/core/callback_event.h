@@ -15,18 +15,8 @@
 #include "core/linked_list.h"
 #include "core/mutex.h"
 
-// Identifiers raised in this program (the library reserves 0..53).
-enum DispatcherEvent : uint32_t {
-    NET_EVENT_CONNECT_RESULT = 1,
-    NET_EVENT_CONNECTED = 2,
-    NET_EVENT_RECONNECTING = 3,
-    NET_EVENT_CONNECTION_FAILED = 4,
-    NET_EVENT_CLOSED = 5,
-    IPC_EVENT_DISCONNECTED = 46,
-    IPC_EVENT_PLEASE_DISCONNECT = 47,
-};
-
-// Number of identifiers the tool's dispatcher is created with.
+// Number of identifiers the tool's dispatcher is created with; the layers
+// above name the ones they raise (network/network.h, ipc/ipc_client.h).
 constexpr uint32_t DISPATCHER_EVENT_COUNT = 54;
 
 using SubscriberCallback = void (*)(uint32_t event_id, void* data);

@@ -20,6 +20,12 @@
 #include "ipc/ipc_config.h"
 #include "network/network.h"
 
+// Dispatcher identifiers raised by the client, with the connection as data.
+enum IpcEvent : uint32_t {
+    IPC_EVENT_DISCONNECTED = 46,       // the conversation is over
+    IPC_EVENT_PLEASE_DISCONNECT = 47,  // the agent serves another client
+};
+
 constexpr int32_t IPC_ANNOUNCEMENT_ID = 17;
 constexpr int32_t IPC_ID_RANGE = 15000;
 constexpr size_t IPC_REQUEST_CHECK_SIZE = 1000;

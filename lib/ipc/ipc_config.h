@@ -9,7 +9,7 @@
 #include <cstdint>
 
 #include "core/linked_list.h"
-#include "ipc/json_value.h"
+#include "sylvshared/json.h"
 #include "network/network.h"
 
 // Builds a request's "data" from user_data; null means no "data" key.

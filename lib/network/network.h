@@ -4,7 +4,7 @@
 // events, a sending and a receive queue, the current protocol state and the
 // reconnection settings. The layers above reach the socket only through this
 // module. Connection events go to the connection's dispatcher with the
-// connection as data (NET_EVENT_* in core/callback_event.h).
+// connection as data (NET_EVENT_* below).
 //
 // Everything runs on the loop's thread. Sending only queues: the write event
 // drains the queue when the socket is writable, and exists (is added) only
@@ -21,6 +21,15 @@
 #include "core/module.h"
 #include "core/mutex.h"
 #include "network/protocol_state.h"
+
+// Dispatcher identifiers raised by this module, with the connection as data.
+enum NetworkEvent : uint32_t {
+    NET_EVENT_CONNECT_RESULT = 1,     // an attempt finished, either way
+    NET_EVENT_CONNECTED = 2,          // the socket is connected
+    NET_EVENT_RECONNECTING = 3,       // a retry is scheduled
+    NET_EVENT_CONNECTION_FAILED = 4,  // no attempt left
+    NET_EVENT_CLOSED = 5,             // graceful_close ran
+};
 
 // Largest count receive_data accepts; more ends the process.
 constexpr int64_t NETWORK_RECEIVE_MAX = 4096;

@@ -11,7 +11,7 @@
 #include <cstdint>
 
 #include "core/dynamic_buffer.h"
-#include "ipc/json_value.h"
+#include "sylvshared/json.h"
 #include "network/network.h"
 
 enum WebSocketOpcode : uint8_t {

@@ -8,7 +8,7 @@
 // on_connected. Every failure ends in close_websocket_connection.
 #pragma once
 
-#include "ipc/json_value.h"
+#include "sylvshared/json.h"
 #include "network/network.h"
 #include "websocket/websocket.h"
 
