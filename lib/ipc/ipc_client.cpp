@@ -8,6 +8,8 @@
 #include <memory>
 
 #include "core/logger.h"
+#include "core/no_throw.h"
+#include "core/owned.h"
 #include "websocket/websocket_client.h"
 
 namespace {
@@ -24,10 +26,7 @@ struct JsonDeleter {
 };
 using JsonPtr = std::unique_ptr<JsonValue, JsonDeleter>;
 
-struct FreeDeleter {
-    void operator()(void* pointer) const { free(pointer); }
-};
-using TextPtr = std::unique_ptr<char, FreeDeleter>;
+using TextPtr = MallocPtr<char>;
 
 IpcClientConfig* config_of(networkConnection* connection) {
     // The connection was created with an IpcClientConfig as its settings.
@@ -46,6 +45,12 @@ bool is_empty(List* list) {
 
 IpcCommand* head_command(IpcClientConfig* config) {
     return static_cast<IpcCommand*>(config->commands->head->item);
+}
+
+// A front-end callback; what it throws is logged and taken as "nothing to print".
+char* run_callback(ResponseCallback callback, JsonValue* data) {
+    return without_throwing<char*>("IpcClient response callback", nullptr,
+                                   [&] { return callback(data); });
 }
 
 // Raises IPC_EVENT_DISCONNECTED, then closes the WebSocket connection. The
@@ -67,41 +72,43 @@ int send_request(networkConnection* connection, JsonValue* request) {
     if (json_serialize(request, check, sizeof check) < 0) {
         Logger.fatal("Unable to serialized request. Stopped connection");
         json_free_value(request);
-        return -1;
+        return IPC_ERR_FAILED;
     }
     if (WebSocketClient.send(connection, request) < 0) {
         // The command stays pending; the conversation's time-out settles it.
         Logger.error("Unable to send IPC request");
     }
-    return 0;
+    return IPC_OK;
 }
 
 // Sends the request of the head command with a fresh id. The record stays at
 // the head until a message for it arrives. 0, or -1 (nothing sent).
 int execute_command(networkConnection* connection, IpcClientConfig* config) {
     if (connection == nullptr || config == nullptr || is_empty(config->commands)) {
-        return -1;
+        return IPC_ERR_FAILED;
     }
     IpcCommand* command = head_command(config);
     if (command == nullptr) {
         Logger.fatal("IPC client command data is NULL. This should not happen");
-        return -1;
+        return IPC_ERR_FAILED;
     }
     if (command->execution_callback == nullptr) {
         Logger.fatal("IPC client command execution callback is NULL. This should not happen");
-        return -1;
+        return IPC_ERR_FAILED;
     }
     command->id = rand() % IPC_ID_RANGE;
     JsonPtr request(json_create_json_object());
     if (request == nullptr || json_add_string_child(request.get(), "command", command->name) != 0 ||
         json_add_int_child(request.get(), "id", command->id) != 0) {
         Logger.error("Unable to build IPC request %s", command->name);
-        return -1;
+        return IPC_ERR_FAILED;
     }
-    JsonPtr data(command->execution_callback(command->user_data));
+    JsonPtr data(without_throwing<JsonValue*>("IpcClient.execute_command", nullptr, [command] {
+        return command->execution_callback(command->user_data);
+    }));
     if (data != nullptr && json_add_child_to_object(request.get(), "data", data.get()) != 0) {
         Logger.error("Unable to build IPC request %s", command->name);
-        return -1;
+        return IPC_ERR_FAILED;
     }
     return send_request(connection, request.release());
 }
@@ -117,7 +124,7 @@ void connection_established_callback(networkConnection* connection) {
         return;
     }
     WebSocketClient.send(connection, announcement);
-    if (execute_command(connection, config_of(connection)) == -1) {
+    if (execute_command(connection, config_of(connection)) != IPC_OK) {
         ipc_client_disconnect(connection);
     }
 }
@@ -172,7 +179,7 @@ Outcome handle_response(networkConnection* connection, const JsonValue* message,
         if (data == nullptr) {
             Logger.error("%s", MISSING_DATA);
         } else {
-            text.reset(command->response_callback(data.get()));
+            text.reset(run_callback(command->response_callback, data.get()));
         }
     }
     return Outcome::Consumed;
@@ -198,7 +205,7 @@ Outcome handle_event(networkConnection* connection, const JsonValue* message,
         Logger.error("%s", MISSING_DATA);
         return Outcome::Consumed;
     }
-    TextPtr event_text(subscription->callback(data.get()));
+    TextPtr event_text(run_callback(subscription->callback, data.get()));
     if (event_text != nullptr) {
         print_line(event_text.get());
     }
@@ -230,16 +237,12 @@ void advance_queue(networkConnection* connection) {
         free(head);
     }
     if (is_empty(config->commands) && is_empty(config->subscriptions)) {
-        if (config->timeout_event != nullptr) {
-            event_del(config->timeout_event);
-            event_free(config->timeout_event);
-            config->timeout_event = nullptr;
-        }
+        drop_event(&config->timeout_event);
         ipc_client_disconnect(connection);
         return;
     }
     // With subscriptions held and no command left, the connection stays open.
-    if (execute_command(connection, config) == -1 && is_empty(config->subscriptions)) {
+    if (execute_command(connection, config) != IPC_OK && is_empty(config->subscriptions)) {
         ipc_client_disconnect(connection);
     }
 }
@@ -247,8 +250,7 @@ void advance_queue(networkConnection* connection) {
 // One complete message from the framing layer (not NUL-terminated). Any
 // message that is not a delivered event settles the pending command, even a
 // malformed or mismatched one. Callbacks run from here may call exit().
-void receive_message_callback(networkConnection* connection, const uint8_t* bytes, uint64_t length,
-                              int /*is_binary*/) {
+void receive_message(networkConnection* connection, const uint8_t* bytes, uint64_t length) {
     if (connection == nullptr || connection->config == nullptr || bytes == nullptr) {
         return;
     }
@@ -275,6 +277,14 @@ void receive_message_callback(networkConnection* connection, const uint8_t* byte
     advance_queue(connection);
 }
 
+void receive_message_callback(networkConnection* connection, const uint8_t* bytes, uint64_t length,
+                              int /*is_binary*/) {
+    without_throwing("IpcClient.receive_message_callback", 0, [&] {
+        receive_message(connection, bytes, length);
+        return 0;
+    });
+}
+
 // Sets the WebSocket callbacks and creates the connection; does not connect.
 networkConnection* instantiate_ipc_client(IpcClientConfig* config, struct event_base* base,
                                           EventDispatcher* dispatcher) {
@@ -292,8 +302,12 @@ networkConnection* instantiate_ipc_client(IpcClientConfig* config, struct event_
         Logger.error("Unable to instantiate IPC client because the handshake state is missing");
         return nullptr;
     }
-    WebSocketClient.set_callbacks(config, connection_established_callback, receive_message_callback,
-                                  disconnected_callback);
+    static const WebSocketCallbacks callbacks = {
+        .on_connected = connection_established_callback,
+        .on_message = receive_message_callback,
+        .on_disconnect = disconnected_callback,
+    };
+    WebSocketClient.set_callbacks(config, &callbacks);
     networkConnection* connection = Network.create_connection(handshake, config, base, dispatcher);
     if (connection == nullptr) {
         Logger.error("Unable to instantiate IPC client because its connection cannot be created");
@@ -304,7 +318,10 @@ networkConnection* instantiate_ipc_client(IpcClientConfig* config, struct event_
 }  // namespace
 
 const IpcClientModule IpcClient = {
-    instantiate_ipc_client,   connection_established_callback,
-    receive_message_callback, disconnected_callback,
-    execute_command,          ipc_client_disconnect,
+    .instantiate_ipc_client = instantiate_ipc_client,
+    .connection_established_callback = connection_established_callback,
+    .receive_message_callback = receive_message_callback,
+    .disconnected_callback = disconnected_callback,
+    .execute_command = execute_command,
+    .ipc_client_disconnect = ipc_client_disconnect,
 };
