@@ -46,7 +46,7 @@ def check_sent(received, expected):
 
 def check(case, binary, showing=False):
     env = dict(os.environ)
-    env["LSAN_OPTIONS"] = "print_suppressions=0:suppressions=" + os.path.join(HERE, "lsan.supp")
+    env["LSAN_OPTIONS"] = "print_suppressions=0:suppressions=" + os.path.join(HERE, "..", "lsan.supp")
     agent = None if case.agent is None else FakeAgent(case.agent)
     with agent or contextlib.nullcontext():
         start = time.monotonic()
