@@ -59,12 +59,14 @@ def peak_kib(pid, peak):
         return peak
 
 
-def run_tool(binary, args, env=None, poll=False, limit=40):
-    """(status, stdout, stderr, seconds, peak KiB) of one run of the tool;
-    output keeps bytes that are not UTF-8 as lone surrogates."""
+def run_tool(binary, args, env=None, poll=False, limit=40, prefix=()):
+    """(status, stdout, stderr, seconds, peak KiB) of one run of the tool,
+    under `prefix` (valgrind ...) if given; output keeps bytes that are not
+    UTF-8 as lone surrogates."""
     with tempfile.TemporaryFile() as out, tempfile.TemporaryFile() as err:
         start, peak = time.monotonic(), 0
-        tool = subprocess.Popen(["sylvane-service"] + args, executable=binary, env=env,
+        tool = subprocess.Popen(list(prefix) + [binary if prefix else "sylvane-service"] + args,
+                                executable=None if prefix else binary, env=env,
                                 stdin=subprocess.DEVNULL, stdout=out, stderr=err)
         while poll and tool.poll() is None and time.monotonic() < start + limit:
             peak = peak_kib(tool.pid, peak)
@@ -82,13 +84,14 @@ def run_tool(binary, args, env=None, poll=False, limit=40):
     return status, text[0], text[1], elapsed, peak
 
 
-def check(case, binary, showing=False):
+def check(case, binary, showing=False, prefix=()):
     env = dict(os.environ, LSAN_OPTIONS="print_suppressions=0:suppressions="
                + os.path.join(HERE, "..", "lsan.supp"))
     polled = case.peak_mib is not None and not fake_agent.SANITIZED
     agent = None if case.agent is None else fake_agent.FakeAgent(case.agent)
     with agent or contextlib.nullcontext():
-        status, stdout, stderr, elapsed, peak = run_tool(binary, case.args, env, polled)
+        status, stdout, stderr, elapsed, peak = run_tool(binary, case.args, env, polled,
+                                                         limit=case.elapsed[1] + 30, prefix=prefix)
     if showing:
         print("$ " + shlex.join(["sylvane-service"] + case.args))
         sys.stdout.write(stdout + stderr)
