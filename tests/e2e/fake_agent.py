@@ -1,13 +1,11 @@
 """A scripted Transfer Agent for the end-to-end, hostile and fault tests.
 
-It listens on 127.0.0.1:11038, serves each client in a thread of its own,
-answers the opening handshake, records every message the client sends and
-plays, for each received command, the actions that the script lists for it.
-Scripts are dicts from a command name (or "connection" for the announcement)
-to a list of actions; "subscription" is answered with success unless the
-script says otherwise, and any other command without actions gets no answer
-at all. Actions under "handshake" replace the handshake answer (the request
-is read first): a server that is not a Transfer Agent.
+It listens on 127.0.0.1:11038, serves each client in a thread, records what
+the client sends and plays, for each received command, the actions that the
+script lists for it. A script maps a command name ("connection" for the
+announcement) to actions; "subscription" is answered with success unless the
+script says otherwise, other commands without actions get no answer, and
+actions under "handshake" replace the handshake answer.
 """
 
 import json
@@ -119,9 +117,9 @@ class FakeAgent:
         self.errors = []  # protocol faults seen on the agent's side
         self._stop = threading.Event()
         self._threads = [threading.Thread(target=self._serve, daemon=True)]
+        self._threads[0].start()
 
     def __enter__(self):
-        self._threads[0].start()
         return self
 
     def __exit__(self, *_exc):
@@ -139,13 +137,13 @@ class FakeAgent:
             except OSError:
                 return
             self.connections += 1
-            thread = threading.Thread(target=self._run, args=(conn,), daemon=True)
-            self._threads.append(thread)
-            thread.start()
+            self._threads.append(threading.Thread(target=self._converse, args=(conn,),
+                                                  daemon=True))
+            self._threads[-1].start()
 
-    def _run(self, conn):
+    def _converse(self, conn):
         try:
-            self._converse(conn)
+            self._play(conn)
         except (ap.ConnectionClosed, OSError):
             pass
         except ap.ProtocolError as err:
@@ -153,7 +151,7 @@ class FakeAgent:
         finally:
             conn.close()
 
-    def _converse(self, conn):
+    def _play(self, conn):
         """Plays the script for each JSON message; records pongs and answers
         pings on the way. Everything sent before the stop is read by then."""
         if "handshake" in self.script:

@@ -2,11 +2,9 @@
 """Runs one end-to-end case: run_case.py [--show] [CASES_FILE] CASE BINARY,
 or lists a file's cases: run_case.py --list [CASES_FILE].
 
-CASES_FILE (cases.py by default) holds the cases in its own CASES list, or
-adds them to cases.py's with its add(). The case's fake Transfer Agent (if
-any) listens on 127.0.0.1:11038 while the tool runs as a subprocess; then its
-standard output, standard error, exit status, duration, peak memory and what
-it sent to the agent are checked. Exit status 0 when the case passes.
+A cases file (cases.py by default) holds its own CASES list or adds to
+cases.py's with add(). The tool runs against the case's fake Transfer Agent;
+its output, status, duration, peak memory and what it sent are checked.
 """
 
 import contextlib
@@ -48,17 +46,6 @@ def check_sent(received, expected):
     return faults
 
 
-def peak_kib(pid, peak):
-    """The process's VmHWM in KiB, or `peak` once it is gone. Polled from
-    /proc: getrusage would count the forked Python before exec."""
-    try:
-        with open("/proc/%d/status" % pid) as status:
-            return max([peak] + [int(line.split()[1]) for line in status
-                                 if line.startswith("VmHWM:")])
-    except (OSError, ValueError):
-        return peak
-
-
 def run_tool(binary, args, env=None, poll=False, limit=40, prefix=()):
     """(status, stdout, stderr, seconds, peak KiB) of one run of the tool,
     under `prefix` (valgrind ...) if given; output keeps bytes that are not
@@ -69,7 +56,9 @@ def run_tool(binary, args, env=None, poll=False, limit=40, prefix=()):
                                 executable=None if prefix else binary, env=env,
                                 stdin=subprocess.DEVNULL, stdout=out, stderr=err)
         while poll and tool.poll() is None and time.monotonic() < start + limit:
-            peak = peak_kib(tool.pid, peak)
+            # From /proc: getrusage would count the forked Python before exec.
+            with contextlib.suppress(OSError), open("/proc/%d/status" % tool.pid) as status:
+                peak = max([peak] + [int(n.split()[1]) for n in status if n.startswith("VmHWM:")])
             time.sleep(0.005)
         try:
             status = tool.wait(None if poll else limit)
@@ -132,11 +121,11 @@ def load(path):
 
 
 def main(argv):
-    if argv[1:2] == ["--list"] and len(argv) <= 3:
-        print(";".join(case.name for case in load(argv[2] if len(argv) == 3 else table.__file__)))
-        return 0
-    showing = argv[1:2] == ["--show"]
+    showing = "--show" in argv
     argv = [a for a in argv if a != "--show"]
+    if argv[1:2] == ["--list"] and len(argv) <= 3:
+        print(";".join(case.name for case in load((argv + [table.__file__])[2])))
+        return 0
     if len(argv) not in (3, 4):
         sys.stderr.write("usage: run_case.py [--show] [CASES_FILE] CASE BINARY\n")
         return 2
@@ -148,8 +137,7 @@ def main(argv):
         return 2
     faults, elapsed = check(found[0], argv[-1], showing)
     print("%s %s (%.2f s)" % ("FAIL" if faults else "ok", found[0].name, elapsed))
-    for fault in faults:
-        print("  " + fault)
+    print("".join("  %s\n" % fault for fault in faults), end="")
     return 1 if faults else 0
 
 

@@ -1,14 +1,12 @@
 #!/usr/bin/env python3
 """The fault sweep: sweep.py [--every K] SHIM BINARY.
 
-Runs each main command of the tool against the fake Transfer Agent (it
-answers at once, on 127.0.0.1:11038: run this in a network namespace of its
-own) once per allocation point of a normal run, that allocation failing
-through the SHIM (libfailmalloc.so), and prints per command the points and
-how the runs ended: as the normal run, with a message and status 1, with the
-time-out message, otherwise ("other"), or by a signal or a hang. --every K
-tries every K-th point only. Exit status 1 when a run died or hung.
-SYLV_FAULT_JOBS runs that many at once (12): most of them wait on a time-out.
+Runs each main command against the fake Transfer Agent (on 127.0.0.1:11038:
+run it in a network namespace of its own) once per allocation point of a
+normal run, that allocation failing through SHIM (libfailmalloc.so), and
+counts per command how the runs ended. --every K tries every K-th point;
+SYLV_FAULT_JOBS runs that many at once (12), as most wait on a time-out.
+Exit status 1 when a run died by a signal or hung.
 """
 
 import collections
