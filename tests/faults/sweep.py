@@ -71,8 +71,10 @@ def main(argv):
                 kinds[outcome(future.result(), normal)].append((point, future.result()))
             print("%-30s %6d" % (" ".join(case.args)[:30], points)
                   + "".join("%10d" % len(kinds[k]) for k in KINDS), flush=True)
-            for point, run in kinds["died"] + kinds["hung"]:
-                how = signal.Signals(-run[0]).name if run[0] < 0 else "hung"
+            # Runs that end otherwise (a silent success, a partial listing)
+            # break no rule of the sweep, but the first few are shown.
+            for point, run in kinds["died"] + kinds["hung"] + kinds["other"][:3]:
+                how = signal.Signals(-run[0]).name if run[0] < 0 else "status %d" % run[0]
                 print("    point %d: %s, %r" % (point, how, (run[1] + run[2])[-100:]))
             bad += len(kinds["died"]) + len(kinds["hung"])
     print("%d run(s) died or hung" % bad)
