@@ -29,6 +29,7 @@ SLACK = 1.5  # seconds the tool may take beyond its time-out to exit
 MIB = 1024 * 1024
 SANITIZED = False  # set by run() for an AddressSanitizer build
 LATE = "Transfer Agent process did not respond in expected time. Please retry.\n"
+TOO_LARGE = "Transfer Agent message larger than 16 MiB: connection dropped.\n"
 LATE_RUNNING = LATE[:-1] + " Make sure the Sylvane Network process is currently running\n"
 
 
@@ -168,8 +169,8 @@ Case = collections.namedtuple("Case", "behaviour args timeout status stderr stdo
 LIST, GET = (["-l"], 2), (["-g"], 4)  # time-out of each command, in seconds
 QUIET = (0, "", "")  # an unreadable answer costs the pending command; it ends quietly
 CASES = {
-    "huge_frame": Case(huge_frame, *LIST, 1, LATE),
-    "endless_fragments": Case(endless_fragments, *GET, 1, LATE_RUNNING),
+    "huge_frame": Case(huge_frame, *LIST, 1, TOO_LARGE + LATE),
+    "endless_fragments": Case(endless_fragments, *GET, 1, TOO_LARGE + LATE_RUNNING),
     "endless_header": Case(endless_header, *LIST, 1, LATE),
     "not_websocket": Case(not_websocket, *GET, 1, LATE_RUNNING),
     "banner": Case(banner, *LIST, 1, LATE),
@@ -183,7 +184,7 @@ CASES = {
                           "---------- Proxy configuration ----------\nIP address:\t10.1.2.3\n"
                           "Port:\t\t3128\nType:\t\tHTTP\nStatus:\t\tEnabled\n"),
     "oversized_json": Case(answer_with(lambda: '{"tenants": [], "padding": "%s"}' % (
-        "p" * (20 * MIB))), *LIST, 1, LATE),
+        "p" * (20 * MIB))), *LIST, 1, TOO_LARGE + LATE),
     # As many values as a document may hold, each a short string that is not
     # a service: parsed, copied as "data" and read as a list, they cost far
     # more than their text; the listing stops at the first.
