@@ -49,7 +49,8 @@ class Agent:
 
 
 def side_by_side(build, runs, *commands):
-    """[(median ms, p90 ms, peak KiB, failures)] of each command, run in turn."""
+    """[(median ms, p90 ms, peak KiB, failures, median CPU ms)] of each command,
+    run in turn."""
     argv = [os.path.join(build, "bench_command"), str(runs)]
     for i, command in enumerate(commands):
         argv += (["--"] if i else []) + command
@@ -57,8 +58,8 @@ def side_by_side(build, runs, *commands):
     out = subprocess.run(argv, check=True, capture_output=True, text=True).stdout
     rows = []
     for line in out.splitlines():
-        _, median, p90, rss, failures = line.split()
-        rows.append((float(median), float(p90), int(rss), int(failures)))
+        _, median, p90, rss, failures, cpu = line.split()
+        rows.append((float(median), float(p90), int(rss), int(failures), float(cpu)))
     return rows
 
 

@@ -1,11 +1,13 @@
 // Times commands side by side: runs each of them in turn (A B A B ...) so
 // that a change in the machine's load falls on all of them alike, and
-// reports each one's wall time (median, p90) and the peak resident size of
-// its runs, taken from wait4 so nothing is sampled.
+// reports each one's wall time (median, p90), the peak resident size of its
+// runs and its median CPU time (user + system), taken from wait4 so nothing
+// is sampled. CPU time shows small start-up effects that the machine's load
+// blurs in wall time.
 //   bench_command RUNS program [arguments...] [-- program [arguments...]]...
 // Prints one line per command, in the order given:
-// "runs median_ms p90_ms max_rss_kib failures". Output of the commands goes
-// to /dev/null; a run that exits non-zero is a failure.
+// "runs median_ms p90_ms max_rss_kib failures cpu_median_ms". Output of the
+// commands goes to /dev/null; a run that exits non-zero is a failure.
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -23,6 +25,7 @@ namespace {
 struct Command {
     std::vector<char*> argv;  // null-terminated
     std::vector<double> times;
+    std::vector<double> cpu_times;
     long max_rss = 0;
     int failures = 0;
 };
@@ -47,6 +50,8 @@ bool run(Command& command) {
     command.times.push_back(
         std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
             .count());
+    const auto ms = [](const timeval& t) { return t.tv_sec * 1e3 + t.tv_usec / 1e3; };
+    command.cpu_times.push_back(ms(usage.ru_utime) + ms(usage.ru_stime));
     // This small process's own pages count until exec; they stay far below
     // any command's.
     command.max_rss = std::max(command.max_rss, usage.ru_maxrss);
@@ -87,13 +92,13 @@ int main(int argc, char** argv) {
             usleep(2000);
         }
     }
+    const auto at = [](std::vector<double>& values, double q) {
+        std::sort(values.begin(), values.end());
+        return values[static_cast<size_t>(q * static_cast<double>(values.size() - 1))];
+    };
     for (Command& command : commands) {
-        std::vector<double>& times = command.times;
-        std::sort(times.begin(), times.end());
-        const auto at = [&](double q) {
-            return times[static_cast<size_t>(q * static_cast<double>(times.size() - 1))];
-        };
-        printf("%d %.3f %.3f %ld %d\n", runs, at(0.5), at(0.9), command.max_rss, command.failures);
+        printf("%d %.3f %.3f %ld %d %.3f\n", runs, at(command.times, 0.5), at(command.times, 0.9),
+               command.max_rss, command.failures, at(command.cpu_times, 0.5));
     }
     return 0;
 }
