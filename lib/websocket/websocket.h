@@ -12,6 +12,10 @@
 // cannot go on with (drop it); WS_ERR_SERIALIZE (-2) the value does not
 // serialise into the send buffer; WS_ERR_DATA_TYPE (-3) an unknown data type;
 // WS_ERR_MEMORY (-4) the frame cannot be allocated.
+//
+// A frame or a reassembled message above WS_MAX_MESSAGE_SIZE drops the
+// connection and raises WS_EVENT_MESSAGE_TOO_LARGE, so the program can say
+// why; the library itself prints nothing.
 #pragma once
 
 #include <cstdint>
@@ -49,6 +53,13 @@ enum WebSocketDataType : int {
     WS_DATA_PONG = 2,
 };
 
+// Dispatcher identifiers raised by this module, with the connection as data.
+enum WebSocketEvent : uint32_t {
+    WS_EVENT_MESSAGE_TOO_LARGE = 48,  // the peer's message passed the bound
+};
+
+// Largest frame or reassembled message accepted, in bytes.
+constexpr uint64_t WS_MAX_MESSAGE_SIZE = 16 * 1024 * 1024;
 constexpr uint64_t WS_MAX_HEADER_SIZE = 14;
 constexpr uint64_t WS_MAX_PAYLOAD_READ = 4096;
 constexpr uint64_t WS_SEND_BUFFER_SIZE = 15000;
@@ -82,7 +93,8 @@ struct WebSocketModule {
     // (also for a missing descriptor). on_message and
     // on_disconnect run last and may close the connection and free the
     // descriptor: nothing of it is touched after them. Message bytes are
-    // valid only during on_message.
+    // valid only during on_message and are followed by a NUL byte (not
+    // counted in the length), so a text message reads as a C string.
     int (*read_frame)(networkConnection* connection, websocketPeerDescriptor* descriptor,
                       bool require_mask, WebSocketReadFunction read,
                       DisconnectCallback on_disconnect, MessageCallback on_message);
