@@ -2,6 +2,7 @@
 // and routes events to the held subscriptions.
 #include "ipc/ipc_client.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -145,9 +146,21 @@ int subscription_has_event(ListEntry* entry, void* command) {
 // What one received message came to.
 enum class Outcome {
     Handled,  // an event delivered, or nothing pending: the queue stays
+    Unread,   // no memory to read it: the queue stays, the time-out settles it
     Evicted,  // "please_disconnect": the connection is already closed
     Consumed  // the pending command is settled, well or badly
 };
+
+// Whether the json_* calls since errno was cleared failed for want of memory:
+// the message is then unread, not bad, and must not settle the command as if
+// the agent had sent garbage.
+bool out_of_memory() {
+    if (errno != ENOMEM) {
+        return false;
+    }
+    Logger.error("Unable to allocate memory for a received IPC message");
+    return true;
+}
 
 // Matches a response with the head command and runs its callback. `text`
 // receives what the callback returned.
@@ -175,7 +188,11 @@ Outcome handle_response(networkConnection* connection, const JsonValue* message,
     } else if (command->response_callback == nullptr) {
         Logger.fatal("IPC client command execution response is NULL. This should not happen");
     } else {
+        errno = 0;
         JsonPtr data(json_get_json_value(message, "data"));
+        if (data == nullptr && out_of_memory()) {
+            return Outcome::Unread;
+        }
         if (data == nullptr) {
             Logger.error("%s", MISSING_DATA);
         } else {
@@ -200,8 +217,12 @@ Outcome handle_event(networkConnection* connection, const JsonValue* message,
     if (subscription->callback == nullptr) {
         return handle_response(connection, message, command_name, id, text);
     }
+    errno = 0;
     JsonPtr data(json_get_json_value(message, "data"));
     if (data == nullptr) {
+        if (out_of_memory()) {
+            return Outcome::Unread;
+        }
         Logger.error("%s", MISSING_DATA);
         return Outcome::Consumed;
     }
@@ -214,9 +235,13 @@ Outcome handle_event(networkConnection* connection, const JsonValue* message,
 
 Outcome handle_message(networkConnection* connection, const char* text_message,
                        char (&command_name)[RECEIVED_COMMAND_SIZE], TextPtr& text) {
+    errno = 0;
     JsonPtr message(json_parse(text_message));
     if (message == nullptr ||
         json_get_string_value(message.get(), "command", command_name, RECEIVED_COMMAND_SIZE) < 0) {
+        if (out_of_memory()) {
+            return Outcome::Unread;
+        }
         Logger.error("%s", BAD_MESSAGE);
         return Outcome::Consumed;
     }

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <ostream>
 #include <vector>
 
 namespace {
@@ -28,10 +27,6 @@ struct RemoveCase {
     int removed;  // position in the list 1, 2, 3
     std::vector<int> left;
 };
-
-void PrintTo(const RemoveCase& c, std::ostream* os) {
-    *os << "entry " << c.removed;
-}
 
 class LinkedListRemove : public ::testing::TestWithParam<RemoveCase> {};
 
