@@ -134,8 +134,8 @@ def measure(tool, build):
         headline.append("| %s | **%.2f** | %s | %.1f | %s | %.1f |" % (
             label, ratio, verdict(ratio, target), t[2] / MIB,
             verdict(t[2] / MIB, rss_target) if rss_target else "-", r[2] / MIB))
-        detail.append("| %s | %d | %.2f | %.2f | %.2f | %.2f | %d | %d | %d |" % (
-            label, runs, t[0], t[1], r[0], r[1], t[2], r[2], t[3] + r[3]))
+        detail.append("| %s | %d | %.2f | %.2f | %.2f | %.2f | %.2f | %.2f | %d | %d | %d |" % (
+            label, runs, t[0], t[1], r[0], r[1], t[4], r[4], t[2], r[2], t[3] + r[3]))
         if services >= 1000 and command == "get_tenants":
             per_service.append((services, (t[0] - r[0]) / services * 1000, t[2]))
     return headline, detail, per_service
@@ -164,9 +164,12 @@ def main(argv):
         lines += ["| %d | %.2f | %.1f |" % (n, cost, rss / MIB) for n, cost, rss in per_service]
         lines += [""]
     lines += ["## Absolute times (ms)", "",
+              "CPU is user + system time of the process (wait4); the raw client's includes "
+              "the kernel's loopback delivery of what it sends.", "",
               "| Command | runs each | tool median | tool p90 | raw median | raw p90 "
-              "| tool peak RSS KiB | raw peak RSS KiB | failed runs |",
-              "|---|---|---|---|---|---|---|---|---|"] + detail + [""]
+              "| tool CPU median | raw CPU median | tool peak RSS KiB | raw peak RSS KiB "
+              "| failed runs |",
+              "|---|---|---|---|---|---|---|---|---|---|---|"] + detail + [""]
     true_, usage = side_by_side(build, STARTUP_RUNS, ["/bin/true"], [tool, "-h"])
     lines += ["## Process start-up (%d runs each, in turn, no connection)" % STARTUP_RUNS, "",
               "`-h` prints the usage and exits: the difference from `/bin/true` is loading "
