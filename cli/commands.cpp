@@ -7,6 +7,7 @@
 #include "cli/follow_up.h"
 #include "cli/parsing.h"
 #include "cli/responses.h"
+#include "cli/run_state.h"
 #include "cli/startup.h"
 #include "network/network.h"
 
@@ -109,7 +110,6 @@ bool parse_whole_number(const char* text, int32_t* value) {
 
 JsonValue* build_add_request(void* argument) {
     auto* request = static_cast<ServiceRequest*>(argument);
-    current_service_name = request->name;
     JsonValue* data = json_create_json_object();
     json_add_string_child(data, "method", "api_key");
     json_add_string_child(data, "value", request->api_key);
@@ -133,7 +133,6 @@ JsonValue* build_add_request(void* argument) {
 
 JsonValue* build_edit_request(void* argument) {
     auto* request = static_cast<ServiceRequest*>(argument);
-    current_service_name = request->name;
     JsonValue* data = json_create_json_object();
     json_add_string_child(data, "tenant_name", request->name);
     json_add_string_child(data, "ip_address", request->ip_address);
@@ -143,9 +142,8 @@ JsonValue* build_edit_request(void* argument) {
 }
 
 JsonValue* build_remove_request(void* name) {
-    current_service_name = static_cast<const char*>(name);
     JsonValue* data = json_create_json_object();
-    json_add_string_child(data, "tenant_name", current_service_name);
+    json_add_string_child(data, "tenant_name", static_cast<const char*>(name));
     return data;
 }
 
@@ -154,14 +152,12 @@ JsonValue* build_empty_request(void*) {
 }
 
 JsonValue* build_connect_request(void* name) {
-    current_service_name = static_cast<const char*>(name);
-    return build_name_list_request(current_service_name, true);
+    return build_name_list_request(static_cast<const char*>(name), true);
 }
 
 // Keeps its JSON list: a few bytes that end with the process.
 JsonValue* build_disconnect_request(void* name) {
-    current_service_name = static_cast<const char*>(name);
-    return build_name_list_request(current_service_name, false);
+    return build_name_list_request(static_cast<const char*>(name), false);
 }
 
 JsonValue* build_enable_flag_request(void* enable) {
@@ -216,6 +212,7 @@ void add_service(const char* name, const char* address, const char* forwarding_p
     }
     snprintf(request.api_key, sizeof request.api_key, "%s", api_key);
     snprintf(request.name, sizeof request.name, "%s", name);
+    run_state().service_name = request.name;
     arm_timeout(config, agent_timeout_callback, 4);
     add_subscription_list(config, subscriptions);
     IpcConfig.add_command(config, "add_tenant", build_add_request, &request, add_response);
@@ -227,6 +224,7 @@ void edit_service(const char* name, const char* address, const char* forwarding_
     ServiceRequest request{};
     parse_service_target(&request, address, forwarding_port);
     snprintf(request.name, sizeof request.name, "%s", name);
+    run_state().service_name = request.name;
     arm_timeout(config, agent_timeout_callback, 4);
     IpcConfig.add_command(config, "edit_tenant", build_edit_request, &request, edit_response);
     run(config);
@@ -235,6 +233,7 @@ void edit_service(const char* name, const char* address, const char* forwarding_
 // The builders take the name as it is (uncut) and never write through it.
 void remove_service(const char* name) {
     IpcClientConfig* config = start_transfer_agent_client();
+    run_state().service_name = name;
     arm_timeout(config, timeout_callback, 4);
     IpcConfig.add_command(config, "remove_tenant", build_remove_request, const_cast<char*>(name),
                           remove_response);
@@ -250,6 +249,7 @@ void list_services() {
 
 void enable_service(const char* name) {
     IpcClientConfig* config = start_transfer_agent_client();
+    run_state().service_name = name;
     List* subscriptions = create_subscription_list(enable_event_handler);
     arm_timeout(config, enabling_timeout_callback, 15);
     add_subscription_list(config, subscriptions);
@@ -260,6 +260,7 @@ void enable_service(const char* name) {
 
 void disable_service(const char* name) {
     IpcClientConfig* config = start_transfer_agent_client();
+    run_state().service_name = name;
     List* subscriptions = create_subscription_list(disable_event_handler);
     arm_timeout(config, disabling_timeout_callback, 5);
     add_subscription_list(config, subscriptions);

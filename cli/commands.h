@@ -45,7 +45,7 @@ struct TraceabilityConfig {
 };
 
 // Request builders (ExecutionCallback). Each returns a new object owned by
-// the caller. The ones taking a name set current_service_name.
+// the caller.
 JsonValue* build_add_request(void* service_request);   // frees clear_services
 JsonValue* build_edit_request(void* service_request);  // ServiceRequest*
 JsonValue* build_remove_request(void* name);           // char*

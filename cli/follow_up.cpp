@@ -3,15 +3,11 @@
 #include <cstdio>
 #include <cstring>
 
+#include "cli/run_state.h"
 #include "cli/startup.h"
 #include "cli/tenants.h"
 
 namespace {
-
-constexpr size_t NAME_SIZE = 40;
-constexpr size_t STATUS_SIZE = 255;
-constexpr size_t SYNCHRONIZED_SIZE = 9;
-constexpr size_t REASON_SIZE = 100;
 
 // The acknowledgement of connect_tenants or disconnect_tenants for the
 // current service.
@@ -68,20 +64,21 @@ Step enabling_step(const JsonListItem* item) {
     char status[STATUS_SIZE] = {};
     char synchronized_text[SYNCHRONIZED_SIZE] = {};
     Step step = Step::next;
+    RunState& state = run_state();
     if (json_get_string_value(tenant, "tenant_name", name, sizeof name) < 0 ||
         json_get_string_value(tenant, "status", status, sizeof status) < 0 ||
         !is_current_service(name)) {
         step = Step::next;
     } else if (strcmp(status, "in progress") == 0) {
-        fputs(enabling_progress_count == 0 ? "Service enabling in progress..." : ".", stdout);
+        fputs(state.enabling_progress_count == 0 ? "Service enabling in progress..." : ".", stdout);
         fflush(stdout);
-        enabling_progress_count++;
+        state.enabling_progress_count++;
     } else if (strcmp(status, "connected") == 0) {
-        if (sync_started == 0) {
+        if (state.sync_started == 0) {
             fputs("\nSyncing..", stdout);
             fflush(stdout);
         }
-        sync_started = 1;
+        state.sync_started = 1;
         fputs(".", stdout);
         fflush(stdout);
         json_get_string_value(tenant, "synchronized", synchronized_text, sizeof synchronized_text);
@@ -135,10 +132,10 @@ char* enable_response(JsonValue* data) {
     char reason[REASON_SIZE] = {};
     Ack ack = read_ack(data, "An error occurred while enabling service.\n", reason, sizeof reason);
     if (ack == Ack::accepted) {
-        printf("Requested service enabling for '%s'...\n", current_service_name);
+        printf("Requested service enabling for '%s'...\n", run_state().service_name);
         fflush(stdout);
     } else if (ack == Ack::refused) {
-        finishf(stderr, 1, "Could not enable service '%s'. %s\n", current_service_name, reason);
+        finishf(stderr, 1, "Could not enable service '%s'. %s\n", run_state().service_name, reason);
     }
     return nullptr;
 }
@@ -148,10 +145,10 @@ char* disable_response(JsonValue* data) {
     char reason[REASON_SIZE] = {};
     Ack ack = read_ack(data, "An error occurred while disabling service.\n", reason, sizeof reason);
     if (ack == Ack::accepted) {
-        printf("Requested service disabling for '%s'...\n", current_service_name);
+        printf("Requested service disabling for '%s'...\n", run_state().service_name);
         fflush(stdout);
     } else if (ack == Ack::refused) {
-        finishf(stderr, 1, "Could not disable service '%s'. %s\n", current_service_name, "");
+        finishf(stderr, 1, "Could not disable service '%s'. %s\n", run_state().service_name, "");
     }
     return nullptr;
 }
@@ -165,9 +162,9 @@ char* enable_event_handler(JsonValue* data) {
             finish(stdout, "\nService enabled and synchronized successfully.\n", 0);
         case Step::disconnected:
             finishf(stderr, 1, "\nCould not enable service '%s'. Received a disconnection event.\n",
-                    current_service_name);
+                    run_state().service_name);
         case Step::failed:
-            finishf(stderr, 1, "\nCould not enable service '%s'. \n", current_service_name);
+            finishf(stderr, 1, "\nCould not enable service '%s'. \n", run_state().service_name);
         case Step::bad_format:
             finish(stderr, BAD_TENANTS_EVENT, 1);
         case Step::next:
@@ -195,11 +192,12 @@ char* disable_event_handler(JsonValue* data) {
 // Progress and a started sync count as enabled: the Transfer Agent keeps
 // synchronising after the tool leaves.
 void enabling_timeout_callback(evutil_socket_t fd, short flags, void* argument) {
-    if (enabling_progress_count != 0 && sync_started == 1) {
-        sync_started = 0;
+    RunState& state = run_state();
+    if (state.enabling_progress_count != 0 && state.sync_started == 1) {
+        state.sync_started = 0;
         finish(stdout, "\nService enabled successfully.\n", 0);
     }
-    if (enabling_progress_count != 0) {
+    if (state.enabling_progress_count != 0) {
         finish(stderr,
                "\nService is still not enabled after 15 seconds.\nTransfer Agent will continue "
                "trying to enable it but you should probably check that you can access Sylvane "
@@ -212,7 +210,7 @@ void enabling_timeout_callback(evutil_socket_t fd, short flags, void* argument) 
 // Only enabling advances the progress count, so a disabling run reports the
 // second text; the first is kept for a shared counter.
 void disabling_timeout_callback(evutil_socket_t fd, short flags, void* argument) {
-    if (enabling_progress_count != 0) {
+    if (run_state().enabling_progress_count != 0) {
         finish(stderr,
                "\nTransfer Agent was not able to disable the specified service. Please retry.\n",
                1);

@@ -4,20 +4,12 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "cli/commands.h"
+#include "cli/run_state.h"
 #include "cli/startup.h"
 #include "cli/tenants.h"
 
 namespace {
-
-// Field buffers, NUL included.
-constexpr size_t NAME_SIZE = 40;
-constexpr size_t STATUS_SIZE = 255;
-constexpr size_t IP_ADDRESS_SIZE = 40;
-constexpr size_t PROXY_IP_ADDRESS_SIZE = 17;
-constexpr size_t UUID_SIZE = 37;
-constexpr size_t ONION_ADDRESS_SIZE = 63;
-constexpr size_t REASON_SIZE = 100;
-constexpr size_t PROXY_TYPE_SIZE = 20;
 
 // Texts of one of add, edit and remove.
 struct ServiceResponseTexts {
@@ -103,7 +95,7 @@ char* service_response(const JsonValue* data, const ServiceResponseTexts& texts)
     if (json_get_string_value(data, "reason", reason, sizeof reason) < 0) {
         finish(stderr, texts.check_arguments, 1);
     }
-    finishf(stderr, 1, texts.could_not, current_service_name, reason);
+    finishf(stderr, 1, texts.could_not, run_state().service_name, reason);
 }
 
 // Shared by the proxy and traceability settings: {"success": bool, "reason"}.

@@ -4,13 +4,9 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "cli/run_state.h"
 #include "ipc/ipc_client.h"
 #include "network/network.h"
-
-EventDispatcher* event_dispatcher = nullptr;
-const char* current_service_name = nullptr;
-int enabling_progress_count = 0;
-int sync_started = 0;
 
 namespace {
 
@@ -43,8 +39,10 @@ void finishf(FILE* stream, int status, const char* format, ...) {
 // base that could not be made fails the dispatcher creation just after.
 IpcClientConfig* start_transfer_agent_client() {
     Network.init();
-    event_dispatcher = CallbackEvent.create(Network.get_event_base(), DISPATCHER_EVENT_COUNT);
-    if (event_dispatcher == nullptr) {
+    EventDispatcher* dispatcher =
+        CallbackEvent.create(Network.get_event_base(), DISPATCHER_EVENT_COUNT);
+    run_state().dispatcher = dispatcher;
+    if (dispatcher == nullptr) {
         finish(stderr, "Unable to create event dispatcher\n", 1);
     }
     IpcClientConfig* config = IpcConfig.create_client_ipc_config(
@@ -56,7 +54,7 @@ IpcClientConfig* start_transfer_agent_client() {
                "failure\n",
                1);
     }
-    CallbackEvent.subscribe(event_dispatcher, IPC_EVENT_PLEASE_DISCONNECT, busy_callback);
+    CallbackEvent.subscribe(dispatcher, IPC_EVENT_PLEASE_DISCONNECT, busy_callback);
     return config;
 }
 
@@ -66,7 +64,7 @@ IpcClientConfig* start_transfer_agent_client() {
 int run_ipc_client(IpcClientConfig* config) {
     struct event_base* base = Network.get_event_base();
     networkConnection* connection =
-        IpcClient.instantiate_ipc_client(config, base, event_dispatcher);
+        IpcClient.instantiate_ipc_client(config, base, run_state().dispatcher);
     if (connection != nullptr) {
         CallbackEvent.register_callback(base, connect_callback, connection, 0);
     }
@@ -77,8 +75,8 @@ int run_ipc_client(IpcClientConfig* config) {
 
 void stop_transfer_agent_client(IpcClientConfig* config) {
     IpcConfig.free_ipc_config(config);
-    CallbackEvent.destroy(event_dispatcher);
-    event_dispatcher = nullptr;
+    CallbackEvent.destroy(run_state().dispatcher);
+    run_state().dispatcher = nullptr;
 }
 
 void busy_callback(uint32_t, void*) {

@@ -1,8 +1,6 @@
 // Start-up shared by every command: the network module, the event
 // dispatcher, the IPC configuration towards the Transfer Agent, the busy
-// notice, the time-out callbacks and the run of the event loop. Also the
-// module-wide state that the request builders, response handlers and
-// follow-up handlers share.
+// notice, the time-out callbacks and the run of the event loop.
 #pragma once
 
 #include <event2/event.h>
@@ -19,14 +17,6 @@ constexpr const char* TRANSFER_AGENT_IP = "127.0.0.1";
 constexpr uint16_t TRANSFER_AGENT_PORT = 11038;
 constexpr int32_t TRANSFER_AGENT_RECONNECTION_POLICY = 3;
 constexpr int32_t TRANSFER_AGENT_RETRY_DELAY = 3;
-
-// Single copies for the whole process; one thread, no lock.
-extern EventDispatcher* event_dispatcher;
-// Name of the service the running command is about; set by the builders.
-extern const char* current_service_name;
-// Follow-up of enabling: "in progress" events seen, first "connected" seen.
-extern int enabling_progress_count;
-extern int sync_started;
 
 // Network module, dispatcher, IPC config, busy notice. Prints and exits 1
 // when the dispatcher or the config cannot be created.

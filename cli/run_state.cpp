@@ -1,0 +1,6 @@
+#include "cli/run_state.h"
+
+RunState& run_state() {
+    static RunState state{};
+    return state;
+}
