@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 
 #include "core/callback_event.h"
 
@@ -28,6 +29,22 @@ struct RunState {
     // seen (cleared by the enabling time-out before it reports success).
     int enabling_progress_count;
     int sync_started;
+
+    // Chosen on the command line (--json, --wait, --no-wait).
+    bool json;
+    int64_t wait_seconds;  // 0: each command's own time-out
+    bool no_wait;
+    // A connection that failed every attempt ends the run at once (--json,
+    // --events, --check) instead of at the time-out.
+    bool stop_when_unreachable;
+    // Status of a failure in human mode: 1, or 3 for --events and --check.
+    int human_failure_status;
+    // Seconds the running command's time-out was armed with.
+    int64_t timeout_seconds;
+    // A connection to the Transfer Agent was made at least once.
+    bool connected;
+    // The final result was printed (JSON mode: one final object per run).
+    bool finished;
 };
 
 RunState& run_state();

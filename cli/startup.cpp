@@ -4,16 +4,36 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "cli/report.h"
 #include "cli/run_state.h"
 #include "ipc/ipc_client.h"
 #include "network/network.h"
 
 namespace {
 
+constexpr const char* UNREACHABLE_MESSAGE =
+    "Could not connect to the Transfer Agent on 127.0.0.1:11038.\n";
+
 constexpr const char* BUSY_MESSAGE =
     "Could not execute command because another program is executing operation with the "
     "Transfer Agent. You probably have a Graphic User interface or another client communicating "
     "with the Sylvane service. Please close the client then retry.\n";
+
+// JSON mode tells a time-out from an agent that was never reached.
+void connected_callback(uint32_t, void*) {
+    run_state().connected = true;
+}
+
+// Without a connection, a time-out means nothing could be reached.
+Failure timeout_failure() {
+    return run_state().connected ? Failure::timeout : Failure::unreachable;
+}
+
+// Every attempt failed: with --json, --events or --check the run ends now
+// rather than at its time-out.
+void unreachable_callback(uint32_t, void*) {
+    fail(Failure::unreachable, UNREACHABLE_MESSAGE, about_service());
+}
 
 // libevent-shaped wrapper so the first attempt starts from the loop.
 void connect_callback(evutil_socket_t, short, void* connection) {
@@ -43,18 +63,21 @@ IpcClientConfig* start_transfer_agent_client() {
         CallbackEvent.create(Network.get_event_base(), DISPATCHER_EVENT_COUNT);
     run_state().dispatcher = dispatcher;
     if (dispatcher == nullptr) {
-        finish(stderr, "Unable to create event dispatcher\n", 1);
+        fail(Failure::internal, "Unable to create event dispatcher\n");
     }
     IpcClientConfig* config = IpcConfig.create_client_ipc_config(
         TRANSFER_AGENT_IP, TRANSFER_AGENT_PORT, TRANSFER_AGENT_RECONNECTION_POLICY,
         TRANSFER_AGENT_RETRY_DELAY);
     if (config == nullptr) {
-        finish(stderr,
-               "Unable to initiate connection to Transfer Agent server: memory allocation "
-               "failure\n",
-               1);
+        fail(Failure::internal,
+             "Unable to initiate connection to Transfer Agent server: memory allocation "
+             "failure\n");
     }
     CallbackEvent.subscribe(dispatcher, IPC_EVENT_PLEASE_DISCONNECT, busy_callback);
+    CallbackEvent.subscribe(dispatcher, NET_EVENT_CONNECTED, connected_callback);
+    if (run_state().stop_when_unreachable) {
+        CallbackEvent.subscribe(dispatcher, NET_EVENT_CONNECTION_FAILED, unreachable_callback);
+    }
     return config;
 }
 
@@ -80,16 +103,18 @@ void stop_transfer_agent_client(IpcClientConfig* config) {
 }
 
 void busy_callback(uint32_t, void*) {
-    finish(stderr, BUSY_MESSAGE, 1);
+    fail(Failure::busy, BUSY_MESSAGE, about_service());
 }
 
 void timeout_callback(evutil_socket_t, short, void*) {
-    finish(stderr, "Transfer Agent process did not respond in expected time. Please retry.\n", 1);
+    fail(timeout_failure(),
+         "Transfer Agent process did not respond in expected time. Please retry.\n",
+         about_service());
 }
 
 void agent_timeout_callback(evutil_socket_t, short, void*) {
-    finish(stderr,
-           "Transfer Agent process did not respond in expected time. Please retry. Make sure the "
-           "Sylvane Network process is currently running\n",
-           1);
+    fail(timeout_failure(),
+         "Transfer Agent process did not respond in expected time. Please retry. Make sure the "
+         "Sylvane Network process is currently running\n",
+         about_service());
 }
