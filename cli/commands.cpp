@@ -33,26 +33,6 @@ constexpr const char* BAD_U_MESSAGE =
 constexpr const char* TRACEABILITY_FAILURE =
     "An error occurred while saving traceability configuration.\n";
 
-// The one-item subscription list of add, enable and disable. The config
-// takes the item; the list container is ours.
-List* create_subscription_list(ResponseCallback callback) {
-    auto* item = static_cast<SubscriptionRequest*>(calloc(1, sizeof(SubscriptionRequest)));
-    List* list = item != nullptr ? LinkedList.create(item) : nullptr;
-    if (list == nullptr) {
-        free(item);
-        fail(Failure::internal, "Unable to allocate memory.\n");
-    }
-    snprintf(item->subscription_name, sizeof item->subscription_name, "%s", SUBSCRIPTION_NAME);
-    snprintf(item->event_name, sizeof item->event_name, "%s", EVENT_NAME);
-    item->callback = callback;
-    return list;
-}
-
-void add_subscription_list(IpcClientConfig* config, List* list) {
-    IpcConfig.add_subscriptions(config, list);
-    LinkedList.free(list, nullptr);
-}
-
 // --wait replaces the follow-up time-out of add, enable and disable.
 int64_t follow_up_seconds(int64_t default_seconds) {
     int64_t wait = run_state().wait_seconds;
@@ -119,6 +99,26 @@ bool parse_whole_number(const char* text, int32_t* value) {
 }
 
 }  // namespace
+
+// The one-item subscription list of add, enable and disable. The config
+// takes the item; the list container is ours.
+List* create_subscription_list(ResponseCallback callback) {
+    auto* item = static_cast<SubscriptionRequest*>(calloc(1, sizeof(SubscriptionRequest)));
+    List* list = item != nullptr ? LinkedList.create(item) : nullptr;
+    if (list == nullptr) {
+        free(item);
+        fail(Failure::internal, "Unable to allocate memory.\n");
+    }
+    snprintf(item->subscription_name, sizeof item->subscription_name, "%s", SUBSCRIPTION_NAME);
+    snprintf(item->event_name, sizeof item->event_name, "%s", EVENT_NAME);
+    item->callback = callback;
+    return list;
+}
+
+void add_subscription_list(IpcClientConfig* config, List* list) {
+    IpcConfig.add_subscriptions(config, list);
+    LinkedList.free(list, nullptr);
+}
 
 JsonValue* build_add_request(void* argument) {
     auto* request = static_cast<ServiceRequest*>(argument);

@@ -56,6 +56,12 @@ JsonValue* build_enable_flag_request(void* enable);    // int*: set_proxy, audit
 JsonValue* build_save_proxy_request(void* proxy_request);
 JsonValue* build_traceability_request(void* traceability_config);
 
+// The one-item "services_subscription" list whose events go to `callback`;
+// prints and exits 1 when it cannot be made.
+List* create_subscription_list(ResponseCallback callback);
+// Hands the list's item to the config and frees the list.
+void add_subscription_list(IpcClientConfig* config, List* list);
+
 // Command operations reached from the command line. Texts that may be null
 // are marked so.
 void add_service(const char* name, const char* address, const char* forwarding_port /* or null */,

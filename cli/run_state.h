@@ -7,6 +7,7 @@
 #include <cstdint>
 
 #include "core/callback_event.h"
+#include "network/network.h"
 
 // Text buffers for the fields read from the Transfer Agent's answers and
 // events, NUL included.
@@ -43,6 +44,7 @@ struct RunState {
     int64_t timeout_seconds;
     // A connection to the Transfer Agent was made at least once.
     bool connected;
+    networkConnection* connection;  // the last one connected; owned by the run
     // The final result was printed (JSON mode: one final object per run).
     bool finished;
 };

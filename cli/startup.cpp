@@ -20,8 +20,9 @@ constexpr const char* BUSY_MESSAGE =
     "with the Sylvane service. Please close the client then retry.\n";
 
 // JSON mode tells a time-out from an agent that was never reached.
-void connected_callback(uint32_t, void*) {
+void connected_callback(uint32_t, void* connection) {
     run_state().connected = true;
+    run_state().connection = static_cast<networkConnection*>(connection);
 }
 
 // Without a connection, a time-out means nothing could be reached.
@@ -58,6 +59,10 @@ void finishf(FILE* stream, int status, const char* format, ...) {
 // The init result is not checked: a second init keeps the first base, and a
 // base that could not be made fails the dispatcher creation just after.
 IpcClientConfig* start_transfer_agent_client() {
+    return start_transfer_agent_client(TRANSFER_AGENT_RECONNECTION_POLICY);
+}
+
+IpcClientConfig* start_transfer_agent_client(int32_t reconnection_policy) {
     Network.init();
     EventDispatcher* dispatcher =
         CallbackEvent.create(Network.get_event_base(), DISPATCHER_EVENT_COUNT);
@@ -66,8 +71,7 @@ IpcClientConfig* start_transfer_agent_client() {
         fail(Failure::internal, "Unable to create event dispatcher\n");
     }
     IpcClientConfig* config = IpcConfig.create_client_ipc_config(
-        TRANSFER_AGENT_IP, TRANSFER_AGENT_PORT, TRANSFER_AGENT_RECONNECTION_POLICY,
-        TRANSFER_AGENT_RETRY_DELAY);
+        TRANSFER_AGENT_IP, TRANSFER_AGENT_PORT, reconnection_policy, TRANSFER_AGENT_RETRY_DELAY);
     if (config == nullptr) {
         fail(Failure::internal,
              "Unable to initiate connection to Transfer Agent server: memory allocation "

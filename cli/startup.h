@@ -21,6 +21,8 @@ constexpr int32_t TRANSFER_AGENT_RETRY_DELAY = 3;
 // Network module, dispatcher, IPC config, busy notice. Prints and exits 1
 // when the dispatcher or the config cannot be created.
 IpcClientConfig* start_transfer_agent_client();
+// The same with another reconnection policy (--check tries once).
+IpcClientConfig* start_transfer_agent_client(int32_t reconnection_policy);
 
 // Instantiates the IPC client on `config`, schedules the connection and runs
 // the loop until it has no more work. Returns event_base_dispatch's result.
