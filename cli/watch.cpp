@@ -136,7 +136,11 @@ void wait_over_callback(evutil_socket_t, short, void*) {
     close_politely();
 }
 
+// The agent answering our close frame by closing is the polite end.
 void agent_gone_callback(uint32_t, void*) {
+    if (closing.poll != nullptr) {
+        end_watch();
+    }
     fail(Failure::unreachable, AGENT_GONE);
 }
 
