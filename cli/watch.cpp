@@ -28,6 +28,8 @@ constexpr timeval CLOSE_POLL_INTERVAL = {0, 10000};
 constexpr uint8_t CLOSE_NORMAL[] = {0x03, 0xe8};  // status 1000
 
 constexpr const char* AGENT_GONE = "Transfer Agent closed the connection.\n";
+constexpr const char* CONNECTION_LOST = "The connection to the Transfer Agent was lost.\n";
+constexpr timeval WATCHDOG_INTERVAL = {1, 0};
 constexpr const char* NOTHING_LISTENING = "Nothing is listening on 127.0.0.1:11038.\n";
 constexpr const char* NO_ANSWER = "Transfer Agent did not answer within 2 seconds.\n";
 constexpr const char* NOT_AN_AGENT =
@@ -39,6 +41,13 @@ struct Closing {
 };
 
 Closing closing{};
+
+// Closed with no attempt under way or scheduled: a refused handshake ends
+// like this, without any event.
+bool closed_for_good(const networkConnection* connection) {
+    return connection->read_event == nullptr && connection->write_event == nullptr &&
+           connection->retry_event == nullptr;
+}
 
 // ---- --events ----------------------------------------------------------------
 
@@ -144,15 +153,27 @@ void agent_gone_callback(uint32_t, void*) {
     fail(Failure::unreachable, AGENT_GONE);
 }
 
+void watchdog_callback(evutil_socket_t, short, void*) {
+    const networkConnection* connection = run_state().connection;
+    if (connection != nullptr && closed_for_good(connection)) {
+        fail(Failure::unreachable, CONNECTION_LOST);
+    }
+}
+
 // SIGINT and SIGTERM are taken from the loop, so the close frame goes out
-// from there. The events live until the process ends.
-void catch_signals() {
+// from there; a watchdog notices a connection closed without any event. The
+// events live until the process ends.
+void watch_signals_and_connection() {
     struct event_base* base = Network.get_event_base();
     for (int signal_number : {SIGINT, SIGTERM}) {
         struct event* caught = evsignal_new(base, signal_number, signal_callback, nullptr);
         if (caught == nullptr || evsignal_add(caught, nullptr) != 0) {
             fail(Failure::internal, "Unable to watch for interruptions.\n");
         }
+    }
+    struct event* watchdog = event_new(base, -1, EV_PERSIST, watchdog_callback, nullptr);
+    if (watchdog == nullptr || event_add(watchdog, &WATCHDOG_INTERVAL) != 0) {
+        fail(Failure::internal, "Unable to watch the connection.\n");
     }
 }
 
@@ -188,7 +209,7 @@ char* check_response(JsonValue* data) {
     if (!state.connected) {
         fail(Failure::unreachable, NOTHING_LISTENING);
     }
-    if (state.connection == nullptr || state.connection->read_event == nullptr) {
+    if (state.connection == nullptr || closed_for_good(state.connection)) {
         fail(Failure::bad_answer, NOT_AN_AGENT);
     }
     fail(Failure::timeout, NO_ANSWER);
@@ -231,7 +252,7 @@ void watch_events() {
         IpcConfig.set_timeout(config, Network.get_event_base(), wait_over_callback, nullptr,
                               state.wait_seconds);
     }
-    catch_signals();
+    watch_signals_and_connection();
     add_subscription_list(config, subscriptions);
     run_ipc_client(config);
     // The subscription keeps the conversation open: only a callback ends it.

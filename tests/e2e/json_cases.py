@@ -275,6 +275,9 @@ for name, args, script, stdout, lines, status, stderr, fields in [
                  agent=script, **fields))
     both_ends(name, ["--events"] + args, lines, status=status, agent=script, **fields)
 
+add(JsonCase("events_not_websocket", ["--events"], plain_server=True, status=3, elapsed=(0, 2.5),
+             stderr="The connection to the Transfer Agent was lost.\n"))
+
 # -- --wait, --no-wait ----------------------------------------------------------------
 SLOW_DISABLE = {"disconnect_tenants": [ACKED, wait(5.5), event(tenant("web1", "disconnected"))]}
 add(JsonCase("wait_longer_than_default", ["-d", "web1", "--wait", "8"],
