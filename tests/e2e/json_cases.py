@@ -22,8 +22,8 @@ from dataclasses import dataclass
 
 HERE = os.path.dirname(os.path.realpath(__file__))
 sys.path.insert(0, HERE)
-from cases import (ACKED, ADD, BUSY, KEY, LISTING, NO_AGENT, NO_ANSWER, PROGRESS, PROXY,  # noqa: E402
-                   QUICK, REQUESTED, DISABLING, Case, ack, after, listing, tenant)
+from cases import (ACKED, ADD, BUSY, DISABLING, KEY, LISTING, NO_AGENT, NO_ANSWER,  # noqa: E402
+                   PROGRESS, PROXY, REQUESTED, USAGE, Case, ack, after, listing, tenant)
 from fake_agent import FakeAgent, event, evict, raw, reply, wait  # noqa: E402
 
 ANY = object()  # matches any value of a field
@@ -82,7 +82,8 @@ class PlainServer:
 
 
 def check(case, binary):
-    env = dict(os.environ, LSAN_OPTIONS="suppressions=" + os.path.join(HERE, "lsan.supp"))
+    env = dict(os.environ, LSAN_OPTIONS="print_suppressions=0:suppressions="
+               + os.path.join(HERE, "lsan.supp"))
     server = PlainServer() if case.plain_server else (
         None if case.agent is None else FakeAgent(case.agent))
     with server or contextlib.nullcontext():
@@ -161,6 +162,9 @@ for name, args, script, lines in [
                                    enabled=True))]),
         ("remove", ["-r", "web1"], {"remove_tenant": [reply({"removed": True})]},
          [dict(ok=True, **WEB1)]),
+        ("remove_quoted_name", ["-r", 'a"b\\c\x01'], {"remove_tenant": [reply({"removed": True})]},
+         [dict(ok=True, service='a"b\\c\x01')]),
+        ("help", ["-h"], {}, [dict(ok=True, usage=USAGE[:-1])]),
         ("edit", "-e web1 -p 1.2.3.4:80 -f 81".split(), {"edit_tenant": [reply({"edited": True})]},
          [dict(ok=True, **WEB1)]),
         ("add", ADD, {"add_tenant": [reply({"added": True}),
