@@ -124,7 +124,8 @@ void take(Invocation* in, int value) {
             return;
         default:
             // h l g r s d, the long-only commands, --events, --check, --version.
-            if (strchr("hlgrsd", value) != nullptr || value >= OPTION_VERSION) {
+            if ((value < OPTION_JSON && strchr("hlgrsd", value) != nullptr) ||
+                value >= OPTION_VERSION) {
                 set_command(in, value, optarg);
             } else {
                 in->getopt_failed = true;  // a letter the tool does not use
