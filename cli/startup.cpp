@@ -8,6 +8,7 @@
 #include "cli/run_state.h"
 #include "ipc/ipc_client.h"
 #include "network/network.h"
+#include "websocket/websocket.h"
 
 namespace {
 
@@ -39,6 +40,18 @@ void unreachable_callback(uint32_t, void*) {
 // libevent-shaped wrapper so the first attempt starts from the loop.
 void connect_callback(evutil_socket_t, short, void* connection) {
     Network.perform_connection(static_cast<networkConnection*>(connection));
+}
+
+// The agent sent a message past the bound and the connection was dropped.
+// Said at once, and once: a retry may bring the same message again. The
+// command's time-out still ends the run (and, with --json, says it alone:
+// standard error stays empty).
+void too_large_callback(uint32_t, void*) {
+    static bool said = false;
+    if (!said && !json_mode()) {
+        said = true;
+        fputs("Transfer Agent message larger than 16 MiB: connection dropped.\n", stderr);
+    }
 }
 
 }  // namespace
@@ -82,6 +95,7 @@ IpcClientConfig* start_transfer_agent_client(int32_t reconnection_policy) {
     if (run_state().stop_when_unreachable) {
         CallbackEvent.subscribe(dispatcher, NET_EVENT_CONNECTION_FAILED, unreachable_callback);
     }
+    CallbackEvent.subscribe(dispatcher, WS_EVENT_MESSAGE_TOO_LARGE, too_large_callback);
     return config;
 }
 

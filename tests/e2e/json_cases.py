@@ -83,7 +83,7 @@ class PlainServer:
 
 def check(case, binary):
     env = dict(os.environ, LSAN_OPTIONS="print_suppressions=0:suppressions="
-               + os.path.join(HERE, "lsan.supp"))
+               + os.path.join(HERE, "..", "lsan.supp"))
     server = PlainServer() if case.plain_server else (
         None if case.agent is None else FakeAgent(case.agent))
     with server or contextlib.nullcontext():

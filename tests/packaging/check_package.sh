@@ -23,10 +23,19 @@ done
 
 [[ $(dpkg-deb -f "$deb" Package) == sylvane-service ]] || fail "wrong package name"
 [[ -n $(dpkg-deb -f "$deb" Maintainer) ]] || fail "no maintainer"
-grep -q 'libevent-core-2\.1-7' <<<"$(dpkg-deb -f "$deb" Depends)" ||
-    fail "no libevent dependency: $(dpkg-deb -f "$deb" Depends)"
-
 dpkg-deb -x "$deb" "$work/root"
+# A library the binary loads must be a dependency, and one it has linked in
+# (the default static runtime) must not be.
+depends=$(dpkg-deb -f "$deb" Depends)
+needed=$(objdump -p "$work/root/usr/bin/sylvane-service" | awk '$1 == "NEEDED" {print $2}')
+for pair in libc.so:libc6 libevent_core:libevent-core-2.1-7 libstdc++:libstdc++6 libgcc_s:libgcc-s1; do
+    library=${pair%%:*} package=${pair#*:}
+    if grep -qF "$library" <<<"$needed"; then
+        grep -qF "$package" <<<"$depends" || fail "loads $library, Depends lacks $package: $depends"
+    elif grep -qF "$package" <<<"$depends"; then
+        fail "Depends names $package, which the binary does not load: $depends"
+    fi
+done
 zcat "$work/root/usr/share/man/man1/sylvane-service.1.gz" | cmp -s - "$source/docs/sylvane-service.1" ||
     fail "packaged man page differs from docs/sylvane-service.1"
 usage=$("$work/root/usr/bin/sylvane-service" -h) || fail "packaged binary: -h exited non-zero"
