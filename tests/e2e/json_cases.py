@@ -239,6 +239,11 @@ for name, args, stderr in [
     both_ends("usage_" + name, args, [failure("usage", ANY, 2)], status=2, stderr=stderr,
               agent={}, connects=False)
 
+# "--c" still abbreviates --configProxy: --check must not make it ambiguous.
+add(JsonCase("abbreviation_still_human", "--c 10.0.0.1:3128 -t HTTP".split(),
+             stdout="Proxy configuration successfully saved.\n",
+             agent={"save_proxy": [reply({"success": True})]}))
+
 VERSION = re.search(r"project\(sylvane-service VERSION (\S+)",
                     open(os.path.join(HERE, "..", "..", "CMakeLists.txt")).read()).group(1)
 add(JsonCase("version", ["--version"], stdout="sylvane-service %s\n" % VERSION))
