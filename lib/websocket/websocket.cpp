@@ -3,6 +3,7 @@
 
 #include "websocket/websocket.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdlib>
 #include <cstring>
@@ -366,6 +367,37 @@ void take_message(networkConnection* connection, websocketPeerDescriptor* descri
     }
 }
 
+// Room in the reassembly queue for `count` more bytes. It grows by doubling
+// into a fresh queue: appending to the exact-fit queue would copy the whole
+// message at every fragment, minutes of copying for a peer that streams
+// small fragments up to the bound.
+bool reserve_message(websocketPeerDescriptor* descriptor, uint64_t count) {
+    RingBuffer* queue = descriptor->message_queue;
+    const uint64_t queued = DynamicBuffer.size(queue);
+    if (queue->capacity - queued >= count) {
+        return true;
+    }
+    const uint64_t capacity = std::min(std::max(2 * uint64_t{queue->capacity}, queued + count),
+                                       std::max(kMaxMessageSize + 1, queued + count));
+    RingBuffer* larger = DynamicBuffer.create(static_cast<uint32_t>(capacity));
+    if (larger == nullptr) {
+        return false;
+    }
+    uint8_t copied = 0;
+    uint8_t* bytes = DynamicBuffer.get_data(queue, &copied);
+    const int appended = bytes != nullptr ? DynamicBuffer.append(larger, bytes, queued) : -1;
+    if (copied == 1) {
+        free(bytes);
+    }
+    if (appended != 0) {
+        DynamicBuffer.free(larger);
+        return false;
+    }
+    DynamicBuffer.free(queue);
+    descriptor->message_queue = larger;
+    return true;
+}
+
 // Adds a fragment to the message being reassembled; the final one brings
 // its NUL along. The bound holds for the total at every fragment.
 bool add_fragment(networkConnection* connection, websocketPeerDescriptor* descriptor,
@@ -375,8 +407,9 @@ bool add_fragment(networkConnection* connection, websocketPeerDescriptor* descri
         report_too_large(connection, total);
         return false;
     }
-    if (DynamicBuffer.append(descriptor->message_queue, block.bytes,
-                             block.length + (last ? 1 : 0)) != 0) {
+    const uint64_t count = block.length + (last ? 1 : 0);
+    if (!reserve_message(descriptor, count) ||
+        DynamicBuffer.append(descriptor->message_queue, block.bytes, count) != 0) {
         Logger.fatal("Unable to allocate memory for a reassembled websocket message");
         return false;
     }
