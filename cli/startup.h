@@ -18,6 +18,10 @@ constexpr uint16_t TRANSFER_AGENT_PORT = 11038;
 constexpr int32_t TRANSFER_AGENT_RECONNECTION_POLICY = 3;
 constexpr int32_t TRANSFER_AGENT_RETRY_DELAY = 3;
 
+// Every connection attempt failed (--json, --events, --check).
+constexpr const char* UNREACHABLE_MESSAGE =
+    "Could not connect to the Transfer Agent on 127.0.0.1:11038.\n";
+
 // Network module, dispatcher, IPC config, busy notice, connection tracking.
 // Ends the run ("internal") when the dispatcher or the config cannot be
 // created.

@@ -284,6 +284,9 @@ for name, args, script, stdout, lines, status, stderr, fields in [
                  agent=script, **fields))
     both_ends(name, ["--events"] + args, lines, status=status, agent=script, **fields)
 
+add(JsonCase("events_no_agent_within_wait", ["--events", "--wait", "1"], status=3,
+             stderr="Could not connect to the Transfer Agent on 127.0.0.1:11038.\n",
+             elapsed=after(1)))
 add(JsonCase("events_not_websocket", ["--events"], plain_server=True, status=3, elapsed=(0, 2.5),
              stderr="The connection to the Transfer Agent was lost.\n"))
 
