@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
-"""The add command's key off the command line and the listener check, against
-the fake Transfer Agent (run as the invoking user). key_cases.py --list | CASE BINARY"""
+"""The add command's key off the command line, against the fake Transfer Agent:
+it runs as the invoking user, so every add that reaches it has passed the
+listener check. key_cases.py --list | key_cases.py CASE BINARY"""
 
 import os
 import subprocess
