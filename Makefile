@@ -5,7 +5,7 @@ JOBS       ?= $(shell nproc)
 # Time-outs in the end-to-end tests mostly wait, so run more tests than cores.
 TEST_JOBS  ?= $(shell echo $$(( $$(nproc) * 3 )))
 
-.PHONY: all deps build build-asan test test-asan check demo package clean format fuzz bench
+.PHONY: all deps build build-asan test test-asan check faults demo package clean format fuzz bench
 
 all: build
 
@@ -28,6 +28,13 @@ test-asan: build-asan
 
 # Every test, in a normal build and in an ASan + UBSan build.
 check: test test-asan
+
+# Every allocation of a normal run of each main command fails in turn, one
+# run per point, against the fake agent in a private network namespace; the
+# table says how each run ended and the target fails if one died or hung.
+faults: build
+	unshare -rn sh -c 'ip link set lo up && exec "$$0" "$$@"' python3 tests/faults/sweep.py \
+		$(BUILD)/tests/faults/libfailmalloc.so $(BUILD)/cli/sylvane-service
 
 # A short tour of the tool against the Transfer Agent simulator; builds
 # only the tool.

@@ -1,56 +1,79 @@
 #!/usr/bin/env python3
 """Runs the benchmarks and writes RESULTS.md: bench.py TOOL BENCH_BUILD_DIR.
 
-Latency and scale are measured against the Transfer Agent simulator on
-127.0.0.1:11038 (run this in a private network namespace, as run.sh does),
-comparing the tool with bench/raw_client doing the same exchange. Wall times
-and peak memory come from bench_command (wait4), the rest from Google
-Benchmark.
+Every ratio compares the tool with bench/raw_client doing the same exchange
+against bench/native_agent, an agent that answers at once with a pre-built
+answer, on 127.0.0.1:11038 (run this in a private network namespace, as
+run.sh does). The two commands run in turn, A B A B, so that the machine's
+load falls on both alike; wall times and peak memory come from
+bench_command (wait4), the rest from Google Benchmark.
 """
 
 import json
 import os
 import platform
-import shutil
 import subprocess
 import sys
-import tempfile
-import uuid
 
 HERE = os.path.dirname(os.path.realpath(__file__))
-SIMULATOR = os.path.join(HERE, "..", "tools", "agent", "sylvane-agent-sim")
-LATENCY_RUNS = 200
-SCALE_RUNS = 20
+ROOT = os.path.dirname(HERE)
+MIB = 1024.0
+
+# (label, tool arguments, raw client command, services listed, runs, target ratio,
+#  peak RSS target in MiB)
+CASES = (
+    ("`-l`, 3 services", ["-l"], "get_tenants", 3, 300, 1.15, None),
+    ("`-g`", ["-g"], "get_proxy", 3, 300, 1.15, None),
+    ("`-l`, 1,000 services", ["-l"], "get_tenants", 1000, 100, 1.5, None),
+    ("`-l`, 10,000 services", ["-l"], "get_tenants", 10000, 40, 2.5, 12),
+    ("`-l`, 30,000 services", ["-l"], "get_tenants", 30000, 15, None, None),
+)
 STARTUP_RUNS = 300
 
 
-def service(i):
-    return {"tenant_name": "service%d" % i, "status": "connected",
-            "ip_address": "10.%d.%d.%d" % (i >> 16 & 255, i >> 8 & 255, i & 255),
-            "port": 8080, "virtual_port": 80, "uuid": str(uuid.UUID(int=i)),
-            "onion_address": "%056d.onion" % i, "api_key": "k" * 76, "clear_services": []}
+class Agent:
+    """native_agent serving `services` services, for the life of a `with`."""
 
+    def __init__(self, build, services):
+        self.process = subprocess.Popen([os.path.join(build, "native_agent"), str(services)],
+                                        stdout=subprocess.PIPE, text=True)
+        if self.process.stdout.readline().strip() != "ready":
+            raise RuntimeError("native_agent did not start")
 
-class Simulator:
-    def __init__(self, folder, services):
-        state = os.path.join(folder, "state%d.json" % services)
-        with open(state, "w") as f:
-            json.dump({"services": [service(i) for i in range(services)]}, f)
-        self.process = subprocess.Popen([sys.executable, SIMULATOR, "--quiet", "--state", state],
-                                        stdout=subprocess.PIPE)
-        self.process.stdout.readline()  # listening
+    def __enter__(self):
+        return self
 
-    def close(self):
+    def __exit__(self, *_exc):
         self.process.terminate()
         self.process.wait()
 
 
-def timed(runner, runs, argv):
-    """(median ms, p90 ms, peak KiB, failures) of `runs` runs of argv."""
-    subprocess.run([runner, "5"] + argv, check=True, capture_output=True)  # warm-up
-    out = subprocess.run([runner, str(runs)] + argv, check=True, capture_output=True, text=True)
-    _, median, p90, rss, failures = out.stdout.split()
-    return float(median), float(p90), int(rss), int(failures)
+def side_by_side(build, runs, *commands):
+    """[(median ms, p90 ms, peak KiB, failures, median CPU ms)] of each command,
+    run in turn."""
+    argv = [os.path.join(build, "bench_command"), str(runs)]
+    for i, command in enumerate(commands):
+        argv += (["--"] if i else []) + command
+    subprocess.run(argv[:1] + ["3"] + argv[2:], check=True, capture_output=True)  # warm-up
+    out = subprocess.run(argv, check=True, capture_output=True, text=True).stdout
+    rows = []
+    for line in out.splitlines():
+        _, median, p90, rss, failures, cpu = line.split()
+        rows.append((float(median), float(p90), int(rss), int(failures), float(cpu)))
+    return rows
+
+
+def listed(tool, args, services):
+    """None when the tool lists every service, else what went wrong."""
+    run = subprocess.run([tool] + args, capture_output=True, text=True, timeout=30)
+    if args != ["-l"]:
+        return None if run.returncode == 0 else "exit %d: %s" % (run.returncode,
+                                                                 run.stderr.strip()[:80])
+    shown = run.stdout.count("\nService:\t") + run.stdout.startswith("Service:\t")
+    if run.returncode == 0 and shown == services:
+        return None
+    return "listed %d of %d services, exit %d %s" % (shown, services, run.returncode,
+                                                     run.stderr.strip()[:80])
 
 
 def machine():
@@ -60,7 +83,18 @@ def machine():
             if line.startswith("model name"):
                 model = line.split(":", 1)[1].strip()
                 break
-    return "%d cores (nproc), %s, Linux %s" % (os.cpu_count(), model, platform.release())
+    load = open("/proc/loadavg").read().split()[0]
+    return "%d cores (nproc), %s, Linux %s; load average %s at the start" % (
+        os.cpu_count(), model, platform.release(), load)
+
+
+def commit():
+    def git(*args):
+        return subprocess.run(["git", "-C", ROOT] + list(args), capture_output=True,
+                              text=True).stdout.strip()
+    head = git("log", "-1", "--format=%h %s")
+    dirty = git("status", "--porcelain", "--untracked-files=no")
+    return head + (" (with uncommitted changes)" if dirty else "") if head else "unknown"
 
 
 def micro(binary):
@@ -79,56 +113,67 @@ def micro(binary):
     return rows
 
 
+def verdict(value, limit):
+    if limit is None:
+        return "-"
+    return "%s (target %s)" % ("met" if value <= limit else "**missed**", limit)
+
+
+def measure(tool, build):
+    """Headline rows, detail rows and the per-service costs of the listings."""
+    raw = os.path.join(build, "raw_client")
+    headline, detail, per_service = [], [], []
+    for label, args, command, services, runs, target, rss_target in CASES:
+        with Agent(build, services):
+            problem = listed(tool, args, services)
+            if problem:
+                headline.append("| %s | not measured: %s | | | | |" % (label, problem))
+                continue
+            t, r = side_by_side(build, runs, [tool] + args, [raw, command])
+        ratio = t[0] / r[0]
+        headline.append("| %s | **%.2f** | %s | %.1f | %s | %.1f |" % (
+            label, ratio, verdict(ratio, target), t[2] / MIB,
+            verdict(t[2] / MIB, rss_target) if rss_target else "-", r[2] / MIB))
+        detail.append("| %s | %d | %.2f | %.2f | %.2f | %.2f | %d | %d | %d |" % (
+            label, runs, t[0], t[1], r[0], r[1], t[2], r[2], t[3] + r[3]))
+        if services >= 1000 and command == "get_tenants":
+            per_service.append((services, (t[0] - r[0]) / services * 1000, t[2]))
+    return headline, detail, per_service
+
+
 def main(argv):
     tool, build = argv[1], argv[2]
-    runner = os.path.join(build, "bench_command")
-    raw = os.path.join(build, "raw_client")
-    lines = ["# Benchmark results", "", "Machine: " + machine(), "",
-             "Produced by `make bench` (bench/run.sh); every figure below is measured by it.", ""]
-    folder = tempfile.mkdtemp()
-    try:
-        sim = Simulator(folder, 3)
-        try:
-            rows = []
-            for label, args, command in (("-l (3 services)", ["-l"], "get_tenants"),
-                                         ("-g", ["-g"], "get_proxy")):
-                t = timed(runner, LATENCY_RUNS, [tool] + args)
-                r = timed(runner, LATENCY_RUNS, [raw, command])
-                rows.append("| %s | %.2f | %.2f | %.2f | %.2f | %.2f | %d | %d |" % (
-                    label, t[0], t[1], r[0], r[1], t[0] / r[0], t[2], t[3] + r[3]))
-        finally:
-            sim.close()
-        lines += ["## Command latency (%d runs each, against the simulator)" % LATENCY_RUNS, "",
-                  "| Command | tool median ms | tool p90 ms | raw median ms | raw p90 ms "
-                  "| ratio (median) | tool peak RSS KiB | failed runs |",
-                  "|---|---|---|---|---|---|---|---|"] + rows + [""]
-        rows = []
-        for count in (1000, 10000):
-            sim = Simulator(folder, count)
-            try:
-                t = timed(runner, SCALE_RUNS, [tool, "-l"])
-                r = timed(runner, SCALE_RUNS, [raw, "get_tenants"])
-            finally:
-                sim.close()
-            rows.append("| %d | %.1f | %.1f | %.1f | %.1f | %d | %d |" % (
-                count, t[0], t[1], r[0], t[0] - r[0], t[2], t[3] + r[3]))
-        lines += ["## Listing at scale (`-l`, %d runs each)" % SCALE_RUNS, "",
-                  "The raw client's time is the simulator producing and sending the list; "
-                  "the difference is the tool's own work (decoding and printing).", "",
-                  "| Services | tool median ms | tool p90 ms | raw median ms "
-                  "| tool minus raw ms | tool peak RSS KiB | failed runs |",
-                  "|---|---|---|---|---|---|---|"] + rows + [""]
-    finally:
-        shutil.rmtree(folder)
-    rows = []
-    for label, argv_ in (("/bin/true", ["/bin/true"]), ("sylvane-service -h", [tool, "-h"])):
-        t = timed(runner, STARTUP_RUNS, argv_)
-        rows.append("| %s | %.2f | %.2f | %d |" % (label, t[0], t[1], t[2]))
-    lines += ["## Process start-up (%d runs each, no connection)" % STARTUP_RUNS, "",
+    headline, detail, per_service = measure(tool, build)
+    lines = ["# Benchmark results", "",
+             "Produced by `make bench` (bench/run.sh); every figure below is measured by it.", "",
+             "- Commit: " + commit(),
+             "- Machine: " + machine(),
+             "- Agent: bench/native_agent, answering every request at once with a pre-built "
+             "answer; the raw client (bench/raw_client) connects, upgrades, sends the same "
+             "two frames and reads the same answer without decoding it.",
+             "- Method: tool and raw client run in turn (A B A B) against the same agent; "
+             "ratio = tool median / raw median.", "",
+             "## Headline: the tool against the raw client", "",
+             "| Command | ratio of medians | time | tool peak RSS MiB | memory "
+             "| raw peak RSS MiB |",
+             "|---|---|---|---|---|---|"] + headline + [""]
+    if per_service:
+        lines += ["Cost of listing, the tool's time minus the raw client's, per 1,000 services "
+                  "(constant when the cost grows linearly):", "",
+                  "| Services | ms per 1,000 services | tool peak RSS MiB |", "|---|---|---|"]
+        lines += ["| %d | %.2f | %.1f |" % (n, cost, rss / MIB) for n, cost, rss in per_service]
+        lines += [""]
+    lines += ["## Absolute times (ms)", "",
+              "| Command | runs each | tool median | tool p90 | raw median | raw p90 "
+              "| tool peak RSS KiB | raw peak RSS KiB | failed runs |",
+              "|---|---|---|---|---|---|---|---|---|"] + detail + [""]
+    true_, usage = side_by_side(build, STARTUP_RUNS, ["/bin/true"], [tool, "-h"])
+    lines += ["## Process start-up (%d runs each, in turn, no connection)" % STARTUP_RUNS, "",
               "`-h` prints the usage and exits: the difference from `/bin/true` is loading "
-              "libstdc++ and libevent, relocations and static initialisers.", "",
-              "| Command | median ms | p90 ms | peak RSS KiB |", "|---|---|---|---|"]
-    lines += rows + [""]
+              "the binary and its libraries, relocations and static initialisers.", "",
+              "| Command | median ms | p90 ms | peak RSS KiB |", "|---|---|---|---|",
+              "| /bin/true | %.2f | %.2f | %d |" % true_[:3],
+              "| sylvane-service -h | %.2f | %.2f | %d |" % usage[:3], ""]
     lines += ["## Micro-benchmarks (Google Benchmark)", "",
               "| Benchmark | wall | CPU | throughput |", "|---|---|---|---|"]
     lines += micro(os.path.join(build, "micro_bench")) + [""]

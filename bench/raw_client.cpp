@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <string_view>
 
 namespace {
 
@@ -64,12 +65,14 @@ bool fill(int fd, std::string& buffer, size_t count) {
     return true;
 }
 
-// Next server frame (unmasked, unfragmented): its payload, or false.
-bool next_payload(int fd, std::string& buffer, std::string& payload) {
+// Next server frame (unmasked, unfragmented): drops the previous frame from
+// `buffer` and gives where the payload starts and its length, or false.
+bool next_payload(int fd, std::string& buffer, size_t& start, uint64_t& length) {
+    buffer.erase(0, start + length);
     if (!fill(fd, buffer, 2)) {
         return false;
     }
-    uint64_t length = static_cast<uint8_t>(buffer[1]) & 0x7f;
+    length = static_cast<uint8_t>(buffer[1]) & 0x7f;
     size_t header = 2;
     if (length >= 126) {
         header = length == 126 ? 4 : 10;
@@ -84,8 +87,7 @@ bool next_payload(int fd, std::string& buffer, std::string& payload) {
     if (!fill(fd, buffer, header + length)) {
         return false;
     }
-    payload.assign(buffer, header, length);
-    buffer.erase(0, header + length);
+    start = header;
     return true;
 }
 
@@ -126,9 +128,12 @@ int main(int argc, char** argv) {
             fd, masked_text("{\"command\": \"connection\", \"id\": 17}") + masked_text(request))) {
         return 1;
     }
-    std::string payload;
-    while (next_payload(fd, buffer, payload)) {
-        if (payload.find("\"" + command + "\"") != std::string::npos) {
+    const std::string quoted = "\"" + command + "\"";
+    size_t start = 0;
+    uint64_t length = 0;
+    while (next_payload(fd, buffer, start, length)) {
+        const std::string_view payload(buffer.data() + start, length);
+        if (payload.find(quoted) != std::string_view::npos) {
             fwrite(payload.data(), 1, payload.size(), stdout);
             fputc('\n', stdout);
             close(fd);

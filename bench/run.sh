@@ -1,7 +1,8 @@
 #!/bin/sh
-# Builds the tool (Release) and the benchmarks into build-bench/, runs them
-# and writes bench/RESULTS.md. The latency runs use the Transfer Agent's
-# fixed port, so they run in a private network namespace when possible.
+# Builds the tool (Release, as packaged) and the benchmarks into
+# build-bench/, runs them and writes bench/RESULTS.md. The agent listens on
+# the Transfer Agent's fixed port, so everything runs in a private network
+# namespace when possible.
 set -eu
 root=$(cd "$(dirname "$0")/.." && pwd)
 build="$root/build-bench"

@@ -1,5 +1,6 @@
 #include "cli/responses.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -136,8 +137,50 @@ const char* listed_status(const char* status) {
     return "Disabled";
 }
 
+// The listing goes out in blocks of kListingBlock bytes, not in one write
+// per line: a list of thousands of services is written in a few calls.
+constexpr size_t kListingBlock = 65536;
+
+class ListingWriter {
+public:
+    void text(const char* part) { bytes(part, strlen(part)); }
+    void number(int value) {
+        char digits[16];
+        const int length = snprintf(digits, sizeof digits, "%d", value);
+        bytes(digits, static_cast<size_t>(length));
+    }
+    // label, then value, then a newline.
+    void line(const char* label, const char* value) {
+        text(label);
+        text(value);
+        bytes("\n", 1);
+    }
+    void flush() {
+        fwrite(block_, 1, used_, stdout);
+        fflush(stdout);
+        used_ = 0;
+    }
+
+private:
+    char block_[kListingBlock];
+    size_t used_ = 0;
+
+    void bytes(const char* part, size_t size) {
+        while (size > 0) {
+            if (used_ == sizeof block_) {
+                flush();
+            }
+            const size_t taken = std::min(size, sizeof block_ - used_);
+            memcpy(block_ + used_, part, taken);
+            used_ += taken;
+            part += taken;
+            size -= taken;
+        }
+    }
+};
+
 // One block of the listing; missing fields show as empty or "Unknown".
-void print_tenant(const JsonValue* tenant) {
+void print_tenant(const JsonValue* tenant, ListingWriter& out) {
     char name[NAME_SIZE] = {};
     char status[STATUS_SIZE] = {};
     char ip_address[IP_ADDRESS_SIZE] = {};
@@ -152,23 +195,27 @@ void print_tenant(const JsonValue* tenant) {
     json_get_string_value(tenant, "onion_address", onion_address, sizeof onion_address);
     const char* shown_status = listed_status(status);
 
-    printf("----------------------------------------\n");
-    printf("Service:\t%s\n", name);
-    printf("Uuid:\t\t%s\n", uuid);
-    printf("IP address:\t%s\n", ip_address[0] != '\0' ? ip_address : "Unknown");
+    out.text("----------------------------------------\n");
+    out.line("Service:\t", name);
+    out.line("Uuid:\t\t", uuid);
+    out.line("IP address:\t", ip_address[0] != '\0' ? ip_address : "Unknown");
     if (port < 1) {
-        printf("Port:\t\tUnknown\n");
+        out.text("Port:\t\tUnknown\n");
     } else {
-        printf("Port:\t\t%d\n", port);
+        out.text("Port:\t\t");
+        out.number(port);
+        out.text("\n");
     }
     if (virtual_port == port) {
-        printf("Virtual port:\tNot set\n");
+        out.text("Virtual port:\tNot set\n");
     } else {
-        printf("Virtual port:\t%d\n", virtual_port);
+        out.text("Virtual port:\t");
+        out.number(virtual_port);
+        out.text("\n");
     }
-    printf("Status:\t\t%s\n", shown_status);
+    out.line("Status:\t\t", shown_status);
     if (onion_address[0] != '\0' && strcmp(shown_status, "Enabled") == 0) {
-        printf("Onion address:\t%s\n", onion_address);
+        out.line("Onion address:\t", onion_address);
     }
 }
 
@@ -221,6 +268,7 @@ char* list_response(JsonValue* data) {
         release_tenant_list(&list);
         return strdup("No registered services yet.");
     }
+    ListingWriter out;
     for (int i = 0; i < list.count; i++) {
         if (!is_string_item(list.items[i])) {
             continue;
@@ -229,9 +277,10 @@ char* list_response(JsonValue* data) {
         if (tenant == nullptr) {
             break;
         }
-        print_tenant(tenant);
+        print_tenant(tenant, out);
         json_free_value(tenant);
     }
+    out.flush();
     release_tenant_list(&list);
     return nullptr;
 }

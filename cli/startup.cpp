@@ -6,6 +6,7 @@
 
 #include "ipc/ipc_client.h"
 #include "network/network.h"
+#include "websocket/websocket.h"
 
 EventDispatcher* event_dispatcher = nullptr;
 const char* current_service_name = nullptr;
@@ -22,6 +23,17 @@ constexpr const char* BUSY_MESSAGE =
 // libevent-shaped wrapper so the first attempt starts from the loop.
 void connect_callback(evutil_socket_t, short, void* connection) {
     Network.perform_connection(static_cast<networkConnection*>(connection));
+}
+
+// The agent sent a message past the bound and the connection was dropped.
+// Said at once, and once: a retry may bring the same message again. The
+// command's time-out still ends the run.
+void too_large_callback(uint32_t, void*) {
+    static bool said = false;
+    if (!said) {
+        said = true;
+        fputs("Transfer Agent message larger than 16 MiB: connection dropped.\n", stderr);
+    }
 }
 
 }  // namespace
@@ -57,6 +69,7 @@ IpcClientConfig* start_transfer_agent_client() {
                1);
     }
     CallbackEvent.subscribe(event_dispatcher, IPC_EVENT_PLEASE_DISCONNECT, busy_callback);
+    CallbackEvent.subscribe(event_dispatcher, WS_EVENT_MESSAGE_TOO_LARGE, too_large_callback);
     return config;
 }
 

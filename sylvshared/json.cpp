@@ -1,9 +1,11 @@
-// JSON value library over nlohmann::ordered_json (members keep insertion
-// order). Every entry point has C linkage and catches everything: a failure
-// becomes a null or negative result, never an exception, a print or an exit.
+// JSON value library. Parsed documents are read-only trees in one arena
+// each, shared by every handle taken from them (document.h); values the
+// caller builds are nlohmann::ordered_json (members keep insertion order),
+// and a parsed value turns into one only when it is changed or written.
+// Every entry point has C linkage and catches everything: a failure becomes
+// a null or negative result, never an exception, a print or an exit.
 
 #include <algorithm>
-#include <array>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -12,19 +14,22 @@
 #include <string>
 #include <string_view>
 
+#include "document.h"
 #include "sylvshared/json.h"
 
 using Json = nlohmann::ordered_json;
+using sylvshared::Document;
+using sylvshared::Kind;
+using sylvshared::Node;
 
+// Either a view into a parsed document (document set) or a built value.
 struct JsonValue {
+    Document* document;
+    const Node* node;
     Json json;
 };
 
 namespace {
-
-// Copying and serialising a tree recurse once per level, so deeper
-// documents are refused at parse time rather than risk the stack.
-constexpr int kMaxDepth = 128;
 
 // Runs body, turning any exception into fallback.
 template <typename Result, typename Body>
@@ -36,94 +41,83 @@ Result guarded(Result fallback, Body&& body) noexcept {
     }
 }
 
-// Members of an object are kept in insertion order in a vector, so adding
-// the n-th one scans the n before it. Bounding the sum of those scans keeps a
-// document with huge objects from stalling the loop (and the command's
-// time-out) for minutes; the protocol's objects have a dozen members.
-constexpr uint64_t kMaxMemberScans = 4'000'000;
+// What a member lookup found: a parsed node or a built value, or neither.
+struct Found {
+    const Node* node;
+    const Json* json;
+    explicit operator bool() const { return node != nullptr || json != nullptr; }
+};
 
-// Each value costs far more as a tree than as text (two bytes of "1," become
-// a node of sixteen, and "data" is copied once more), so the number of
-// values, not only the text's size, bounds the memory a peer can make us
-// use. The protocol's largest documents, service lists, hold one string per
-// service.
-constexpr uint64_t kMaxValues = 65'536;
-
-// Position just after the string whose opening quote is at `open`, or npos
-// when it never ends. memchr does the walking: service lists are mostly
-// string bodies.
-size_t skip_string(std::string_view text, size_t open) {
-    size_t from = open + 1;
-    while (from < text.size()) {
-        const void* found = memchr(text.data() + from, '"', text.size() - from);
-        if (found == nullptr) {
-            return std::string_view::npos;
-        }
-        const size_t quote = static_cast<const char*>(found) - text.data();
-        size_t backslashes = 0;
-        while (text[quote - 1 - backslashes] == '\\') {
-            ++backslashes;
-        }
-        if (backslashes % 2 == 0) {
-            return quote + 1;
-        }
-        from = quote + 1;
+Found member(const JsonValue* value, const char* key) {
+    if (value == nullptr || key == nullptr) {
+        return {};
     }
-    return std::string_view::npos;
-}
-
-// Bracket depth of text outside strings exceeds kMaxDepth, or the document
-// holds too many values, or its objects are too large to build in
-// reasonable time. Malformed text is left for the parser to refuse.
-bool too_costly(std::string_view text) {
-    std::array<bool, kMaxDepth + 1> is_object{};
-    std::array<uint64_t, kMaxDepth + 1> members{};
-    uint64_t scans = 0;
-    uint64_t separators = 0;
-    int depth = 0;
-    for (size_t i = 0; i < text.size(); ++i) {
-        const char c = text[i];
-        if (c == '"') {
-            i = skip_string(text, i);
-            if (i == std::string_view::npos) {
-                return false;
-            }
-            --i;  // the loop steps past the closing quote
-        } else if (c == '[' || c == '{') {
-            if (++depth > kMaxDepth) {
-                return true;
-            }
-            is_object[depth] = c == '{';
-            members[depth] = 0;
-        } else if (c == ']' || c == '}') {
-            depth = depth > 0 ? depth - 1 : 0;
-        } else if (c == ',') {
-            if (++separators > kMaxValues) {
-                return true;
-            }
-            if (depth > 0 && is_object[depth]) {
-                scans += ++members[depth];
-                if (scans > kMaxMemberScans) {
-                    return true;
-                }
-            }
-        }
+    if (value->document != nullptr) {
+        return {sylvshared::find_member(value->node, key), nullptr};
     }
-    return false;
-}
-
-// The member `key` of an object value, or null.
-const Json* member(const JsonValue* value, const char* key) {
-    if (value == nullptr || key == nullptr || !value->json.is_object()) {
-        return nullptr;
+    if (!value->json.is_object()) {
+        return {};
     }
     auto it = value->json.find(key);
-    return it == value->json.end() ? nullptr : &*it;
+    return {nullptr, it == value->json.end() ? nullptr : &*it};
+}
+
+// The built form of a parsed node (recursion is bounded by the parse depth).
+Json to_json(const Node& node) {
+    switch (node.kind) {
+        case Kind::Boolean:
+            return node.boolean;
+        case Kind::Integer:
+            return node.integer;
+        case Kind::Unsigned:
+            return node.unsigned_integer;
+        case Kind::Real:
+            return node.real;
+        case Kind::String:
+            return std::string(node.text, node.size);
+        case Kind::List: {
+            Json list = Json::array();
+            for (uint32_t i = 0; i < node.size; ++i) {
+                list.push_back(to_json(node.items[i]));
+            }
+            return list;
+        }
+        case Kind::Object: {
+            Json object = Json::object();
+            for (uint32_t i = 0; i < node.size; ++i) {
+                const sylvshared::Member& entry = node.members[i];
+                object[std::string(entry.key, entry.key_size)] = to_json(entry.value);
+            }
+            return object;
+        }
+        case Kind::Null:
+            break;
+    }
+    return nullptr;
+}
+
+// Makes a parsed value a built one before it is changed.
+void make_built(JsonValue* value) {
+    if (value->document != nullptr) {
+        value->json = to_json(*value->node);
+        sylvshared::release(value->document);
+        value->document = nullptr;
+        value->node = nullptr;
+    }
+}
+
+// A copy of value in built form.
+Json built_copy(const JsonValue* value) {
+    return value->document != nullptr ? to_json(*value->node) : value->json;
 }
 
 // Sets object[key] = item; 0, or -1 when object is not an object or key null.
 int add_member(JsonValue* object, const char* key, Json item) {
-    if (object == nullptr || key == nullptr || !object->json.is_object()) {
+    if (object == nullptr || key == nullptr) {
+        return -1;
+    }
+    make_built(object);
+    if (!object->json.is_object()) {
         return -1;
     }
     object->json[key] = std::move(item);
@@ -132,7 +126,11 @@ int add_member(JsonValue* object, const char* key, Json item) {
 
 // Appends item to a list value; 0, or -1 when list is not a list.
 int append(JsonValue* list, Json item) {
-    if (list == nullptr || !list->json.is_array()) {
+    if (list == nullptr) {
+        return -1;
+    }
+    make_built(list);
+    if (!list->json.is_array()) {
         return -1;
     }
     list->json.push_back(std::move(item));
@@ -152,52 +150,126 @@ size_t utf8_cut(std::string_view text, size_t limit) {
     return cut;
 }
 
-JsonValue* new_value(Json json) {
-    return new (std::nothrow) JsonValue{std::move(json)};
+JsonValue* new_built(Json json) {
+    return new (std::nothrow) JsonValue{nullptr, nullptr, std::move(json)};
 }
 
-// One malloc'd list record for element; null on allocation failure.
-JsonListItem* new_list_item(const Json& element) {
-    auto* item = static_cast<JsonListItem*>(malloc(sizeof(JsonListItem)));
-    if (item == nullptr) {
+// New handle on `node` of document, which gains a reference; null when out
+// of memory.
+JsonValue* new_view(Document* document, const Node* node) {
+    auto* value = new (std::nothrow) JsonValue{document, node, Json()};
+    if (value != nullptr) {
+        sylvshared::retain(document);
+    }
+    return value;
+}
+
+// json_get_list_value hands out one malloc'd block: this header, the array
+// of element pointers the caller sees, then the element records. Texts stay
+// in the document's arena, which the block keeps alive: a listing of
+// thousands of services is not copied once more.
+struct ListHeader {
+    Document* document;
+    uint64_t padding;  // keeps the array 16-byte aligned
+};
+
+JsonListItem** new_list_block(Document* document, int count) {
+    const size_t slots = static_cast<size_t>(count);
+    auto* block = static_cast<char*>(
+        malloc(sizeof(ListHeader) + slots * (sizeof(JsonListItem*) + sizeof(JsonListItem))));
+    if (block == nullptr) {
         return nullptr;
     }
-    item->type = JSON_LIST_ITEM_OTHER;
-    item->text = nullptr;
-    if (element.is_string()) {
-        const std::string& text = element.get_ref<const std::string&>();
-        item->text = static_cast<char*>(malloc(text.size() + 1));
-        if (item->text == nullptr) {
-            free(item);
-            return nullptr;
-        }
-        memcpy(item->text, text.c_str(), text.size() + 1);
-        item->type = JSON_LIST_ITEM_STRING;
+    reinterpret_cast<ListHeader*>(block)->document = document;
+    auto** items = reinterpret_cast<JsonListItem**>(block + sizeof(ListHeader));
+    auto* records = reinterpret_cast<JsonListItem*>(items + slots);
+    for (size_t i = 0; i < slots; ++i) {
+        items[i] = &records[i];
+        records[i] = JsonListItem{JSON_LIST_ITEM_OTHER, nullptr};
     }
-    return item;
+    sylvshared::retain(document);
+    return items;
+}
+
+// Element records of a parsed list, texts shared with its document.
+JsonListItem** parsed_list(Document* document, const Node& list) {
+    JsonListItem** items = new_list_block(document, static_cast<int>(list.size));
+    for (uint32_t i = 0; items != nullptr && i < list.size; ++i) {
+        if (list.items[i].kind == Kind::String) {
+            items[i]->type = JSON_LIST_ITEM_STRING;
+            items[i]->text = const_cast<char*>(list.items[i].text);
+        }
+    }
+    return items;
+}
+
+// Element records of a built list, texts copied into a document of their own.
+JsonListItem** built_list(const Json& list) {
+    Document* texts = sylvshared::new_document(4096);
+    if (texts == nullptr) {
+        return nullptr;
+    }
+    JsonListItem** items = new_list_block(texts, static_cast<int>(list.size()));
+    sylvshared::release(texts);  // the block holds it now
+    for (size_t i = 0; items != nullptr && i < list.size(); ++i) {
+        if (list[i].is_string()) {
+            const std::string& text = list[i].get_ref<const std::string&>();
+            items[i]->text = sylvshared::copy_text(texts, text.data(), text.size());
+            if (items[i]->text == nullptr) {
+                json_free_list_value(items, static_cast<int>(i));
+                return nullptr;
+            }
+            items[i]->type = JSON_LIST_ITEM_STRING;
+        }
+    }
+    return items;
+}
+
+// Text of a string member, or of a boolean as "true"/"false"; false when
+// the member is of another type.
+bool string_of(const Found& found, std::string_view* text) {
+    if (found.node != nullptr && found.node->kind == Kind::String) {
+        *text = std::string_view(found.node->text, found.node->size);
+    } else if (found.node != nullptr && found.node->kind == Kind::Boolean) {
+        *text = found.node->boolean ? "true" : "false";
+    } else if (found.json != nullptr && found.json->is_string()) {
+        *text = found.json->get_ref<const std::string&>();
+    } else if (found.json != nullptr && found.json->is_boolean()) {
+        *text = found.json->get<bool>() ? "true" : "false";
+    } else {
+        return false;
+    }
+    return true;
+}
+
+int to_int(int64_t number) {
+    return number < INT_MIN || number > INT_MAX ? -1 : static_cast<int>(number);
 }
 
 }  // namespace
 
 extern "C" {
 
-// New value owned by the caller, or null for invalid or too deeply nested
-// JSON.
+// New value owned by the caller, or null for invalid JSON or a document
+// past the parse bounds. Invalid UTF-8 in strings reads as U+FFFD.
 JsonValue* json_parse(const char* text) {
+    if (text == nullptr) {
+        return nullptr;
+    }
     return guarded<JsonValue*>(nullptr, [&]() -> JsonValue* {
-        if (text == nullptr || too_costly(text)) {
+        Document* document = sylvshared::parse_document(text, strlen(text));
+        if (document == nullptr) {
             return nullptr;
         }
-        Json parsed = Json::parse(text, nullptr, false);
-        if (parsed.is_discarded()) {
-            return nullptr;
-        }
-        return new_value(std::move(parsed));
+        JsonValue* value = new_view(document, &document->root);
+        sylvshared::release(document);  // the handle holds it now
+        return value;
     });
 }
 
-// Compact text into buffer. A text that does not fit, or holds invalid UTF-8,
-// is refused whole and the buffer left empty, so no partial text gets sent.
+// Compact text into buffer. A text that does not fit is refused whole and
+// the buffer left empty, so no partial text gets sent. Caller text that is
+// not UTF-8 is written with U+FFFD in place of each bad sequence.
 int json_serialize(const JsonValue* value, char* buffer, size_t size) {
     if (buffer == nullptr || size == 0) {
         return -1;
@@ -207,7 +279,8 @@ int json_serialize(const JsonValue* value, char* buffer, size_t size) {
         return -1;
     }
     return guarded(-2, [&] {
-        std::string text = value->json.dump();
+        const Json& built = value->document != nullptr ? to_json(*value->node) : value->json;
+        const std::string text = built.dump(-1, ' ', false, Json::error_handler_t::replace);
         if (text.size() >= size || text.size() > INT_MAX) {
             return -3;
         }
@@ -217,11 +290,11 @@ int json_serialize(const JsonValue* value, char* buffer, size_t size) {
 }
 
 JsonValue* json_create_json_object(void) {
-    return guarded<JsonValue*>(nullptr, [] { return new_value(Json::object()); });
+    return guarded<JsonValue*>(nullptr, [] { return new_built(Json::object()); });
 }
 
 JsonValue* json_create_json_list(void) {
-    return guarded<JsonValue*>(nullptr, [] { return new_value(Json::array()); });
+    return guarded<JsonValue*>(nullptr, [] { return new_built(Json::array()); });
 }
 
 int json_add_string_child(JsonValue* object, const char* key, const char* text) {
@@ -244,7 +317,7 @@ int json_add_child_to_object(JsonValue* object, const char* key, const JsonValue
     if (child == nullptr) {
         return -1;
     }
-    return guarded(-1, [&] { return add_member(object, key, child->json); });
+    return guarded(-1, [&] { return add_member(object, key, built_copy(child)); });
 }
 
 int json_add_string_to_list(JsonValue* list, const char* text) {
@@ -259,7 +332,7 @@ int json_add_to_list(JsonValue* list, const JsonValue* value) {
     if (value == nullptr) {
         return -1;
     }
-    return guarded(-1, [&] { return append(list, value->json); });
+    return guarded(-1, [&] { return append(list, built_copy(value)); });
 }
 
 // String (or boolean, as "true"/"false") member into buffer, cut to fit.
@@ -269,15 +342,8 @@ int json_get_string_value(const JsonValue* value, const char* key, char* buffer,
         return -1;
     }
     return guarded(-1, [&] {
-        const Json* found = member(value, key);
         std::string_view text;
-        if (found == nullptr) {
-            return -1;
-        } else if (found->is_string()) {
-            text = found->get_ref<const std::string&>();
-        } else if (found->is_boolean()) {
-            text = found->get<bool>() ? "true" : "false";
-        } else {
+        if (!string_of(member(value, key), &text)) {
             return -1;
         }
         size_t length = utf8_cut(text, std::min<size_t>(size - 1, INT_MAX));
@@ -289,87 +355,89 @@ int json_get_string_value(const JsonValue* value, const char* key, char* buffer,
 
 int json_get_int_value(const JsonValue* value, const char* key) {
     return guarded(-1, [&] {
-        const Json* found = member(value, key);
-        if (found == nullptr || !found->is_number_integer()) {
+        const Found found = member(value, key);
+        if (found.node != nullptr) {
+            return found.node->kind == Kind::Integer ? to_int(found.node->integer) : -1;
+        }
+        if (found.json == nullptr || !found.json->is_number_integer()) {
             return -1;
         }
-        if (found->is_number_unsigned()) {
-            auto number = found->get<uint64_t>();
+        if (found.json->is_number_unsigned()) {
+            auto number = found.json->get<uint64_t>();
             return number > INT_MAX ? -1 : static_cast<int>(number);
         }
-        auto number = found->get<int64_t>();
-        return number < INT_MIN || number > INT_MAX ? -1 : static_cast<int>(number);
+        return to_int(found.json->get<int64_t>());
     });
 }
 
 int json_get_bool_value(const JsonValue* value, const char* key) {
     return guarded(-1, [&] {
-        const Json* found = member(value, key);
-        if (found == nullptr || !found->is_boolean()) {
-            return -1;
+        const Found found = member(value, key);
+        if (found.node != nullptr && found.node->kind == Kind::Boolean) {
+            return found.node->boolean ? 1 : 0;
         }
-        return found->get<bool>() ? 1 : 0;
+        if (found.json != nullptr && found.json->is_boolean()) {
+            return found.json->get<bool>() ? 1 : 0;
+        }
+        return -1;
     });
 }
 
-// malloc'd array of malloc'd element records; *count set only on success.
+// One malloc'd block (see ListHeader); *count set only on success.
 JsonListItem** json_get_list_value(const JsonValue* value, const char* key, int* count) {
     if (count == nullptr) {
         return nullptr;
     }
     return guarded<JsonListItem**>(nullptr, [&]() -> JsonListItem** {
-        const Json* found = member(value, key);
-        if (found == nullptr || !found->is_array() || found->size() > INT_MAX) {
-            return nullptr;
+        const Found found = member(value, key);
+        JsonListItem** items = nullptr;
+        int total = 0;
+        if (found.node != nullptr && found.node->kind == Kind::List) {
+            total = static_cast<int>(found.node->size);
+            items = parsed_list(value->document, *found.node);
+        } else if (found.json != nullptr && found.json->is_array() &&
+                   found.json->size() <= INT_MAX) {
+            total = static_cast<int>(found.json->size());
+            items = built_list(*found.json);
         }
-        int total = static_cast<int>(found->size());
-        // At least one slot so an empty list still gives a non-null array.
-        auto** items = static_cast<JsonListItem**>(
-            malloc(sizeof(JsonListItem*) * static_cast<size_t>(total > 0 ? total : 1)));
-        if (items == nullptr) {
-            return nullptr;
+        if (items != nullptr) {
+            *count = total;
         }
-        int made = 0;
-        for (const Json& element : *found) {
-            items[made] = new_list_item(element);
-            if (items[made] == nullptr) {
-                json_free_list_value(items, made);
-                return nullptr;
-            }
-            ++made;
-        }
-        *count = total;
         return items;
     });
 }
 
-// New value holding a copy of the member, owned by the caller.
+// New value holding the member, owned by the caller: a parsed member is
+// shared with its document (never changed in place), a built one copied.
 JsonValue* json_get_json_value(const JsonValue* value, const char* key) {
     return guarded<JsonValue*>(nullptr, [&]() -> JsonValue* {
-        const Json* found = member(value, key);
-        return found == nullptr ? nullptr : new_value(*found);
+        const Found found = member(value, key);
+        if (found.node != nullptr) {
+            return new_view(value->document, found.node);
+        }
+        return found.json == nullptr ? nullptr : new_built(*found.json);
     });
 }
 
 int json_is_key_present(const JsonValue* value, const char* key) {
-    return guarded(0, [&] { return member(value, key) != nullptr ? 1 : 0; });
+    return guarded(0, [&] { return member(value, key) ? 1 : 0; });
 }
 
 void json_free_value(JsonValue* value) {
-    delete value;
+    if (value != nullptr) {
+        sylvshared::release(value->document);
+        delete value;
+    }
 }
 
-void json_free_list_value(JsonListItem** items, int count) {
+// The count is not needed: the block knows its document.
+void json_free_list_value(JsonListItem** items, int /*count*/) {
     if (items == nullptr) {
         return;
     }
-    for (int i = 0; i < count; ++i) {
-        if (items[i] != nullptr) {
-            free(items[i]->text);
-            free(items[i]);
-        }
-    }
-    free(items);
+    char* block = reinterpret_cast<char*>(items) - sizeof(ListHeader);
+    sylvshared::release(reinterpret_cast<ListHeader*>(block)->document);
+    free(block);
 }
 
 }  // extern "C"

@@ -244,26 +244,19 @@ void advance_queue(networkConnection* connection) {
     }
 }
 
-// One complete message from the framing layer (not NUL-terminated). Any
-// message that is not a delivered event settles the pending command, even a
-// malformed or mismatched one. Callbacks run from here may call exit().
-void receive_message_callback(networkConnection* connection, const uint8_t* bytes, uint64_t length,
-                              int /*is_binary*/) {
+// One complete message from the framing layer, followed by a NUL: it is
+// parsed in place, not copied. Any message that is not a delivered event
+// settles the pending command, even a malformed or mismatched one. Callbacks
+// run from here may call exit().
+void receive_message_callback(networkConnection* connection, const uint8_t* bytes,
+                              uint64_t /*length*/, int /*is_binary*/) {
     if (connection == nullptr || connection->config == nullptr || bytes == nullptr) {
         return;
     }
-    TextPtr copy(static_cast<char*>(malloc(length + 1)));
-    if (copy == nullptr) {
-        Logger.fatal("Unable to allocate memory for received IPC message");
-        return;
-    }
-    memcpy(copy.get(), bytes, length);
-    copy.get()[length] = '\0';
-
     char command_name[RECEIVED_COMMAND_SIZE] = {};
     TextPtr text;
-    Outcome outcome = handle_message(connection, copy.get(), command_name, text);
-    copy.reset();
+    Outcome outcome =
+        handle_message(connection, reinterpret_cast<const char*>(bytes), command_name, text);
     if (outcome != Outcome::Consumed) {
         return;
     }

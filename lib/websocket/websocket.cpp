@@ -10,6 +10,7 @@
 #include <string>
 
 #include "core/byte_order.h"
+#include "core/callback_event.h"
 #include "core/logger.h"
 #include "websocket/crypto.h"
 
@@ -30,12 +31,10 @@ constexpr uint8_t kOpcodeBits = 0x0f;
 constexpr uint8_t kLengthBits = 0x7f;
 constexpr uint8_t kLength16 = 126;
 constexpr uint8_t kLength64 = 127;
-// Largest frame or reassembled message accepted: a peer announcing or
-// streaming more would otherwise grow the queues without limit. Reading one
-// message holds several copies of it (queue, delivery, terminated text,
-// parsed tree, "data"), so this keeps a run under 64 MiB; a list of 10,000
-// services is about 3 MiB.
-constexpr uint64_t kMaxMessageSize = 6 * 1024 * 1024;
+// Reading one message holds it about twice (the queue it arrives in, then
+// the parsed document), so a peer can make a run hold some 40 MiB, and a
+// list of 30,000 services (about 8 MB) fits in one message.
+constexpr uint64_t kMaxMessageSize = WS_MAX_MESSAGE_SIZE;
 
 struct FreeDeleter {
     void operator()(void* pointer) const { free(pointer); }
@@ -95,6 +94,17 @@ uint64_t decode_payload_length(const uint8_t* header) {
 void call_disconnect(networkConnection* connection, DisconnectCallback on_disconnect) {
     if (on_disconnect != nullptr) {
         on_disconnect(connection);
+    }
+}
+
+// A message of `size` bytes passes the bound: says so to the dispatcher's
+// subscribers (later, from the loop) before the connection is dropped.
+void report_too_large(networkConnection* connection, uint64_t size) {
+    Logger.error("Websocket message of at least %llu bytes exceeds %llu bytes. Disconnection.",
+                 static_cast<unsigned long long>(size),
+                 static_cast<unsigned long long>(kMaxMessageSize));
+    if (connection->dispatcher != nullptr) {
+        CallbackEvent.notify(connection->dispatcher, WS_EVENT_MESSAGE_TOO_LARGE, connection);
     }
 }
 
@@ -276,27 +286,62 @@ int send_pong(networkConnection* connection) {
 // settled: the callbacks may close the connection and free the descriptor.
 enum class FrameAction { None, Disconnect, Message, Deliver, Close, Ping, Pong, Unknown };
 
+// Bytes of one payload or message: a view into a queue's storage, or a copy
+// owned here. Either way bytes[length] is a NUL.
+struct Payload {
+    uint8_t* bytes = nullptr;
+    Owned owned;
+    uint64_t length = 0;
+};
+
 struct FrameOutcome {
     FrameAction action = FrameAction::None;
     int result = 0;
-    Owned message;  // payload or reassembled message, owned here
-    uint64_t length = 0;
+    Payload message;
     int is_binary = 0;
     uint8_t opcode = 0;
 };
 
-// Moves the whole message queue into `outcome` as a reassembled message.
+// The first `length` unread bytes of queue followed by a NUL. They are taken
+// in place when the queue holds them in one run with a byte to spare (the
+// case for a payload read after reserve_payload); otherwise copied. The view
+// stays valid until the queue is next read or grown.
+Payload take_bytes(RingBuffer* queue, uint64_t length) {
+    Payload payload;
+    payload.length = length;
+    if (queue->read_index == 0 && queue->capacity > length) {
+        uint8_t copied = 0;
+        uint8_t* storage = DynamicBuffer.get_data(queue, &copied);
+        storage[length] = 0;
+        payload.bytes = storage;
+        return payload;
+    }
+    payload.owned.reset(static_cast<uint8_t*>(malloc(length + 1)));
+    if (payload.owned) {
+        DynamicBuffer.peek(queue, payload.owned.get(), length);
+        payload.owned.get()[length] = 0;
+        payload.bytes = payload.owned.get();
+    }
+    return payload;
+}
+
+FrameOutcome disconnect_outcome() {
+    FrameOutcome outcome;
+    outcome.action = FrameAction::Disconnect;
+    outcome.result = -1;
+    return outcome;
+}
+
+// Hands the reassembled message (NUL included, see settle_frame) up.
 void take_message(networkConnection* connection, websocketPeerDescriptor* descriptor,
                   FrameOutcome& outcome) {
     RingBuffer* queue = descriptor->message_queue;
-    outcome.length = DynamicBuffer.size(queue);
-    uint8_t copied = 1;
-    outcome.message.reset(DynamicBuffer.get_data(queue, &copied));
+    outcome.message = take_bytes(queue, DynamicBuffer.size(queue) - 1);
     outcome.opcode = descriptor->message_opcode;
     if (connection->config == nullptr) {
         Logger.error("Provided client descriptor is NULL");
         outcome.action = FrameAction::None;
-    } else if (!outcome.message) {
+    } else if (outcome.message.bytes == nullptr) {
         Logger.fatal("Unable to allocate memory for a reassembled websocket message");
         outcome.action = FrameAction::None;
     } else if (outcome.opcode == WS_OPCODE_TEXT || outcome.opcode == WS_OPCODE_BINARY) {
@@ -307,10 +352,27 @@ void take_message(networkConnection* connection, websocketPeerDescriptor* descri
     }
 }
 
-// Settles a frame whose payload is `block` (length bytes, unmasked): updates
-// the reassembly and the receive queue, and says what to tell the layer above.
+// Adds a fragment to the message being reassembled; the final one brings
+// its NUL along. The bound holds for the total at every fragment.
+bool add_fragment(networkConnection* connection, websocketPeerDescriptor* descriptor,
+                  const Payload& block, bool last) {
+    const uint64_t total = DynamicBuffer.size(descriptor->message_queue) + block.length;
+    if (total > kMaxMessageSize) {
+        report_too_large(connection, total);
+        return false;
+    }
+    if (DynamicBuffer.append(descriptor->message_queue, block.bytes,
+                             block.length + (last ? 1 : 0)) != 0) {
+        Logger.fatal("Unable to allocate memory for a reassembled websocket message");
+        return false;
+    }
+    return true;
+}
+
+// Settles a frame whose payload is `block` (unmasked): updates the
+// reassembly and the receive queue, and says what to tell the layer above.
 FrameOutcome settle_frame(networkConnection* connection, websocketPeerDescriptor* descriptor,
-                          Owned block, uint64_t length) {
+                          Payload block) {
     FrameOutcome outcome;
     const uint8_t opcode = descriptor->header[0] & kOpcodeBits;
     const bool fin = (descriptor->header[0] & kFinBit) != 0;
@@ -318,21 +380,14 @@ FrameOutcome settle_frame(networkConnection* connection, websocketPeerDescriptor
     if (!fin) {
         if (descriptor->message_opcode != 0 && opcode != WS_OPCODE_CONTINUATION) {
             Logger.error("Received bad websocket continuation frame. Disconnection.");
-            outcome.action = FrameAction::Disconnect;
-            outcome.result = -1;
-            return outcome;
+            return disconnect_outcome();
         }
-        if (DynamicBuffer.size(descriptor->message_queue) + length > kMaxMessageSize) {
-            Logger.error("Reassembled websocket message exceeds %llu bytes. Disconnection.",
-                         static_cast<unsigned long long>(kMaxMessageSize));
-            outcome.action = FrameAction::Disconnect;
-            outcome.result = -1;
-            return outcome;
+        if (!add_fragment(connection, descriptor, block, false)) {
+            return disconnect_outcome();
         }
         if (opcode != WS_OPCODE_CONTINUATION) {
             descriptor->message_opcode = opcode;
         }
-        DynamicBuffer.append(descriptor->message_queue, block.get(), length);
         DynamicBuffer.clear(receive_queue);
         return outcome;
     }
@@ -341,11 +396,11 @@ FrameOutcome settle_frame(networkConnection* connection, websocketPeerDescriptor
             Logger.error(
                 "Received a websocket continuation fin frame but no initial frame were received. "
                 "Disconnection.");
-            outcome.action = FrameAction::Disconnect;
-            outcome.result = -1;
-            return outcome;
+            return disconnect_outcome();
         }
-        DynamicBuffer.append(descriptor->message_queue, block.get(), length);
+        if (!add_fragment(connection, descriptor, block, true)) {
+            return disconnect_outcome();
+        }
         take_message(connection, descriptor, outcome);
         descriptor->message_opcode = 0;
         DynamicBuffer.clear(descriptor->message_queue);
@@ -353,7 +408,6 @@ FrameOutcome settle_frame(networkConnection* connection, websocketPeerDescriptor
         return outcome;
     }
     outcome.message = std::move(block);
-    outcome.length = length;
     outcome.opcode = opcode;
     switch (opcode) {
         case WS_OPCODE_TEXT:
@@ -382,7 +436,7 @@ FrameOutcome settle_frame(networkConnection* connection, websocketPeerDescriptor
 // Tells the layer above what the frame meant. Touches no framing state.
 void run_outcome(networkConnection* connection, const FrameOutcome& outcome,
                  DisconnectCallback on_disconnect, MessageCallback on_message) {
-    const uint8_t* bytes = outcome.message.get();
+    const uint8_t* bytes = outcome.message.bytes;
     switch (outcome.action) {
         case FrameAction::None:
             break;
@@ -395,7 +449,7 @@ void run_outcome(networkConnection* connection, const FrameOutcome& outcome,
             [[fallthrough]];
         case FrameAction::Deliver:
             if (on_message != nullptr) {
-                on_message(connection, bytes, outcome.length, outcome.is_binary);
+                on_message(connection, bytes, outcome.message.length, outcome.is_binary);
             }
             break;
         case FrameAction::Close:
@@ -404,7 +458,8 @@ void run_outcome(networkConnection* connection, const FrameOutcome& outcome,
             break;
         case FrameAction::Ping:
             Logger.trace("Received a websocket ping frame with buffer [%.*s]",
-                         static_cast<int>(outcome.length), reinterpret_cast<const char*>(bytes));
+                         static_cast<int>(outcome.message.length),
+                         reinterpret_cast<const char*>(bytes));
             send_pong(connection);
             break;
         case FrameAction::Pong:
@@ -416,23 +471,25 @@ void run_outcome(networkConnection* connection, const FrameOutcome& outcome,
     }
 }
 
-// Gives the receive queue room for the whole payload at once. The payload
-// comes in reads of at most 4096 bytes, and the exact-fit queue would
-// otherwise reallocate and copy everything queued at each of them, which
-// for a list of thousands of services costs seconds.
+// Gives the receive queue room for the whole payload and its NUL at once.
+// The payload comes in reads of at most 4096 bytes, and the exact-fit queue
+// would otherwise reallocate and copy everything queued at each of them,
+// which for a list of thousands of services costs seconds.
 void reserve_payload(RingBuffer* queue, uint64_t payload_length) {
-    if (queue == nullptr || queue->capacity >= payload_length) {
+    const uint64_t room_needed = payload_length + 1;
+    if (queue == nullptr || queue->capacity >= room_needed) {
         return;
     }
     const uint32_t queued = DynamicBuffer.size(queue);
     std::string kept(queued, '\0');
     DynamicBuffer.peek(queue, kept.data(), queued);
-    Owned room(static_cast<uint8_t*>(calloc(payload_length, 1)));
+    // Fresh pages from calloc are not touched until the payload lands.
+    Owned room(static_cast<uint8_t*>(calloc(room_needed, 1)));
     if (!room) {
         return;  // the queue then grows read by read
     }
     DynamicBuffer.clear(queue);
-    DynamicBuffer.append(queue, room.get(), payload_length);
+    DynamicBuffer.append(queue, room.get(), room_needed);
     DynamicBuffer.clear(queue);
     DynamicBuffer.append(queue, kept.data(), queued);
 }
@@ -473,9 +530,7 @@ int read_header(networkConnection* connection, websocketPeerDescriptor* descript
         return -1;
     }
     if (descriptor->payload_length > kMaxMessageSize) {
-        Logger.error("Websocket frame of %llu bytes exceeds %llu bytes. Disconnection.",
-                     static_cast<unsigned long long>(descriptor->payload_length),
-                     static_cast<unsigned long long>(kMaxMessageSize));
+        report_too_large(connection, descriptor->payload_length);
         call_disconnect(connection, on_disconnect);
         return -1;
     }
@@ -518,15 +573,14 @@ int read_frame(networkConnection* connection, websocketPeerDescriptor* descripto
             "Not already received all data from websocket client. Will try at the next call");
         return 0;
     }
-    uint8_t copied = 1;
-    Owned block(DynamicBuffer.get_data(queue, &copied));
-    if (!block) {
+    Payload block = take_bytes(queue, length);
+    if (block.bytes == nullptr) {
         Logger.fatal("Unable to allocate memory for a websocket payload");
         return -1;
     }
-    apply_mask(block.get(), length, header_key(descriptor->header));
+    apply_mask(block.bytes, length, header_key(descriptor->header));
     const bool drop = descriptor->disconnect_requested;
-    FrameOutcome outcome = settle_frame(connection, descriptor, std::move(block), length);
+    FrameOutcome outcome = settle_frame(connection, descriptor, std::move(block));
     if (!drop) {
         descriptor->header_complete = false;
     }

@@ -6,13 +6,17 @@
 // Network.receive_data) into the connection's receive queue, so the frame
 // code never touches a socket itself. Complete text or binary messages go to
 // `on_message`; no close frame is ever sent back.
+//
+// A frame or a reassembled message above WS_MAX_MESSAGE_SIZE drops the
+// connection and raises WS_EVENT_MESSAGE_TOO_LARGE, so the program can say
+// why; the library itself prints nothing.
 #pragma once
 
 #include <cstdint>
 
 #include "core/dynamic_buffer.h"
-#include "sylvshared/json.h"
 #include "network/network.h"
+#include "sylvshared/json.h"
 
 enum WebSocketOpcode : uint8_t {
     WS_OPCODE_CONTINUATION = 0,
@@ -29,6 +33,13 @@ enum WebSocketDataType : int {
     WS_DATA_PONG = 2,
 };
 
+// Dispatcher identifiers raised by this module, with the connection as data.
+enum WebSocketEvent : uint32_t {
+    WS_EVENT_MESSAGE_TOO_LARGE = 48,  // the peer's message passed the bound
+};
+
+// Largest frame or reassembled message accepted, in bytes.
+constexpr uint64_t WS_MAX_MESSAGE_SIZE = 16 * 1024 * 1024;
 constexpr uint64_t WS_MAX_HEADER_SIZE = 14;
 constexpr uint64_t WS_MAX_PAYLOAD_READ = 4096;
 constexpr uint64_t WS_SEND_BUFFER_SIZE = 15000;
@@ -63,7 +74,8 @@ struct WebSocketModule {
     // are needed; -1 when the connection must be dropped. on_message and
     // on_disconnect run last and may close the connection and free the
     // descriptor: nothing of it is touched after them. Message bytes are
-    // valid only during on_message.
+    // valid only during on_message and are followed by a NUL byte (not
+    // counted in the length), so a text message reads as a C string.
     int (*read_frame)(networkConnection* connection, websocketPeerDescriptor* descriptor,
                       bool require_mask, WebSocketReadFunction read,
                       DisconnectCallback on_disconnect, MessageCallback on_message);

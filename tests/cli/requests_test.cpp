@@ -10,15 +10,6 @@
 #include "cli/startup.h"
 #include "core/linked_list.h"
 
-// The disconnect builder keeps its JSON list until the process ends.
-extern "C" const char* __lsan_default_suppressions() {
-    return "leak:build_disconnect_request\n";
-}
-// Quiet, so the death tests see only the tool's own messages.
-extern "C" const char* __lsan_default_options() {
-    return "print_suppressions=0";
-}
-
 namespace {
 
 std::string serialized(JsonValue* value) {

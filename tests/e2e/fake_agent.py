@@ -1,11 +1,11 @@
-"""A scripted Transfer Agent for the end-to-end tests.
+"""A scripted Transfer Agent for the end-to-end, hostile and fault tests.
 
-It listens on 127.0.0.1:11038, answers the opening handshake, records every
-message the client sends and plays, for each received command, the actions
-that the test's script lists for it. Scripts are dicts from a command name
-(or "connection" for the announcement) to a list of actions; "subscription"
-is answered with success unless the script says otherwise, and any other
-command without actions gets no answer at all.
+It listens on 127.0.0.1:11038, serves each client in a thread, records what
+the client sends and plays, for each received command, the actions that the
+script lists for it. A script maps a command name ("connection" for the
+announcement) to actions; "subscription" is answered with success unless the
+script says otherwise, other commands without actions get no answer, and
+actions under "handshake" replace the handshake answer.
 """
 
 import json
@@ -19,6 +19,18 @@ HERE = os.path.dirname(os.path.realpath(__file__))
 sys.path.insert(0, os.path.join(HERE, "..", "..", "tools", "agent"))
 import agent_protocol as ap  # noqa: E402
 
+SANITIZED = False  # set by run_case.py for an AddressSanitizer build
+
+
+def encode(value):
+    """JSON text as bytes; lone surrogates ("\\udce9") become raw bytes (0xE9),
+    so a script can send text that is not UTF-8."""
+    return json.dumps(value, ensure_ascii=False).encode("utf-8", "surrogateescape")
+
+
+def send_json(conn, value, **send_options):
+    conn.send_text(encode(value), **send_options)
+
 
 # -- actions -----------------------------------------------------------------
 # Each action is a function (connection, request) -> None. `request` is the
@@ -26,24 +38,53 @@ import agent_protocol as ap  # noqa: E402
 
 def reply(data, id_shift=0, **send_options):
     """Answers the request with `data`; id_shift != 0 gives a wrong id."""
-    return lambda conn, request: conn.send_json(ap.response_message(
+    return lambda conn, request: send_json(conn, ap.response_message(
         request["command"], request["id"] + id_shift, data), **send_options)
+
+
+def reply_text(data_text, fragment=None):
+    """Answers with the envelope around `data_text` (any text), in frames of
+    at most `fragment` bytes when given."""
+    def action(conn, request):
+        payload = ('{"command": "%s", "id": %d, "data": ' % (request["command"], request["id"])
+                   ).encode() + data_text.encode("utf-8", "surrogateescape") + b"}"
+        step = fragment or len(payload)
+        for start in range(0, len(payload), step):
+            conn.sock.sendall(ap.encode_frame(payload[start:start + step],
+                                              ap.OP_CONTINUATION if start else ap.OP_TEXT,
+                                              fin=start + step >= len(payload)))
+    return action
 
 
 def event(*tenants, **send_options):
     """A "tenants_event" whose list holds each tenant dict as a JSON string."""
-    return lambda conn, _request: conn.send_event(list(tenants), **send_options)
+    return event_data({"tenants": [json.dumps(t, ensure_ascii=False) for t in tenants]},
+                      **send_options)
 
 
 def event_data(data, **send_options):
     """A "tenants_event" with `data` exactly as given (malformed lists)."""
-    return lambda conn, _request: conn.send_json({"command": ap.TENANTS_EVENT, "data": data},
-                                                 **send_options)
+    return lambda conn, _request: send_json(conn, {"command": ap.TENANTS_EVENT, "data": data},
+                                            **send_options)
 
 
 def raw(text):
     """A text frame holding `text` as it is (not necessarily JSON)."""
     return lambda conn, _request: conn.send_text(text)
+
+
+def wire(data):
+    """Bytes as they are, outside any frame."""
+    return lambda conn, _request: conn.sock.sendall(data)
+
+
+def stream(chunk, seconds=8.0):
+    """Sends `chunk` again and again until the client leaves."""
+    def action(conn, _request):
+        end = time.monotonic() + seconds
+        while time.monotonic() < end:
+            conn.sock.sendall(chunk)
+    return action
 
 
 def evict():
@@ -63,52 +104,62 @@ SUBSCRIBED = reply({"subscriptions": [
 
 
 class FakeAgent:
-    """Runs the script on every client that connects, in a thread."""
+    """Runs the script on every client that connects."""
 
     def __init__(self, script):
         self.script = dict(script)
         self.script.setdefault("subscription", [SUBSCRIBED])
-        self.listener = ap.listen()
+        self.listener = ap.listen(backlog=64)
         self.listener.settimeout(0.1)
         self.received = []  # every JSON message, in arrival order
         self.pongs = []  # payloads of the client's pongs
         self.connections = 0
         self.errors = []  # protocol faults seen on the agent's side
         self._stop = threading.Event()
-        self._thread = threading.Thread(target=self._serve, daemon=True)
+        self._threads = [threading.Thread(target=self._serve, daemon=True)]
+        self._threads[0].start()
 
     def __enter__(self):
-        self._thread.start()
         return self
 
     def __exit__(self, *_exc):
         self._stop.set()
-        self._thread.join(5)
+        for thread in list(self._threads):
+            thread.join(5)
         self.listener.close()
 
     def _serve(self):
         while not self._stop.is_set():
             try:
-                conn = ap.accept(self.listener, timeout=0.2)
+                conn = ap.accept(self.listener, timeout=2.0)
             except socket.timeout:
                 continue
             except OSError:
                 return
             self.connections += 1
-            try:
-                self._converse(conn)
-            except (ap.ConnectionClosed, OSError):
-                pass
-            except ap.ProtocolError as err:
-                self.errors.append(str(err))
-            finally:
-                conn.close()
+            self._threads.append(threading.Thread(target=self._converse, args=(conn,),
+                                                  daemon=True))
+            self._threads[-1].start()
 
     def _converse(self, conn):
+        try:
+            self._play(conn)
+        except (ap.ConnectionClosed, OSError):
+            pass
+        except ap.ProtocolError as err:
+            self.errors.append(str(err))
+        finally:
+            conn.close()
+
+    def _play(self, conn):
         """Plays the script for each JSON message; records pongs and answers
         pings on the way. Everything sent before the stop is read by then."""
-        conn.sock.settimeout(2.0)
-        conn.handshake()
+        if "handshake" in self.script:
+            conn.read_handshake()
+            for action in self.script["handshake"]:
+                action(conn, None)
+        else:
+            conn.handshake()
         conn.sock.settimeout(0.2)
         while True:
             try:

@@ -1,24 +1,26 @@
 #!/usr/bin/env python3
-"""Runs one end-to-end case: run_case.py [--show] CASE BINARY.
+"""Runs one end-to-end case: run_case.py [--show] [CASES_FILE] CASE BINARY,
+or lists a file's cases: run_case.py --list [CASES_FILE].
 
-Starts the case's fake Transfer Agent (if any) on 127.0.0.1:11038, runs the
-tool as a subprocess, then checks its standard output, standard error, exit
-status and duration exactly, and what it sent to the agent. Exit status 0
-when the case passes.
+A cases file (cases.py by default) holds its own CASES list or adds to
+cases.py's with add(). The tool runs against the case's fake Transfer Agent;
+its output, status, duration, peak memory and what it sent are checked.
 """
 
 import contextlib
+import importlib.util
 import json
 import os
 import shlex
 import subprocess
 import sys
+import tempfile
 import time
 
 HERE = os.path.dirname(os.path.realpath(__file__))
 sys.path.insert(0, HERE)
+import fake_agent  # noqa: E402
 import cases as table  # noqa: E402
-from fake_agent import FakeAgent  # noqa: E402
 
 
 def same(a, b):
@@ -44,31 +46,57 @@ def check_sent(received, expected):
     return faults
 
 
-def check(case, binary, showing=False):
-    env = dict(os.environ)
-    env["LSAN_OPTIONS"] = "print_suppressions=0:suppressions=" + os.path.join(HERE, "lsan.supp")
-    agent = None if case.agent is None else FakeAgent(case.agent)
-    with agent or contextlib.nullcontext():
-        start = time.monotonic()
-        result = subprocess.run(["sylvane-service"] + case.args, executable=binary, env=env,
-                                stdin=subprocess.DEVNULL, capture_output=True, timeout=40)
+def run_tool(binary, args, env=None, poll=False, limit=40, prefix=()):
+    """(status, stdout, stderr, seconds, peak KiB) of one run of the tool,
+    under `prefix` (valgrind ...) if given; output keeps bytes that are not
+    UTF-8 as lone surrogates."""
+    with tempfile.TemporaryFile() as out, tempfile.TemporaryFile() as err:
+        start, peak = time.monotonic(), 0
+        tool = subprocess.Popen(list(prefix) + [binary if prefix else "sylvane-service"] + args,
+                                executable=None if prefix else binary, env=env,
+                                stdin=subprocess.DEVNULL, stdout=out, stderr=err)
+        while poll and tool.poll() is None and time.monotonic() < start + limit:
+            # From /proc: getrusage would count the forked Python before exec.
+            with contextlib.suppress(OSError), open("/proc/%d/status" % tool.pid) as status:
+                peak = max([peak] + [int(n.split()[1]) for n in status if n.startswith("VmHWM:")])
+            time.sleep(0.005)
+        try:
+            status = tool.wait(None if poll else limit)
+        except subprocess.TimeoutExpired:
+            tool.kill()
+            status = tool.wait()
         elapsed = time.monotonic() - start
-    stdout = result.stdout.decode("utf-8", "replace")
-    stderr = result.stderr.decode("utf-8", "replace")
+        text = []
+        for stream in (out, err):
+            stream.seek(0)
+            text.append(stream.read().decode("utf-8", "surrogateescape"))
+    return status, text[0], text[1], elapsed, peak
+
+
+def check(case, binary, showing=False, prefix=()):
+    env = dict(os.environ, LSAN_OPTIONS="print_suppressions=0:suppressions="
+               + os.path.join(HERE, "..", "lsan.supp"))
+    polled = case.peak_mib is not None and not fake_agent.SANITIZED
+    agent = None if case.agent is None else fake_agent.FakeAgent(case.agent)
+    with agent or contextlib.nullcontext():
+        status, stdout, stderr, elapsed, peak = run_tool(binary, case.args, env, polled,
+                                                         limit=case.elapsed[1] + 30, prefix=prefix)
     if showing:
         print("$ " + shlex.join(["sylvane-service"] + case.args))
         sys.stdout.write(stdout + stderr)
-        print("(exit status %d)" % result.returncode)
+        print("(exit status %d, peak %d KiB)" % (status, peak))
     faults = []
-    if result.returncode != case.status:
-        faults.append("exit status %d, expected %d" % (result.returncode, case.status))
+    if status != case.status:
+        faults.append("exit status %d, expected %d" % (status, case.status))
     for stream, got, expected in [("stdout", stdout, case.stdout),
                                   ("stderr", stderr, case.stderr)]:
         if got != expected:
-            faults.append("%s:\n  got      %r\n  expected %r" % (stream, got, expected))
+            faults.append("%s:\n  got      %r\n  expected %r" % (stream, got[:500], expected[:500]))
     low, high = case.elapsed
     if not low <= elapsed <= high:
         faults.append("took %.2f s, expected %.1f to %.1f s" % (elapsed, low, high))
+    if polled and peak > case.peak_mib * 1024:
+        faults.append("peak memory %d KiB, limit %d KiB" % (peak, case.peak_mib * 1024))
     if agent is not None:
         faults += agent.errors
         if case.sent is not None:
@@ -80,17 +108,36 @@ def check(case, binary, showing=False):
     return faults, elapsed
 
 
+def load(path):
+    """The cases of a cases file: its own CASES, or those it added to ours."""
+    if os.path.realpath(path) == os.path.realpath(table.__file__):
+        return table.CASES
+    before = len(table.CASES)
+    spec = importlib.util.spec_from_file_location(os.path.basename(path)[:-3], path)
+    module = importlib.util.module_from_spec(spec)
+    spec.loader.exec_module(module)
+    own = getattr(module, "CASES", table.CASES)
+    return own if own is not table.CASES else table.CASES[before:]
+
+
 def main(argv):
-    showing = argv[1:2] == ["--show"]
+    showing = "--show" in argv
     argv = [a for a in argv if a != "--show"]
-    if len(argv) != 3:
-        sys.stderr.write("usage: run_case.py [--show] CASE BINARY\n")
+    if argv[1:2] == ["--list"] and len(argv) <= 3:
+        print(";".join(case.name for case in load((argv + [table.__file__])[2])))
+        return 0
+    if len(argv) not in (3, 4):
+        sys.stderr.write("usage: run_case.py [--show] [CASES_FILE] CASE BINARY\n")
         return 2
-    case = table.find(argv[1])
-    faults, elapsed = check(case, argv[2], showing)
-    print("%s %s (%.2f s)" % ("FAIL" if faults else "ok", case.name, elapsed))
-    for fault in faults:
-        print("  " + fault)
+    with open(argv[-1], "rb") as image:  # ASan's shadow memory hides the tool's peak
+        fake_agent.SANITIZED = b"__asan_init" in image.read()
+    found = [c for c in load(argv[1] if len(argv) == 4 else table.__file__) if c.name == argv[-2]]
+    if not found:
+        sys.stderr.write("no case named %r\n" % argv[-2])
+        return 2
+    faults, elapsed = check(found[0], argv[-1], showing)
+    print("%s %s (%.2f s)" % ("FAIL" if faults else "ok", found[0].name, elapsed))
+    print("".join("  %s\n" % fault for fault in faults), end="")
     return 1 if faults else 0
 
 

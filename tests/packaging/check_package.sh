@@ -31,10 +31,18 @@ field() { dpkg-deb -f "$deb" "$1"; }
 [[ $(field Maintainer) == *\<*@*\> ]] || fail "maintainer without an address: $(field Maintainer)"
 [[ $(field Recommends) == *bash-completion* ]] || fail "bash-completion not recommended"
 dpkg-deb -x "$deb" "$work/root"
-# Depends names libevent exactly when the binary links it dynamically.
-needs_libevent=$(readelf -d "$work/root/usr/bin/sylvane-service" | grep -c 'NEEDED.*libevent')
-depends_libevent=$(grep -c 'libevent-core' <<<"$(field Depends)")
-[[ $needs_libevent == "$depends_libevent" ]] || fail "libevent in Depends: $(field Depends)"
+# A library the binary loads must be a dependency, and one it has linked in
+# (the default static runtime) must not be.
+depends=$(dpkg-deb -f "$deb" Depends)
+needed=$(objdump -p "$work/root/usr/bin/sylvane-service" | awk '$1 == "NEEDED" {print $2}')
+for pair in libc.so:libc6 libevent_core:libevent-core-2.1-7 libstdc++:libstdc++6 libgcc_s:libgcc-s1; do
+    library=${pair%%:*} package=${pair#*:}
+    if grep -qF "$library" <<<"$needed"; then
+        grep -qF "$package" <<<"$depends" || fail "loads $library, Depends lacks $package: $depends"
+    elif grep -qF "$package" <<<"$depends"; then
+        fail "Depends names $package, which the binary does not load: $depends"
+    fi
+done
 [[ $(zcat "$work/root/$doc/changelog.Debian.gz" | head -1) == "sylvane-service ($(field Version))"* ]] ||
     fail "the changelog's last entry is not version $(field Version)"
 

@@ -50,11 +50,54 @@ TEST(Json, SerializeRefusesWhatDoesNotFit) {
     strcpy(buffer, "stale");
     EXPECT_LT(json_serialize(nullptr, buffer, sizeof buffer), 0);
     EXPECT_STREQ(buffer, "");
+}
 
-    // Caller text that is not UTF-8 cannot be written, and nothing throws.
-    Value bad(json_create_json_object());
-    ASSERT_EQ(json_add_string_child(bad.handle, "key", "\xff\xfe"), 0);
-    EXPECT_LT(json_serialize(bad.handle, buffer, sizeof buffer), 0);
+// Bytes that are not UTF-8, from the agent (parsed) and from the caller
+// (serialised): each bad sequence becomes one U+FFFD, the rest is kept.
+// clang-format off
+const struct { const char* raw; const char* decoded; } kUtf8[] = {
+    {"caf\xe9!", "caf\uFFFD!"},                                  // Latin-1
+    {"a\x80" "b", "a\uFFFDb"},                                     // lone continuation
+    {"\xc0\xaf", "\uFFFD\uFFFD"},                                // overlong '/'
+    {"\xed\xa0\x80", "\uFFFD\uFFFD\uFFFD"},                      // encoded surrogate
+    {"\xf4\x90\x80\x80", "\uFFFD\uFFFD\uFFFD\uFFFD"},             // past U+10FFFF
+    {"ab\xe2\x82", "ab\uFFFD"},                                   // cut at the end
+    {"\xe2\x82 \xf0\x9f\x98", "\uFFFD \uFFFD"},                   // cut before more
+    {"h\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80", "h\u00e9 \u20ac \U0001F600"},  // kept
+};
+// clang-format on
+
+TEST(Json, BadUtf8BecomesReplacementCharacter) {
+    for (const auto& c : kUtf8) {
+        const std::string decoded = reinterpret_cast<const char*>(c.decoded);
+        Value parsed(json_parse(("{\"k\":\"" + std::string(c.raw) + "\"}").c_str()));
+        char buffer[64] = {};
+        EXPECT_GE(json_get_string_value(parsed.handle, "k", buffer, sizeof buffer), 0) << c.raw;
+        EXPECT_EQ(buffer, decoded) << c.raw;
+        Value built(json_create_json_object());
+        ASSERT_EQ(json_add_string_child(built.handle, "k", c.raw), 0);
+        EXPECT_EQ(serialized(built.handle), "{\"k\":\"" + decoded + "\"}") << c.raw;
+    }
+}
+
+// Escapes, numbers of every kind and a repeated key (first place, last
+// value) survive parse, serialise and parse again.
+TEST(Json, ParsedTextWritesBackTheSame) {
+    const char* text = R"({"a":1,"b":[true,false,null,-5,1.5,"x\n\"\u00e9\ud83d\ude00\ud800"],)"
+                       R"("a":2,"c":{"u":18446744073709551615,"e":[],"o":{}}})";
+    const std::string expected =
+        "{\"a\":2,\"b\":[true,false,null,-5,1.5,\"x\\n\\\"\u00e9\U0001F600\uFFFD\"],"
+        "\"c\":{\"u\":18446744073709551615,\"e\":[],\"o\":{}}}";
+    Value first(json_parse(text));
+    EXPECT_EQ(serialized(first.handle), expected);
+    EXPECT_EQ(json_get_int_value(first.handle, "a"), 2);
+    Value again(json_parse(serialized(first.handle).c_str()));
+    EXPECT_EQ(serialized(again.handle), expected);
+    // A parsed value can still be changed; what was taken from it is not.
+    Value c(json_get_json_value(first.handle, "c"));
+    ASSERT_EQ(json_add_int_child(first.handle, "d", 3), 0);
+    EXPECT_EQ(json_get_int_value(first.handle, "d"), 3);
+    EXPECT_EQ(serialized(c.handle), R"({"u":18446744073709551615,"e":[],"o":{}})");
 }
 
 // Expected reads of each member as string (null: refused), int and bool.
@@ -99,7 +142,11 @@ TEST(Json, StringCutToBufferOnCharacterBoundary) {
 }
 
 TEST(Json, ListOfMixedElements) {
-    Value doc(json_parse(R"({"tenants":["{\"name\":\"a\"}",2,null,{"x":1},"b"],"empty":[]})"));
+    JsonValue* message = json_parse(R"({"data":{"tenants":["{\"name\":\"a\"}",2,null,{"x":1},
+        "b"],"empty":[]}})");
+    // Texts outlive the message and the value they were read from.
+    Value doc(json_get_json_value(message, "data"));
+    json_free_value(message);
     int count = -1;
     JsonListItem** items = json_get_list_value(doc.handle, "tenants", &count);
     ASSERT_NE(items, nullptr);
@@ -110,11 +157,14 @@ TEST(Json, ListOfMixedElements) {
         EXPECT_EQ(items[i]->type, types[i]) << i;
         EXPECT_EQ(items[i]->text == nullptr, types[i] != JSON_LIST_ITEM_STRING) << i;
     }
+    json_free_value(doc.handle);
+    doc.handle = nullptr;
     Value tenant(json_parse(items[0]->text));
     char name[4];
     EXPECT_EQ(json_get_string_value(tenant.handle, "name", name, sizeof name), 1);
     EXPECT_STREQ(items[4]->text, "b");
     json_free_list_value(items, count);
+    doc.handle = json_parse(R"({"empty":[]})");
 
     items = json_get_list_value(doc.handle, "empty", &count);
     EXPECT_NE(items, nullptr);
@@ -135,13 +185,25 @@ TEST(Json, ParseRefusesInvalidTooDeepAndTooLargeText) {
         return text;
     };
     const auto nested = [&](size_t depth) { return repeat(depth, "[") + repeat(depth, "]"); };
+    const auto members = [](int count) {
+        std::string text = R"("k0":0)";
+        for (int i = 1; i < count; ++i) {
+            text += ",\"k" + std::to_string(i) + "\":0";
+        }
+        return text;
+    };
     // clang-format off
     const std::pair<std::string, bool> cases[] = {
         {"", false}, {"{", false}, {R"({"a":})", false}, {"nul", false}, {"[1,]", false},
-        {"\"\xff\"", false}, {"{} x", false}, {nested(128), true}, {nested(129), false},
-        {nested(100000), false}, {R"({"s":"\")" + repeat(200, "[") + "\"}", true},
-        {"[1" + repeat(65536, ",1") + "]", true}, {"[1" + repeat(65537, ",1") + "]", false},
-        {"[\"" + repeat(300000, ",") + "\"]", true}};
+        {"{} x", false}, {"01", false}, {"[1.]", false}, {"\"\\x\"", false},
+        {"\"\\u12\"", false}, {"\"a\nb\"", false}, {"\"open", false}, {"\"\\", false},
+        {nested(128), true}, {nested(129), false}, {nested(100000), false},
+        {R"({"s":"\")" + repeat(200, "[") + "\"}", true},
+        // The list is a value too: 262,143 elements are the most it may hold.
+        {"[1" + repeat(262142, ",1") + "]", true}, {"[1" + repeat(262143, ",1") + "]", false},
+        {"[\"" + repeat(300000, ",") + "\"]", true},
+        // Members are checked for repeats: 2,000 cost 2 million comparisons, 3,000 too many.
+        {"{" + members(2000) + "}", true}, {"{" + members(3000) + "}", false}};
     // clang-format on
     for (const auto& [text, parses] : cases) {
         Value value(json_parse(text.c_str()));

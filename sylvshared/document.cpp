@@ -1,0 +1,649 @@
+// One-pass JSON parser into an arena per document.
+//
+// The largest documents the tool reads are service lists: one string per
+// service, each holding a JSON text of its own. So strings are found with a
+// 16-byte scan, copied whole when they need no decoding, and every value is
+// a 16-byte node in the arena: one allocation per document, not per value.
+//
+// Bounds: a peer may send up to 16 MiB. At most kMaxValues values (4 MiB of
+// nodes), kMaxDepth levels (the parser recurses once per level) and
+// kMaxKeyComparisons comparisons to find repeated keys (objects keep one
+// member per key, and checking costs one pass over the members before it),
+// so no text costs more than a few times its size or a few milliseconds.
+
+#include "document.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <vector>
+
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
+
+namespace sylvshared {
+
+struct Chunk {
+    Chunk* next;
+};
+
+namespace {
+
+constexpr size_t kAlign = alignof(Node);
+constexpr size_t kMinChunk = 4096;
+constexpr size_t kMaxChunk = size_t{4} << 20;
+constexpr size_t kKeptEntries = 65'536;
+
+size_t round_up(size_t size) {
+    return (size + kAlign - 1) & ~(kAlign - 1);
+}
+
+// Adds a chunk able to hold `size` bytes; false when memory runs out.
+bool add_chunk(Arena& arena, size_t size, size_t grown) {
+    const size_t wanted = std::max(size, std::min(std::max(grown, kMinChunk), kMaxChunk));
+    auto* chunk = static_cast<Chunk*>(malloc(round_up(sizeof(Chunk)) + wanted));
+    if (chunk == nullptr) {
+        return false;
+    }
+    chunk->next = arena.chunks;
+    arena.chunks = chunk;
+    arena.cursor = reinterpret_cast<char*>(chunk) + round_up(sizeof(Chunk));
+    arena.end = arena.cursor + wanted;
+    return true;
+}
+
+void* allocate(Arena& arena, size_t size) {
+    size = round_up(size);
+    if (static_cast<size_t>(arena.end - arena.cursor) < size) {
+        const size_t used =
+            arena.chunks == nullptr ? 0 : static_cast<size_t>(arena.end - arena.cursor);
+        if (!add_chunk(arena, size, 2 * used)) {
+            return nullptr;
+        }
+    }
+    void* place = arena.cursor;
+    arena.cursor += size;
+    return place;
+}
+
+// Gives back the unused tail of the last allocation, `place`, keeping `used`.
+void shrink_last(Arena& arena, char* place, size_t used) {
+    arena.cursor = place + round_up(used);
+}
+
+void free_chunks(Arena& arena) {
+    for (Chunk* chunk = arena.chunks; chunk != nullptr;) {
+        Chunk* next = chunk->next;
+        free(chunk);
+        chunk = next;
+    }
+    arena = Arena{};
+}
+
+// Bytes after the lead byte of a well-formed UTF-8 sequence, with the range
+// its second byte must fall in (which rules out overlong forms, surrogates
+// and code points past U+10FFFF). 0 continuation bytes: not a lead byte.
+struct Utf8Lead {
+    int continuation;
+    uint8_t low;
+    uint8_t high;
+};
+
+Utf8Lead utf8_lead(uint8_t byte) {
+    if (byte >= 0xC2 && byte <= 0xDF)
+        return {1, 0x80, 0xBF};
+    if (byte == 0xE0)
+        return {2, 0xA0, 0xBF};
+    if (byte == 0xED)
+        return {2, 0x80, 0x9F};
+    if (byte >= 0xE1 && byte <= 0xEF)
+        return {2, 0x80, 0xBF};
+    if (byte == 0xF0)
+        return {3, 0x90, 0xBF};
+    if (byte >= 0xF1 && byte <= 0xF3)
+        return {3, 0x80, 0xBF};
+    if (byte == 0xF4)
+        return {3, 0x80, 0x8F};
+    return {0, 0, 0};
+}
+
+// Length of the well-formed sequence at `in`, or 0; `*bad` is then the
+// length of its longest valid start (at least 1), which U+FFFD replaces.
+size_t utf8_sequence(const uint8_t* in, const uint8_t* end, size_t* bad) {
+    const Utf8Lead lead = utf8_lead(in[0]);
+    size_t length = 1;
+    for (int i = 0; i < lead.continuation; ++i, ++length) {
+        const uint8_t low = i == 0 ? lead.low : 0x80;
+        const uint8_t high = i == 0 ? lead.high : 0xBF;
+        if (in + length >= end || in[length] < low || in[length] > high) {
+            *bad = length;
+            return 0;
+        }
+    }
+    if (lead.continuation == 0) {
+        *bad = 1;
+        return 0;
+    }
+    return length;
+}
+
+char* put_utf8(char* out, uint32_t code) {
+    if (code < 0x80) {
+        *out++ = static_cast<char>(code);
+    } else if (code < 0x800) {
+        *out++ = static_cast<char>(0xC0 | code >> 6);
+        *out++ = static_cast<char>(0x80 | (code & 0x3F));
+    } else if (code < 0x10000) {
+        *out++ = static_cast<char>(0xE0 | code >> 12);
+        *out++ = static_cast<char>(0x80 | (code >> 6 & 0x3F));
+        *out++ = static_cast<char>(0x80 | (code & 0x3F));
+    } else {
+        *out++ = static_cast<char>(0xF0 | code >> 18);
+        *out++ = static_cast<char>(0x80 | (code >> 12 & 0x3F));
+        *out++ = static_cast<char>(0x80 | (code >> 6 & 0x3F));
+        *out++ = static_cast<char>(0x80 | (code & 0x3F));
+    }
+    return out;
+}
+
+constexpr uint32_t kReplacement = 0xFFFD;
+
+int hex_digit(char c) {
+    if (c >= '0' && c <= '9')
+        return c - '0';
+    if (c >= 'a' && c <= 'f')
+        return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F')
+        return c - 'A' + 10;
+    return -1;
+}
+
+// The four hex digits at `in` (which has at least 4 bytes before `end`), or -1.
+int32_t hex4(const char* in, const char* end) {
+    if (end - in < 4) {
+        return -1;
+    }
+    int32_t value = 0;
+    for (int i = 0; i < 4; ++i) {
+        const int digit = hex_digit(in[i]);
+        if (digit < 0) {
+            return -1;
+        }
+        value = value << 4 | digit;
+    }
+    return value;
+}
+
+class Parser {
+public:
+    Parser(const char* text, size_t length, Arena& arena)
+        : p_(text), end_(text + length), arena_(arena) {
+        items_.clear();
+        members_.clear();
+    }
+    // A hostile document may have grown the stacks to megabytes: let go.
+    ~Parser() {
+        if (items_.capacity() > kKeptEntries)
+            std::vector<Node>().swap(items_);
+        if (members_.capacity() > kKeptEntries)
+            std::vector<Member>().swap(members_);
+    }
+
+    bool document(Node& root) {
+        skip_space();
+        if (!value(root)) {
+            return false;
+        }
+        skip_space();
+        return p_ == end_;
+    }
+
+private:
+    const char* p_;
+    const char* end_;
+    Arena& arena_;
+    uint64_t values_ = 0;
+    uint64_t comparisons_ = 0;
+    int depth_ = 0;
+    // Elements and members of the open containers, moved into the arena
+    // when each closes. Kept between documents: most are small.
+    static thread_local std::vector<Node> items_;
+    static thread_local std::vector<Member> members_;
+
+    void skip_space() {
+        while (p_ < end_ && (*p_ == ' ' || *p_ == '\n' || *p_ == '\r' || *p_ == '\t')) {
+            ++p_;
+        }
+    }
+
+    bool literal(const char* word, size_t size) {
+        if (static_cast<size_t>(end_ - p_) < size || memcmp(p_, word, size) != 0) {
+            return false;
+        }
+        p_ += size;
+        return true;
+    }
+
+    bool value(Node& out) {
+        if (++values_ > kMaxValues || p_ == end_) {
+            return false;
+        }
+        out = Node{};
+        switch (*p_) {
+            case '{':
+                return object(out);
+            case '[':
+                return list(out);
+            case '"':
+                out.kind = Kind::String;
+                return string(&out.text, &out.size);
+            case 't':
+                out.kind = Kind::Boolean;
+                out.boolean = true;
+                return literal("true", 4);
+            case 'f':
+                out.kind = Kind::Boolean;
+                return literal("false", 5);
+            case 'n':
+                out.kind = Kind::Null;
+                return literal("null", 4);
+            default:
+                return number(out);
+        }
+    }
+
+    // Digits from p_, at least one; false when there are none.
+    bool digits() {
+        const char* start = p_;
+        while (p_ < end_ && *p_ >= '0' && *p_ <= '9') {
+            ++p_;
+        }
+        return p_ != start;
+    }
+
+    bool number(Node& out) {
+        const char* start = p_;
+        const bool negative = *p_ == '-';
+        p_ += negative ? 1 : 0;
+        const char* first_digit = p_;
+        if (!digits() || (*first_digit == '0' && p_ - first_digit > 1)) {
+            return false;
+        }
+        bool integral = true;
+        if (p_ < end_ && *p_ == '.') {
+            ++p_;
+            integral = false;
+            if (!digits())
+                return false;
+        }
+        if (p_ < end_ && (*p_ == 'e' || *p_ == 'E')) {
+            ++p_;
+            integral = false;
+            p_ += p_ < end_ && (*p_ == '+' || *p_ == '-') ? 1 : 0;
+            if (!digits())
+                return false;
+        }
+        if (integral && integer(first_digit, negative, out)) {
+            return true;
+        }
+        out.kind = Kind::Real;
+        out.real = strtod(start, nullptr);  // grammar checked: strtod stops at p_
+        return true;
+    }
+
+    // Integer node for the digits from `from` to p_; false when it does not
+    // fit 64 bits (it is then read as a real number).
+    bool integer(const char* from, bool negative, Node& out) {
+        uint64_t magnitude = 0;
+        for (; from < p_; ++from) {
+            const uint64_t digit = static_cast<uint64_t>(*from - '0');
+            if (magnitude > (UINT64_MAX - digit) / 10) {
+                return false;
+            }
+            magnitude = magnitude * 10 + digit;
+        }
+        if (negative) {
+            if (magnitude > uint64_t{1} << 63) {
+                return false;
+            }
+            out.kind = Kind::Integer;
+            out.integer = static_cast<int64_t>(0 - magnitude);
+        } else {
+            out.kind = magnitude > INT64_MAX ? Kind::Unsigned : Kind::Integer;
+            out.unsigned_integer = magnitude;
+        }
+        return true;
+    }
+
+    // Moves p_ past the string opened at p_. Sets *plain when it holds no
+    // escape and no byte outside ASCII; false when it never ends or holds a
+    // control character.
+    bool find_string_end(bool* plain) {
+        *plain = true;
+        ++p_;
+        for (;;) {
+#ifdef __SSE2__
+            const __m128i quote = _mm_set1_epi8('"');
+            const __m128i backslash = _mm_set1_epi8('\\');
+            const __m128i space = _mm_set1_epi8(0x20);
+            while (end_ - p_ >= 16) {
+                const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p_));
+                // Signed compare: below 0x20 also catches every byte >= 0x80.
+                const __m128i special = _mm_or_si128(
+                    _mm_or_si128(_mm_cmpeq_epi8(bytes, quote), _mm_cmpeq_epi8(bytes, backslash)),
+                    _mm_cmplt_epi8(bytes, space));
+                const int mask = _mm_movemask_epi8(special);
+                if (mask != 0) {
+                    p_ += __builtin_ctz(static_cast<unsigned>(mask));
+                    break;
+                }
+                p_ += 16;
+            }
+#endif
+            if (p_ == end_) {
+                return false;
+            }
+            const auto byte = static_cast<uint8_t>(*p_);
+            if (byte == '"') {
+                ++p_;
+                return true;
+            }
+            if (byte < 0x20) {
+                return false;
+            }
+            if (byte == '\\' || byte >= 0x80) {
+                *plain = false;
+                p_ += byte == '\\' && end_ - p_ > 1 ? 2 : 1;
+            } else {
+                ++p_;
+            }
+        }
+    }
+
+    // Decodes the string body [in, end) into out, which has room for
+    // `room` bytes. Returns the end of what was written, or null for a bad
+    // escape; *full is set (and null returned) when room ran out.
+    char* decode(const char* in, const char* end, char* out, size_t room, bool* full) {
+        char* const limit = out + room;
+        while (in < end) {
+            if (limit - out < 4) {
+                *full = true;
+                return nullptr;
+            }
+            const auto byte = static_cast<uint8_t>(*in);
+            if (byte == '\\') {
+                in = escape(in, end, &out);
+                if (in == nullptr) {
+                    return nullptr;
+                }
+            } else if (byte < 0x80) {
+                *out++ = *in++;
+            } else {
+                size_t bad = 0;
+                const auto* at = reinterpret_cast<const uint8_t*>(in);
+                const size_t length =
+                    utf8_sequence(at, reinterpret_cast<const uint8_t*>(end), &bad);
+                if (length == 0) {
+                    out = put_utf8(out, kReplacement);
+                    in += bad;
+                } else {
+                    memcpy(out, in, length);
+                    out += length;
+                    in += length;
+                }
+            }
+        }
+        return out;
+    }
+
+    // One escape at `in`; writes its character at *out. Returns the next
+    // input byte, or null when the escape is not JSON.
+    const char* escape(const char* in, const char* end, char** out) {
+        if (end - in < 2) {
+            return nullptr;
+        }
+        const char letter = in[1];
+        static constexpr char kFrom[] = "\"\\/bfnrt";
+        static constexpr char kTo[] = "\"\\/\b\f\n\r\t";
+        if (const char* found = letter != '\0' ? strchr(kFrom, letter) : nullptr) {
+            *(*out)++ = kTo[found - kFrom];
+            return in + 2;
+        }
+        if (letter != 'u') {
+            return nullptr;
+        }
+        int32_t code = hex4(in + 2, end);
+        if (code < 0) {
+            return nullptr;
+        }
+        in += 6;
+        if (code >= 0xD800 && code <= 0xDBFF && end - in >= 6 && in[0] == '\\' && in[1] == 'u') {
+            const int32_t low = hex4(in + 2, end);
+            if (low >= 0xDC00 && low <= 0xDFFF) {
+                code = 0x10000 + ((code - 0xD800) << 10) + (low - 0xDC00);
+                in += 6;
+            }
+        }
+        if (code >= 0xD800 && code <= 0xDFFF) {
+            code = kReplacement;  // a surrogate without its pair
+        }
+        *out = put_utf8(*out, static_cast<uint32_t>(code));
+        return in;
+    }
+
+    // The string at p_ into the arena. Decoding never grows the text except
+    // where one or two bad bytes become the three of U+FFFD: only then is
+    // the room tripled.
+    bool string(const char** text, uint32_t* size) {
+        const char* body = p_ + 1;
+        bool plain = true;
+        if (!find_string_end(&plain)) {
+            return false;
+        }
+        const size_t raw = static_cast<size_t>(p_ - 1 - body);
+        for (const size_t room : {raw + 4, 3 * raw + 4}) {
+            auto* place = static_cast<char*>(allocate(arena_, room + 1));
+            if (place == nullptr) {
+                return false;
+            }
+            char* out = place + raw;
+            bool full = false;
+            if (plain) {
+                memcpy(place, body, raw);
+            } else if ((out = decode(body, body + raw, place, room, &full)) == nullptr) {
+                shrink_last(arena_, place, 0);
+                if (full)
+                    continue;
+                return false;
+            }
+            *out = '\0';
+            *text = place;
+            *size = static_cast<uint32_t>(out - place);
+            shrink_last(arena_, place, *size + 1);
+            return true;
+        }
+        return false;
+    }
+
+    // Moves the last `count` entries of `stack` into the arena.
+    template <typename T>
+    const T* settle(std::vector<T>& stack, size_t base) {
+        const size_t count = stack.size() - base;
+        auto* place = static_cast<T*>(allocate(arena_, sizeof(T) * (count > 0 ? count : 1)));
+        if (place != nullptr && count > 0) {
+            memcpy(static_cast<void*>(place), stack.data() + base, sizeof(T) * count);
+        }
+        stack.resize(base);
+        return place;
+    }
+
+    // Opens a container at p_: false when nested too deep.
+    bool open(char close, bool* empty) {
+        ++p_;
+        if (++depth_ > kMaxDepth) {
+            return false;
+        }
+        skip_space();
+        *empty = p_ < end_ && *p_ == close;
+        p_ += *empty ? 1 : 0;
+        return true;
+    }
+
+    // After an element: true with *more for ',', true at the closing byte.
+    bool next(char close, bool* more) {
+        skip_space();
+        if (p_ < end_ && (*p_ == ',' || *p_ == close)) {
+            *more = *p_++ == ',';
+            return true;
+        }
+        return false;
+    }
+
+    bool list(Node& out) {
+        const size_t base = items_.size();
+        bool empty = false;
+        bool more = false;
+        if (!open(']', &empty))
+            return false;
+        for (more = !empty; more;) {
+            Node item;
+            skip_space();
+            if (!value(item))
+                return false;
+            items_.push_back(item);
+            if (!next(']', &more))
+                return false;
+        }
+        out.kind = Kind::List;
+        out.size = static_cast<uint32_t>(items_.size() - base);
+        out.items = settle(items_, base);
+        --depth_;
+        return out.items != nullptr;
+    }
+
+    // Index among the open object's members of `key`, or -1. Counted
+    // against kMaxKeyComparisons.
+    long repeated(size_t base, const char* key, uint32_t size) {
+        comparisons_ += members_.size() - base;
+        for (size_t i = base; i < members_.size(); ++i) {
+            if (members_[i].key_size == size && memcmp(members_[i].key, key, size) == 0) {
+                return static_cast<long>(i);
+            }
+        }
+        return -1;
+    }
+
+    // One "key": value pair into the open object starting at base.
+    bool member(size_t base) {
+        Member entry{};
+        skip_space();
+        if (p_ == end_ || *p_ != '"' || !string(&entry.key, &entry.key_size))
+            return false;
+        skip_space();
+        if (p_ == end_ || *p_++ != ':')
+            return false;
+        skip_space();
+        if (!value(entry.value))
+            return false;
+        const long found = repeated(base, entry.key, entry.key_size);
+        if (comparisons_ > kMaxKeyComparisons)
+            return false;
+        // A repeated key keeps its first place and takes the last value.
+        if (found >= 0) {
+            members_[static_cast<size_t>(found)].value = entry.value;
+        } else {
+            members_.push_back(entry);
+        }
+        return true;
+    }
+
+    bool object(Node& out) {
+        const size_t base = members_.size();
+        bool empty = false;
+        bool more = false;
+        if (!open('}', &empty))
+            return false;
+        for (more = !empty; more;) {
+            if (!member(base) || !next('}', &more))
+                return false;
+        }
+        out.kind = Kind::Object;
+        out.size = static_cast<uint32_t>(members_.size() - base);
+        out.members = settle(members_, base);
+        --depth_;
+        return out.members != nullptr;
+    }
+};
+
+thread_local std::vector<Node> Parser::items_;
+thread_local std::vector<Member> Parser::members_;
+
+}  // namespace
+
+Document* new_document(size_t first_chunk) {
+    auto* document = new (std::nothrow) Document{1, Arena{}, Node{}};
+    if (document != nullptr && !add_chunk(document->arena, first_chunk, first_chunk)) {
+        delete document;
+        return nullptr;
+    }
+    return document;
+}
+
+char* copy_text(Document* document, const char* text, size_t size) {
+    auto* place = static_cast<char*>(allocate(document->arena, size + 1));
+    if (place != nullptr) {
+        memcpy(place, text, size);
+        place[size] = '\0';
+    }
+    return place;
+}
+
+Document* parse_document(const char* text, size_t length) {
+    // Strings decode to no more than their text, so one chunk of twice the
+    // text holds most documents whole; untouched pages of it cost nothing.
+    Document* document = new_document(2 * length + 256);
+    if (document == nullptr) {
+        return nullptr;
+    }
+    bool parsed = false;
+    try {
+        Parser parser(text, length, document->arena);
+        parsed = parser.document(document->root);
+    } catch (...) {  // the parse stacks ran out of memory
+        parsed = false;
+    }
+    if (!parsed) {
+        release(document);
+        return nullptr;
+    }
+    return document;
+}
+
+void retain(Document* document) {
+    ++document->references;
+}
+
+void release(Document* document) {
+    if (document != nullptr && --document->references == 0) {
+        free_chunks(document->arena);
+        delete document;
+    }
+}
+
+const Node* find_member(const Node* object, const char* key) {
+    if (object == nullptr || object->kind != Kind::Object || key == nullptr) {
+        return nullptr;
+    }
+    const size_t size = strlen(key);
+    for (uint32_t i = 0; i < object->size; ++i) {
+        const Member& member = object->members[i];
+        if (member.key_size == size && memcmp(member.key, key, size) == 0) {
+            return &member.value;
+        }
+    }
+    return nullptr;
+}
+
+}  // namespace sylvshared

@@ -1,0 +1,73 @@
+// Parsed JSON documents: read-only trees held in one arena per document and
+// shared, with a reference count, by every handle that points into them.
+// Internal to sylvshared; nothing here throws.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace sylvshared {
+
+enum class Kind : uint8_t { Null, Boolean, Integer, Unsigned, Real, String, List, Object };
+
+struct Member;
+
+// One value. `size` is a string's byte count, a list's element count or an
+// object's member count.
+struct Node {
+    Kind kind;
+    uint32_t size;
+    union {
+        bool boolean;
+        int64_t integer;
+        uint64_t unsigned_integer;
+        double real;
+        const char* text;  // NUL-terminated, valid UTF-8
+        const Node* items;
+        const Member* members;
+    };
+};
+
+struct Member {
+    const char* key;  // NUL-terminated
+    uint32_t key_size;
+    Node value;
+};
+
+// Bump allocator: chunks released together with the document.
+struct Chunk;
+struct Arena {
+    Chunk* chunks;
+    char* cursor;
+    char* end;
+};
+
+struct Document {
+    uint64_t references;
+    Arena arena;
+    Node root;
+};
+
+// Most values one document may hold, deepest nesting, and the budget of key
+// comparisons spent finding repeated keys: together they bound the time and
+// memory any text can cost (see document.cpp).
+constexpr uint64_t kMaxValues = 262'144;
+constexpr int kMaxDepth = 128;
+constexpr uint64_t kMaxKeyComparisons = 4'000'000;
+
+// New document (one reference) for `length` bytes of text, or null when the
+// text is not JSON, passes a bound above, or memory runs out. Bytes that are
+// not UTF-8 inside strings each become U+FFFD.
+Document* parse_document(const char* text, size_t length);
+// New empty document (one reference) whose arena callers fill, or null.
+Document* new_document(size_t first_chunk);
+// NUL-terminated copy of `size` bytes in the document's arena, or null.
+char* copy_text(Document* document, const char* text, size_t size);
+void retain(Document* document);
+// Drops one reference; the last one frees the arena. Null is ignored.
+void release(Document* document);
+// The member `key` of an object node, or null (last of repeated keys wins at
+// parse time, so there is one).
+const Node* find_member(const Node* object, const char* key);
+
+}  // namespace sylvshared
