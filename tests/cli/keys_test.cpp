@@ -32,7 +32,6 @@ TEST(AgentListener, OnlyForeignListenersReachingLoopbackCount) {
         {row("0100007F:2B1E", "01", "1001"), false, AGENT_LISTENER_NONE, 0},   // established
         {row("0200007F:2B1E", "0A", "1001"), false, AGENT_LISTENER_NONE, 0},   // 127.0.0.2
         {row("0100007F:2B1F", "0A", "1001"), false, AGENT_LISTENER_NONE, 0},   // port 11039
-        {row("0100007F:2B0E", "0A", "1001"), false, AGENT_LISTENER_NONE, 0},   // port 11022
         {row(kAny6, "0A", "1001"), true, AGENT_LISTENER_FOREIGN, 1001},
         {row(kMapped, "0A", "65534"), true, AGENT_LISTENER_FOREIGN, 65534},
         {row("00000000000000000000000001000000:2B1E", "0A", "1001"), true, AGENT_LISTENER_NONE, 0},

@@ -21,11 +21,10 @@ OPEN = ("API key file {file} is accessible by group or others (mode 0640); refus
 CASES = {
     "file_crlf_first_line": (["--api-key-file", "{file}"], KEY + "\r\nnext line\n", 0o600,
                              "", {}, OK),
-    "file_read_only_no_newline": (["--api-key-file", "{file}"], KEY, 0o400, "", {}, OK),
     "stdin": (["--api-key-file", "-"], None, 0, KEY + "\n", {}, OK),
     "environment": ([], None, 0, "", {"SYLVANE_API_KEY": KEY}, OK),
-    "file_before_environment": (["--api-key-file", "{file}"], KEY, 0o600, "",
-                                {"SYLVANE_API_KEY": "short"}, OK),
+    "file_read_only_no_newline_before_environment": (["--api-key-file", "{file}"], KEY, 0o400,
+                                                     "", {"SYLVANE_API_KEY": "short"}, OK),
     "k_wins_file_unread": (["-k", KEY, "--api-key-file", "{file}", "--agent-uid", "4321"],
                            "short", 0o644, "", {"SYLVANE_API_KEY": "short"}, OK),
     "file_too_open": (["--api-key-file", "{file}"], KEY, 0o640, "", {},
@@ -35,8 +34,7 @@ CASES = {
                           "directory.\n", status=1)),
     "file_short_key": (["--api-key-file", "{file}"], KEY[:75] + "\n", 0o600, "", {},
                        dict(stderr=BAD_KEY, status=1)),
-    "empty_environment_is_no_key": ([], None, 0, "", {"SYLVANE_API_KEY": ""},
-                                    dict(stdout=USAGE)),
+    "empty_environment_is_no_key": ([], None, 0, "", {"SYLVANE_API_KEY": ""}, dict(stdout=USAGE)),
     "bad_agent_uid": (["-k", KEY], None, 0, "", {"SYLVANE_AGENT_UID": "agent"},
                       dict(stderr="Bad agent uid agent (SYLVANE_AGENT_UID): expected a numeric "
                            "user id.\n", status=1)),

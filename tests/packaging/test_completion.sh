@@ -41,7 +41,6 @@ check() { # expected-words command-line-words... (ONLY="shells" to restrict)
 
 check "--saveTraceabilityConfig" sylvane-service --saveT
 check "console file syslog" sylvane-service --saveTraceabilityConfig ""
-check "syslog" sylvane-service --saveTraceabilityConfig s
 check "UDP TCP" sylvane-service --saveTraceabilityConfig syslog 10.0.0.9 514 ""
 check "" sylvane-service --saveTraceabilityConfig console ""
 tmp=$(mktemp -d)
@@ -57,7 +56,6 @@ check "--enable --enableProxy --enableAuthenticationAudit" sylvane-service --ena
 # Long-only commands work only as the first argument; every other long
 # option is offered anywhere.
 check "--enable" sylvane-service -l --enable
-check "--disable --disableProxy --disableAuthenticationAudit" sylvane-service --disable
 check "--help --list --add --ptr --forwarding --key --url --remove --enable --disable --edit
     --configProxy --proxyType --getProxy --api-key-file --agent-uid --json --version --events
     --wait --no-wait --check" sylvane-service web1 --
