@@ -14,6 +14,7 @@
 #include <cstring>
 #include <string>
 
+#include "cli/report.h"
 #include "cli/startup.h"
 #include "core/logger.h"
 
@@ -136,8 +137,9 @@ size_t allowed_uids(uid_t* allowed) {
     unsigned long long value = strtoull(text, &end, 10);
     if (text[0] < '0' || text[0] > '9' || *end != '\0' || errno != 0 ||
         value >= static_cast<uid_t>(-1)) {
-        finishf(stderr, 1, "Bad agent uid %s (%s): expected a numeric user id.\n", text,
-                agent_uid_option != nullptr ? "--agent-uid" : AGENT_UID_VARIABLE);
+        failf(Failure::bad_argument, JsonWriter(),
+              "Bad agent uid %s (%s): expected a numeric user id.\n", text,
+              agent_uid_option != nullptr ? "--agent-uid" : AGENT_UID_VARIABLE);
     }
     allowed[count++] = static_cast<uid_t>(value);
     return count;
@@ -158,17 +160,18 @@ void guard(uint16_t port) {
                 continue;
             }
             Logger.error("Could not read %s: %s", table.path, strerror(errno));
-            finishf(stderr, 1,
-                    "Not sending the API key: could not read %s to check who listens on "
-                    "%s:%u (%s).\n",
-                    table.path, TRANSFER_AGENT_IP, port, strerror(errno));
+            failf(Failure::internal, JsonWriter(),
+                  "Not sending the API key: could not read %s to check who listens on "
+                  "%s:%u (%s).\n",
+                  table.path, TRANSFER_AGENT_IP, port, strerror(errno));
         }
         uid_t owner = 0;
         if (find_foreign_listener(text.c_str(), table.ipv6, port, allowed, allowed_count, &owner) ==
             AGENT_LISTENER_FOREIGN) {
             const passwd* account = getpwuid(owner);
-            finishf(
-                stderr, 1,
+            failf(
+                Failure::untrusted_listener,
+                JsonWriter().number("listener_uid", static_cast<int64_t>(owner)),
                 "Not sending the API key: the socket listening on %s:%u belongs to uid %ju%s%s%s, "
                 "not to root or to you. If that is the Transfer Agent, allow it with "
                 "--agent-uid %ju or %s=%ju.\n",

@@ -11,6 +11,8 @@
 #include <cstdint>
 
 constexpr const char* AGENT_UID_VARIABLE = "SYLVANE_AGENT_UID";
+// getopt value of --agent-uid, outside the option letters.
+constexpr int OPTION_AGENT_UID = 1001;
 
 // Results of AgentListener.find_foreign_listener.
 constexpr int AGENT_LISTENER_NONE = 0;     // no listener outside the allowed uids
@@ -29,9 +31,9 @@ struct AgentListenerModule {
     // process); it takes precedence over SYLVANE_AGENT_UID.
     void (*allow_uid)(const char* text);
     // Runs the check against the live tables for 127.0.0.1:`port`. Returns
-    // when the key may be sent; otherwise prints why on standard error and
-    // ends the process with status 1 (also when the tables cannot be read or
-    // the allowed uid is not a number).
+    // when the key may be sent; otherwise ends the run with status 1 and why:
+    // an untrusted listener (naming its uid), tables that cannot be read, or
+    // an allowed uid that is not a number.
     void (*guard)(uint16_t port);
 };
 

@@ -10,7 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "cli/startup.h"
+#include "cli/report.h"
 #include "core/logger.h"
 
 namespace {
@@ -90,14 +90,14 @@ const char* resolve(const char* path) {
     unsigned mode = 0;
     int result = read_file(path, key, sizeof key, &mode);
     if (result == API_KEY_TOO_OPEN) {
-        finishf(stderr, 1,
-                "API key file %s is accessible by group or others (mode %04o); refusing to use "
-                "it. Run: chmod 600 %s\n",
-                path, mode, path);
+        failf(Failure::bad_argument, JsonWriter(),
+              "API key file %s is accessible by group or others (mode %04o); refusing to use "
+              "it. Run: chmod 600 %s\n",
+              path, mode, path);
     }
     if (result != 0) {
-        finishf(stderr, 1, "Could not read the API key from %s: %s.\n",
-                strcmp(path, "-") == 0 ? "standard input" : path, strerror(errno));
+        failf(Failure::bad_argument, JsonWriter(), "Could not read the API key from %s: %s.\n",
+              strcmp(path, "-") == 0 ? "standard input" : path, strerror(errno));
     }
     return key;
 }

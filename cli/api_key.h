@@ -7,6 +7,8 @@
 #include <cstddef>
 
 constexpr const char* API_KEY_VARIABLE = "SYLVANE_API_KEY";
+// getopt value of --api-key-file, outside the option letters.
+constexpr int OPTION_API_KEY_FILE = 1000;
 
 // Results of ApiKey.read_file.
 constexpr int API_KEY_UNREADABLE = -1;  // open or read failed; errno says why
@@ -22,8 +24,8 @@ struct ApiKeyModule {
     int (*read_file)(const char* path, char* key, size_t size, unsigned* mode);
     // The key for an add without -k: from `path` when not null, else from
     // SYLVANE_API_KEY when set and not empty, else null. A file that cannot
-    // be used is reported on standard error and ends the process with
-    // status 1. The text returned lives until the process ends.
+    // be used ends the run as a bad argument (status 1). The text returned
+    // lives until the process ends.
     const char* (*resolve)(const char* path /* or null */);
 };
 

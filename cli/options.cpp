@@ -13,10 +13,6 @@
 
 namespace {
 
-// Long-only options that only collect; their values are outside the letters.
-constexpr int OPTION_API_KEY_FILE = 1000;
-constexpr int OPTION_AGENT_UID = 1001;
-
 constexpr std::array<struct option, 22> LONG_OPTIONS_TEMPLATE = {{
     {"help", no_argument, nullptr, 'h'},
     {"list", no_argument, nullptr, 'l'},

@@ -35,6 +35,12 @@ CASES = {
     "file_short_key": (["--api-key-file", "{file}"], KEY[:75] + "\n", 0o600, "", {},
                        dict(stderr=BAD_KEY, status=1)),
     "empty_environment_is_no_key": ([], None, 0, "", {"SYLVANE_API_KEY": ""}, dict(stdout=USAGE)),
+    "json_environment": (["--json"], None, 0, "", {"SYLVANE_API_KEY": KEY}, dict(OK, stdout=(
+        '{"version": 1, "service": "web1", "state": "added"}\n{"version": 1, "ok": true, '
+        '"service": "web1", "state": "added", "onion_address": "w.onion"}\n'))),
+    "json_file_too_open": (["--json", "--api-key-file", "{file}"], KEY, 0o640, "", {}, dict(
+        stdout='{"version": 1, "ok": false, "error": "bad_argument", "message": "%s"}\n'
+        % OPEN[:-1], status=1)),
     "bad_agent_uid": (["-k", KEY], None, 0, "", {"SYLVANE_AGENT_UID": "agent"},
                       dict(stderr="Bad agent uid agent (SYLVANE_AGENT_UID): expected a numeric "
                            "user id.\n", status=1)),
@@ -58,8 +64,8 @@ def run(name, binary):
                                     capture_output=True, timeout=20)
         faults = ["%s: got %r, expected %r" % (what, got, want) for what, got, want in [
             ("status", result.returncode, expected.get("status", 0)),
-            ("stdout", result.stdout.decode(), expected.get("stdout", "")),
-            ("stderr", result.stderr.decode(), expected.get("stderr", "").format(file=path))]
+            ("stdout", result.stdout.decode(), expected.get("stdout", "").replace("{file}", path)),
+            ("stderr", result.stderr.decode(), expected.get("stderr", "").replace("{file}", path))]
             if got != want]
         if "sent" in expected:
             faults += agent.errors + check_sent(agent.received, expected["sent"])
