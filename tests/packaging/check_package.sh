@@ -22,7 +22,7 @@ for path in ./usr/bin/sylvane-service ./usr/share/man/man1/sylvane-service.1.gz 
     ./usr/share/bash-completion/completions/sylvane-service \
     ./usr/share/zsh/vendor-completions/_sylvane-service \
     ./usr/share/fish/vendor_completions.d/sylvane-service.fish \
-    $doc/copyright $doc/changelog.Debian.gz; do
+    $doc/copyright $doc/changelog.Debian.gz $doc/json.md.gz; do
     grep -q " $path\$" <<<"$contents" || fail "$path missing from the package"
 done
 
