@@ -1,7 +1,6 @@
 #!/usr/bin/env python3
-"""The add command's key off the command line, against the fake Transfer Agent:
-it runs as the invoking user, so every add that reaches it has passed the
-listener check. key_cases.py --list | key_cases.py CASE BINARY"""
+"""key_cases.py --list | CASE BINARY: the add command's key off the command line. The fake
+agent runs as the invoking user: every add that reaches it has passed the listener check."""
 
 import os
 import subprocess
@@ -29,9 +28,8 @@ CASES = {
                            "short", 0o644, "", {"SYLVANE_API_KEY": "short"}, OK),
     "file_too_open": (["--api-key-file", "{file}"], KEY, 0o640, "", {},
                       dict(stderr=OPEN, status=1)),
-    "file_missing": (["--api-key-file", "{file}.none"], None, 0, "", {},
-                     dict(stderr="Could not read the API key from {file}.none: No such file or "
-                          "directory.\n", status=1)),
+    "file_missing": (["--api-key-file", "{file}"], None, 0, "", {}, dict(status=1, stderr=(
+        "Could not read the API key from {file}: No such file or directory.\n"))),
     "file_short_key": (["--api-key-file", "{file}"], KEY[:75] + "\n", 0o600, "", {},
                        dict(stderr=BAD_KEY, status=1)),
     "empty_environment_is_no_key": ([], None, 0, "", {"SYLVANE_API_KEY": ""}, dict(stdout=USAGE)),

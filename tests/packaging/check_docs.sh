@@ -1,8 +1,7 @@
 #!/usr/bin/env bash
 # The man page renders without a single warning; it and the bash completion
-# name every option that the tool's usage text names, and the man page and
-# the zsh and fish completions name every long option the bash one offers
-# (the long-only options of scripts are not in the usage text).
+# name every option of the usage text, and it and the zsh and fish ones every
+# long option the bash one offers (the scripting ones are not in the usage).
 # Usage: check_docs.sh MAN_PAGE COMPLETION [TOOL]
 set -u
 page=$1 completion=$2 tool=${3:-}

@@ -1,7 +1,6 @@
 #!/usr/bin/env bash
-# Completion answers for typical command lines, in bash (without the
-# bash-completion package) and in zsh and fish; a shell that is not
-# installed is skipped, and said so.
+# Completion answers for typical command lines in bash (without the
+# bash-completion package), zsh and fish; a shell not installed is skipped.
 set -u
 here=$(dirname "$0")
 contrib=$here/../../contrib
@@ -27,7 +26,6 @@ offered() { # shell command-line-words...
 
 failures=0
 check() { # expected-words command-line-words... (ONLY="shells" to restrict)
-    local expected shell got
     expected=$(tr -s ' \n' '\n' <<<"$1" | grep . | sort -u | paste -sd' ')
     shift
     for shell in ${ONLY:-${shells[*]}}; do
