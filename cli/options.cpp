@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr std::array<struct option, 22> LONG_OPTIONS_TEMPLATE = {{
+constexpr std::array<struct option, 24> LONG_OPTIONS_TEMPLATE = {{
     {"help", no_argument, nullptr, 'h'},
     {"list", no_argument, nullptr, 'l'},
     {"add", required_argument, nullptr, 'a'},
@@ -35,6 +35,10 @@ constexpr std::array<struct option, 22> LONG_OPTIONS_TEMPLATE = {{
     {"saveTraceabilityConfig", required_argument, nullptr, 0},
     {"api-key-file", required_argument, nullptr, OPTION_API_KEY_FILE},
     {"agent-uid", required_argument, nullptr, OPTION_AGENT_UID},
+    // "--a" and "--c" abbreviated --add and --configProxy before --api-key-file,
+    // --agent-uid and --check made them ambiguous; exact names keep them so.
+    {"a", required_argument, nullptr, 'a'},
+    {"c", required_argument, nullptr, 'c'},
     {nullptr, 0, nullptr, 0},
 }};
 

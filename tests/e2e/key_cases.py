@@ -11,7 +11,7 @@ from cases import ADDED, BAD_KEY, KEY, SUBSCRIBE, USAGE, add_data, added, event,
 from fake_agent import FakeAgent
 from run_case import check_sent
 
-WEB1 = ["-a", "web1", "-p", "127.0.0.1:443"]
+WEB1 = ["--a", "web1", "-p", "127.0.0.1:443"]  # "--a" still abbreviates --add
 OK = dict(stdout=ADDED, agent=added(event(tenant("web1", onion_address="w.onion"))),
           sent=[SUBSCRIBE, add_data()])
 OPEN = ("API key file {file} is accessible by group or others (mode 0640); refusing to use it. "
