@@ -154,6 +154,7 @@ class FakeAgent:
     def _play(self, conn):
         """Plays the script for each JSON message; records pongs and answers
         pings on the way. Everything sent before the stop is read by then."""
+        conn.sock.settimeout(10.0)
         if "handshake" in self.script:
             conn.read_handshake()
             for action in self.script["handshake"]:
@@ -180,5 +181,7 @@ class FakeAgent:
                 except ValueError as err:
                     raise ap.ProtocolError("client sent bad JSON: %s" % err) from err
                 self.received.append(message)
+                conn.sock.settimeout(10.0)  # a slow reader may take a while to drain a send
                 for action in self.script.get(message.get("command"), []):
                     action(conn, message)
+                conn.sock.settimeout(0.2)

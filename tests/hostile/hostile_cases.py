@@ -61,7 +61,7 @@ for name, args, seconds, script, status, stderr, stdout in [
          1, TOO_LARGE + NO_ANSWER, ""),
         ("endless_fragments", ["-g"], 4, {"get_proxy": [
             lambda conn, _request: conn.send_frame(b"{", fin=False),
-            stream(ap.encode_frame(b" " * 60000, ap.OP_CONTINUATION, fin=False))]},
+            stream(ap.encode_frame(b" " * MIB, ap.OP_CONTINUATION, fin=False))]},
          1, TOO_LARGE + NO_AGENT, ""),
         ("endless_header", ["-l"], 2, {"handshake": [
             wire(b"HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\n"),
