@@ -22,14 +22,10 @@ import agent_protocol as ap  # noqa: E402
 SANITIZED = False  # set by run_case.py for an AddressSanitizer build
 
 
-def encode(value):
-    """JSON text as bytes; lone surrogates ("\\udce9") become raw bytes (0xE9),
-    so a script can send text that is not UTF-8."""
-    return json.dumps(value, ensure_ascii=False).encode("utf-8", "surrogateescape")
-
-
 def send_json(conn, value, **send_options):
-    conn.send_text(encode(value), **send_options)
+    """Lone surrogates ("\\udce9") go as raw bytes (0xE9): text that is not UTF-8."""
+    conn.send_text(json.dumps(value, ensure_ascii=False).encode("utf-8", "surrogateescape"),
+                   **send_options)
 
 
 # -- actions -----------------------------------------------------------------

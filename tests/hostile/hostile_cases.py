@@ -54,7 +54,7 @@ def padded(size):
 
 CASES = []
 # (name, arguments, the command's time-out in seconds, script, status, stderr, stdout);
-# a run that ends by its time-out takes that long, any other at most that long
+# a run ends by its time-out or before (a slower one shows the time-out message)
 for name, args, seconds, script, status, stderr, stdout in [
         ("huge_frame", ["-l"], 2, {"get_tenants": [
             wire(b"\x81\x7f" + struct.pack("!Q", 1 << 40)), stream(b"x" * 65536)]},
@@ -96,7 +96,7 @@ for name, args, seconds, script, status, stderr, stdout in [
         ("many_members", ["-g"], 4, {"get_proxy": [reply_text("{%s}" % ", ".join(
             '"k%d": [%d, true, null]' % (i, i) for i in range(200000)), fragment=MIB)]}, 0, "", "")]:
     CASES.append(Case(name, args, stdout, stderr, status, script, peak_mib=LIMIT,
-                      elapsed=(seconds if status else 0, seconds + 1.5)))
+                      elapsed=(seconds if status else 0, seconds + (10 if SMALL else 1.5))))
 
 # The largest message accepted, in two fragments, prints whole within four
 # times its size plus 8 MiB.
