@@ -75,11 +75,12 @@ for name, args, seconds, script, status, stderr, stdout in [
         ("event_flood", ["-s", "web"], 15, {"connect_tenants": [event_flood]}, 0, "",
          "Service enabling in progress..." + "." * (ROUNDS - 1) + "Requested service enabling "
          "for 'web'...\n\nSyncing...\nService enabled and synchronized successfully.\n"),
-        # Refused whole, one frame or three fragments each under the bound.
+        # Refused whole: one frame, or three fragments each under the bound (the last
+        # one passes it).
         ("oversized_frame", ["-l"], 2, {"get_tenants": [reply_text(padded(20 * MIB))]},
          1, TOO_LARGE + NO_ANSWER, ""),
         ("oversized_fragments", ["-l"], 2, {"get_tenants": [
-            reply_text(padded(18 * MIB), fragment=6 * MIB)]}, 1, TOO_LARGE + NO_ANSWER, ""),
+            reply_text(padded(18 * MIB - 4096), fragment=6 * MIB)]}, 1, TOO_LARGE + NO_ANSWER, ""),
         # Unreadable answers cost the pending command; the run ends quietly.
         ("deep_json", ["-l"], 2, {"get_tenants": [
             reply_text("[" * 500000 + "]" * 500000, fragment=MIB)]}, 0, "", ""),
