@@ -7,11 +7,9 @@
 #include <cstring>
 
 #include "cli/commands.h"
+#include "cli/scripting.h"
 
 namespace {
-
-// The second "e:" is harmless to getopt and kept as the tool always had it.
-constexpr const char* SHORT_OPTIONS = "hla:e:p:f:k:r:s:d:e:u:c:t:g";
 
 constexpr std::array<struct option, 20> LONG_OPTIONS_TEMPLATE = {{
     {"help", no_argument, nullptr, 'h'},
@@ -189,10 +187,21 @@ void print_usage() {
     puts(USAGE_TEXT);
 }
 
+const char* usage_text() {
+    return USAGE_TEXT;
+}
+
+const struct option* human_long_options() {
+    return LONG_OPTIONS_TEMPLATE.data();
+}
+
 int run_command_line(int argc, char** argv) {
     if (argc < 2) {
         print_usage();
         return 0;
+    }
+    if (wants_scripting(argc, argv)) {
+        return run_scripting(argc, argv);
     }
     std::array<struct option, LONG_OPTIONS_TEMPLATE.size()> long_options = LONG_OPTIONS_TEMPLATE;
     CollectedOptions options{};

@@ -1,8 +1,6 @@
 // Start-up shared by every command: the network module, the event
 // dispatcher, the IPC configuration towards the Transfer Agent, the busy
-// notice, the time-out callbacks and the run of the event loop. Also the
-// module-wide state that the request builders, response handlers and
-// follow-up handlers share.
+// notice, the time-out callbacks and the run of the event loop.
 #pragma once
 
 #include <event2/event.h>
@@ -20,17 +18,11 @@ constexpr uint16_t TRANSFER_AGENT_PORT = 11038;
 constexpr int32_t TRANSFER_AGENT_RECONNECTION_POLICY = 3;
 constexpr int32_t TRANSFER_AGENT_RETRY_DELAY = 3;
 
-// Single copies for the whole process; one thread, no lock.
-extern EventDispatcher* event_dispatcher;
-// Name of the service the running command is about; set by the builders.
-extern const char* current_service_name;
-// Follow-up of enabling: "in progress" events seen, first "connected" seen.
-extern int enabling_progress_count;
-extern int sync_started;
-
 // Network module, dispatcher, IPC config, busy notice. Prints and exits 1
 // when the dispatcher or the config cannot be created.
 IpcClientConfig* start_transfer_agent_client();
+// The same with another reconnection policy (--check tries once).
+IpcClientConfig* start_transfer_agent_client(int32_t reconnection_policy);
 
 // Instantiates the IPC client on `config`, schedules the connection and runs
 // the loop until it has no more work. Returns event_base_dispatch's result.

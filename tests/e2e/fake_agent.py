@@ -109,6 +109,7 @@ class FakeAgent:
         self.listener.settimeout(0.1)
         self.received = []  # every JSON message, in arrival order
         self.pongs = []  # payloads of the client's pongs
+        self.closes = []  # payloads of the client's close frames
         self.connections = 0
         self.errors = []  # protocol faults seen on the agent's side
         self._stop = threading.Event()
@@ -170,6 +171,7 @@ class FakeAgent:
             elif opcode == ap.OP_PING:
                 conn.send_pong(payload)
             elif opcode == ap.OP_CLOSE:
+                self.closes.append(payload)
                 raise ap.ConnectionClosed("close frame")
             else:
                 try:
