@@ -15,8 +15,9 @@ struct FailureEntry {
 
 // Indexed by Failure.
 constexpr FailureEntry FAILURES[] = {
-    {"usage", 2},    {"bad_argument", 1}, {"refused", 1}, {"failed", 1},      {"bad_answer", 1},
-    {"internal", 1}, {"timeout", 3},      {"busy", 3},    {"unreachable", 3},
+    {"usage", 2},       {"bad_argument", 1},       {"refused", 1}, {"failed", 1},
+    {"bad_answer", 1},  {"internal", 1},           {"timeout", 3}, {"busy", 3},
+    {"unreachable", 3}, {"untrusted_listener", 1},
 };
 
 // The human texts begin or end with newlines that only a terminal needs.

@@ -12,9 +12,6 @@
 
 namespace {
 
-constexpr const char* UNREACHABLE_MESSAGE =
-    "Could not connect to the Transfer Agent on 127.0.0.1:11038.\n";
-
 constexpr const char* BUSY_MESSAGE =
     "Could not execute command because another program is executing operation with the "
     "Transfer Agent. You probably have a Graphic User interface or another client communicating "

@@ -18,8 +18,13 @@ constexpr uint16_t TRANSFER_AGENT_PORT = 11038;
 constexpr int32_t TRANSFER_AGENT_RECONNECTION_POLICY = 3;
 constexpr int32_t TRANSFER_AGENT_RETRY_DELAY = 3;
 
-// Network module, dispatcher, IPC config, busy notice. Prints and exits 1
-// when the dispatcher or the config cannot be created.
+// Every connection attempt failed (--json, --events, --check).
+constexpr const char* UNREACHABLE_MESSAGE =
+    "Could not connect to the Transfer Agent on 127.0.0.1:11038.\n";
+
+// Network module, dispatcher, IPC config, busy notice, connection tracking.
+// Ends the run ("internal") when the dispatcher or the config cannot be
+// created.
 IpcClientConfig* start_transfer_agent_client();
 // The same with another reconnection policy (--check tries once).
 IpcClientConfig* start_transfer_agent_client(int32_t reconnection_policy);
@@ -33,13 +38,14 @@ int run_ipc_client(IpcClientConfig* config);
 void stop_transfer_agent_client(IpcClientConfig* config);
 
 // Subscriber of IPC_EVENT_PLEASE_DISCONNECT: another client is being served.
-// Prints and exits 1.
+// Ends the run as a "busy" failure (report.h).
 void busy_callback(uint32_t event_id, void* data);
 
-// Time-outs of get_tenants and remove_tenant: print and exit 1.
+// Time-outs of get_tenants and remove_tenant. They end the run as a failure
+// (report.h): "timeout", or "unreachable" when no connection was ever made.
 void timeout_callback(evutil_socket_t fd, short flags, void* argument);
 // Time-out of the other single-answer commands, which also suggests checking
-// that the Sylvane Network process runs: print and exit 1.
+// that the Sylvane Network process runs; ends the run the same way.
 void agent_timeout_callback(evutil_socket_t fd, short flags, void* argument);
 
 // Writes `text` whole to `stream`, then ends the process with `status`.

@@ -141,7 +141,11 @@ void signal_callback(evutil_socket_t, short, void*) {
     close_politely();
 }
 
+// --wait ran out: a polite end, unless the agent was never reached.
 void wait_over_callback(evutil_socket_t, short, void*) {
+    if (!run_state().connected) {
+        fail(Failure::unreachable, UNREACHABLE_MESSAGE);
+    }
     close_politely();
 }
 

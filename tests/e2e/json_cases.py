@@ -284,6 +284,9 @@ for name, args, script, stdout, lines, status, stderr, fields in [
                  agent=script, **fields))
     both_ends(name, ["--events"] + args, lines, status=status, agent=script, **fields)
 
+add(JsonCase("events_no_agent_within_wait", ["--events", "--wait", "1"], status=3,
+             stderr="Could not connect to the Transfer Agent on 127.0.0.1:11038.\n",
+             elapsed=after(1)))
 add(JsonCase("events_not_websocket", ["--events"], plain_server=True, status=3, elapsed=(0, 2.5),
              stderr="The connection to the Transfer Agent was lost.\n"))
 
@@ -299,21 +302,21 @@ add(JsonCase("wait_bad_value", ["-s", "web1", "--wait", "0"], status=1, agent={}
              connects=False, stderr="Bad value for --wait. Expected a whole number of seconds "
                                     "from 1 to 86400.\n"))
 add(JsonCase("no_wait", ["-s", "web1", "--no-wait"], stdout=REQUESTED,
-             agent={"connect_tenants": [ACKED, wait(2), PROGRESS]}, elapsed=(0, 1.5)))
+             agent={"connect_tenants": [ACKED, wait(3), PROGRESS]}, elapsed=(0, 2.5)))
 both_ends("no_wait", ["--no-wait", "-d", "web1"], [dict(ok=True, state="requested", **WEB1)],
-          agent={"disconnect_tenants": [ACKED]}, elapsed=(0, 1.5))
+          agent={"disconnect_tenants": [ACKED]}, elapsed=(0, 2.5))
 
 # -- --check ------------------------------------------------------------------------------
 for name, script, stdout, lines, stderr, seconds in [
         ("live", {"get_proxy": [reply(PROXY)]},
          re.compile(r"Transfer Agent is answering on 127\.0\.0\.1:11038 \(\d+\.\d ms\)\.\n"),
-         [dict(ok=True, latency_ms=NUMBER)], "", (0, 1)),
+         [dict(ok=True, latency_ms=NUMBER)], "", (0, 1.9)),
         ("silent", {}, "", [failure("timeout", ANY, 3)],
          "Transfer Agent did not answer within 2 seconds.\n", after(2)),
         ("not_websocket", "plain", "", [failure("bad_answer", ANY, 1)],
          "The program listening on 127.0.0.1:11038 is not a Transfer Agent.\n", (0, 3)),
         ("nothing", None, "", [failure("unreachable", ANY, 3)],
-         "Nothing is listening on 127.0.0.1:11038.\n", (0, 1))]:
+         "Nothing is listening on 127.0.0.1:11038.\n", (0, 1.9))]:
     plain = script == "plain"
     fields = dict(agent=None if plain else script, plain_server=plain, elapsed=seconds)
     add(JsonCase("check_" + name, ["--check"], stdout=stdout, stderr=stderr,
