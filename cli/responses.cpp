@@ -1,6 +1,7 @@
 #include "cli/responses.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -146,8 +147,8 @@ public:
     void text(const char* part) { bytes(part, strlen(part)); }
     void number(int value) {
         char digits[16];
-        const int length = snprintf(digits, sizeof digits, "%d", value);
-        bytes(digits, static_cast<size_t>(length));
+        const auto result = std::to_chars(digits, digits + sizeof digits, value);
+        bytes(digits, static_cast<size_t>(result.ptr - digits));
     }
     // label, then value, then a newline.
     void line(const char* label, const char* value) {

@@ -372,6 +372,14 @@ private:
                 *full = true;
                 return nullptr;
             }
+            if (end_ - in >= 16 && limit - out >= 16) {
+                const size_t run = std::min(plain_run(in, out), static_cast<size_t>(end - in));
+                in += run;
+                out += run;
+                if (run == 16 || in == end) {
+                    continue;
+                }
+            }
             const auto byte = static_cast<uint8_t>(*in);
             if (byte == '\\') {
                 in = escape(in, end, &out);
@@ -398,6 +406,52 @@ private:
         return out;
     }
 
+    // Copies 16 bytes from in to out (both have room) and returns how many
+    // of them lead up to the first escape or byte outside ASCII. A service
+    // list's strings are JSON texts, with an escaped quote every few bytes.
+    static size_t plain_run(const char* in, char* out) {
+#ifdef __SSE2__
+        const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out), bytes);
+        // Signed compare: below zero is every byte >= 0x80.
+        const int mask =
+            _mm_movemask_epi8(_mm_or_si128(_mm_cmpeq_epi8(bytes, _mm_set1_epi8('\\')),
+                                           _mm_cmplt_epi8(bytes, _mm_setzero_si128())));
+        return mask == 0 ? 16 : static_cast<size_t>(__builtin_ctz(static_cast<unsigned>(mask)));
+#else
+        size_t run = 0;
+        while (run < 16 && in[run] != '\\' && static_cast<uint8_t>(in[run]) < 0x80) {
+            out[run] = in[run];
+            ++run;
+        }
+        return run;
+#endif
+    }
+
+    // The character a one-letter escape stands for, or 0 when not one.
+    static char escaped(char letter) {
+        switch (letter) {
+            case '"':
+                return '"';
+            case '\\':
+                return '\\';
+            case '/':
+                return '/';
+            case 'b':
+                return '\b';
+            case 'f':
+                return '\f';
+            case 'n':
+                return '\n';
+            case 'r':
+                return '\r';
+            case 't':
+                return '\t';
+            default:
+                return 0;
+        }
+    }
+
     // One escape at `in`; writes its character at *out. Returns the next
     // input byte, or null when the escape is not JSON.
     const char* escape(const char* in, const char* end, char** out) {
@@ -405,10 +459,8 @@ private:
             return nullptr;
         }
         const char letter = in[1];
-        static constexpr char kFrom[] = "\"\\/bfnrt";
-        static constexpr char kTo[] = "\"\\/\b\f\n\r\t";
-        if (const char* found = letter != '\0' ? strchr(kFrom, letter) : nullptr) {
-            *(*out)++ = kTo[found - kFrom];
+        if (const char character = escaped(letter)) {
+            *(*out)++ = character;
             return in + 2;
         }
         if (letter != 'u') {
