@@ -1,9 +1,10 @@
 // One-pass JSON parser into an arena per document.
 //
 // The largest documents the tool reads are service lists: one string per
-// service, each holding a JSON text of its own. So strings are found with a
-// 16-byte scan, copied whole when they need no decoding, and every value is
-// a 16-byte node in the arena: one allocation per document, not per value.
+// service, each holding a JSON text of its own, with an escaped quote every
+// few bytes. So strings are decoded in one pass, 16 bytes at a time between
+// escapes, straight into the arena, and every value is a 16-byte node there:
+// one allocation per document, not per value.
 //
 // Bounds: a peer may send up to 16 MiB. At most kMaxValues values (4 MiB of
 // nodes), kMaxDepth levels (the parser recurses once per level) and
