@@ -4,9 +4,12 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "cli/agent_listener.h"
 #include "cli/follow_up.h"
 #include "cli/parsing.h"
+#include "cli/report.h"
 #include "cli/responses.h"
+#include "cli/run_state.h"
 #include "cli/startup.h"
 #include "network/network.h"
 
@@ -31,27 +34,14 @@ constexpr const char* BAD_U_MESSAGE =
 constexpr const char* TRACEABILITY_FAILURE =
     "An error occurred while saving traceability configuration.\n";
 
-// The one-item subscription list of add, enable and disable. The config
-// takes the item; the list container is ours.
-List* create_subscription_list(ResponseCallback callback) {
-    auto* item = static_cast<SubscriptionRequest*>(calloc(1, sizeof(SubscriptionRequest)));
-    List* list = item != nullptr ? LinkedList.create(item) : nullptr;
-    if (list == nullptr) {
-        free(item);
-        finish(stderr, "Unable to allocate memory.\n", 1);
-    }
-    snprintf(item->subscription_name, sizeof item->subscription_name, "%s", SUBSCRIPTION_NAME);
-    snprintf(item->event_name, sizeof item->event_name, "%s", EVENT_NAME);
-    item->callback = callback;
-    return list;
-}
-
-void add_subscription_list(IpcClientConfig* config, List* list) {
-    IpcConfig.add_subscriptions(config, list);
-    LinkedList.free(list, nullptr);
+// --wait replaces the follow-up time-out of add, enable and disable.
+int64_t follow_up_seconds(int64_t default_seconds) {
+    int64_t wait = run_state().wait_seconds;
+    return wait > 0 ? wait : default_seconds;
 }
 
 void arm_timeout(IpcClientConfig* config, event_callback_fn callback, int64_t seconds) {
+    run_state().timeout_seconds = seconds;
     IpcConfig.set_timeout(config, Network.get_event_base(), callback, nullptr, seconds);
 }
 
@@ -59,7 +49,7 @@ void arm_timeout(IpcClientConfig* config, event_callback_fn callback, int64_t se
 void parse_service_target(ServiceRequest* request, const char* address,
                           const char* forwarding_port) {
     if (Parsing.parse_ip_address_and_port(address, request->ip_address, &request->port) != 0) {
-        finish(stderr, BAD_P_MESSAGE, 1);
+        fail(Failure::bad_argument, BAD_P_MESSAGE);
     }
     if (forwarding_port == nullptr) {
         request->virtual_port = request->port;
@@ -69,17 +59,21 @@ void parse_service_target(ServiceRequest* request, const char* address,
     char port_text[8];
     snprintf(port_text, sizeof port_text, "%d", request->port);
     if (strcmp(port_text, forwarding_port) == 0) {
-        finish(stderr, SAME_PORTS_MESSAGE, 1);
+        fail(Failure::bad_argument, SAME_PORTS_MESSAGE);
     }
     if (Parsing.parse_port(forwarding_port, &request->virtual_port) != 0) {
-        finish(stderr, BAD_F_MESSAGE, 1);
+        fail(Failure::bad_argument, BAD_F_MESSAGE);
     }
 }
 
-// Runs the conversation; back here, nothing is left to do with it.
+// Runs the conversation; back here, nothing is left to do with it. A JSON
+// run always ends with a final object, also when the answer was unusable.
 void run(IpcClientConfig* config) {
     run_ipc_client(config);
     stop_transfer_agent_client(config);
+    if (json_mode() && !run_state().finished) {
+        fail(Failure::bad_answer, "The Transfer Agent gave no usable answer.\n", about_service());
+    }
 }
 
 void free_text(void* text) {
@@ -107,9 +101,28 @@ bool parse_whole_number(const char* text, int32_t* value) {
 
 }  // namespace
 
+// The one-item subscription list of add, enable and disable. The config
+// takes the item; the list container is ours.
+List* create_subscription_list(ResponseCallback callback) {
+    auto* item = static_cast<SubscriptionRequest*>(calloc(1, sizeof(SubscriptionRequest)));
+    List* list = item != nullptr ? LinkedList.create(item) : nullptr;
+    if (list == nullptr) {
+        free(item);
+        fail(Failure::internal, "Unable to allocate memory.\n");
+    }
+    snprintf(item->subscription_name, sizeof item->subscription_name, "%s", SUBSCRIPTION_NAME);
+    snprintf(item->event_name, sizeof item->event_name, "%s", EVENT_NAME);
+    item->callback = callback;
+    return list;
+}
+
+void add_subscription_list(IpcClientConfig* config, List* list) {
+    IpcConfig.add_subscriptions(config, list);
+    LinkedList.free(list, nullptr);
+}
+
 JsonValue* build_add_request(void* argument) {
     auto* request = static_cast<ServiceRequest*>(argument);
-    current_service_name = request->name;
     JsonValue* data = json_create_json_object();
     json_add_string_child(data, "method", "api_key");
     json_add_string_child(data, "value", request->api_key);
@@ -133,7 +146,6 @@ JsonValue* build_add_request(void* argument) {
 
 JsonValue* build_edit_request(void* argument) {
     auto* request = static_cast<ServiceRequest*>(argument);
-    current_service_name = request->name;
     JsonValue* data = json_create_json_object();
     json_add_string_child(data, "tenant_name", request->name);
     json_add_string_child(data, "ip_address", request->ip_address);
@@ -143,9 +155,8 @@ JsonValue* build_edit_request(void* argument) {
 }
 
 JsonValue* build_remove_request(void* name) {
-    current_service_name = static_cast<const char*>(name);
     JsonValue* data = json_create_json_object();
-    json_add_string_child(data, "tenant_name", current_service_name);
+    json_add_string_child(data, "tenant_name", static_cast<const char*>(name));
     return data;
 }
 
@@ -154,14 +165,12 @@ JsonValue* build_empty_request(void*) {
 }
 
 JsonValue* build_connect_request(void* name) {
-    current_service_name = static_cast<const char*>(name);
-    return build_name_list_request(current_service_name, true);
+    return build_name_list_request(static_cast<const char*>(name), true);
 }
 
 // Keeps its JSON list: a few bytes that end with the process.
 JsonValue* build_disconnect_request(void* name) {
-    current_service_name = static_cast<const char*>(name);
-    return build_name_list_request(current_service_name, false);
+    return build_name_list_request(static_cast<const char*>(name), false);
 }
 
 JsonValue* build_enable_flag_request(void* enable) {
@@ -202,21 +211,23 @@ void add_service(const char* name, const char* address, const char* forwarding_p
     ServiceRequest request{};
     parse_service_target(&request, address, forwarding_port);
     if (api_key == nullptr || strlen(api_key) != API_KEY_LENGTH) {
-        finishf(stderr, 1, "Bad format specified in k parameter. Expected length of %d\n",
-                API_KEY_LENGTH);
+        failf(Failure::bad_argument, JsonWriter(),
+              "Bad format specified in k parameter. Expected length of %d\n", API_KEY_LENGTH);
     }
     if (clear_services != nullptr) {
         request.clear_services = LinkedList.create(nullptr);
         if (request.clear_services == nullptr) {
-            finish(stderr, "Unable to allocate memory.\n", 1);
+            fail(Failure::internal, "Unable to allocate memory.\n");
         }
         if (Parsing.parse_clear_services(clear_services, request.clear_services) != 0) {
-            finish(stderr, BAD_U_MESSAGE, 1);
+            fail(Failure::bad_argument, BAD_U_MESSAGE);
         }
     }
     snprintf(request.api_key, sizeof request.api_key, "%s", api_key);
     snprintf(request.name, sizeof request.name, "%s", name);
-    arm_timeout(config, agent_timeout_callback, 4);
+    run_state().service_name = request.name;
+    AgentListener.guard(TRANSFER_AGENT_PORT);  // the key goes only to a trusted listener
+    arm_timeout(config, agent_timeout_callback, follow_up_seconds(4));
     add_subscription_list(config, subscriptions);
     IpcConfig.add_command(config, "add_tenant", build_add_request, &request, add_response);
     run(config);
@@ -227,6 +238,7 @@ void edit_service(const char* name, const char* address, const char* forwarding_
     ServiceRequest request{};
     parse_service_target(&request, address, forwarding_port);
     snprintf(request.name, sizeof request.name, "%s", name);
+    run_state().service_name = request.name;
     arm_timeout(config, agent_timeout_callback, 4);
     IpcConfig.add_command(config, "edit_tenant", build_edit_request, &request, edit_response);
     run(config);
@@ -235,6 +247,7 @@ void edit_service(const char* name, const char* address, const char* forwarding_
 // The builders take the name as it is (uncut) and never write through it.
 void remove_service(const char* name) {
     IpcClientConfig* config = start_transfer_agent_client();
+    run_state().service_name = name;
     arm_timeout(config, timeout_callback, 4);
     IpcConfig.add_command(config, "remove_tenant", build_remove_request, const_cast<char*>(name),
                           remove_response);
@@ -250,8 +263,9 @@ void list_services() {
 
 void enable_service(const char* name) {
     IpcClientConfig* config = start_transfer_agent_client();
+    run_state().service_name = name;
     List* subscriptions = create_subscription_list(enable_event_handler);
-    arm_timeout(config, enabling_timeout_callback, 15);
+    arm_timeout(config, enabling_timeout_callback, follow_up_seconds(15));
     add_subscription_list(config, subscriptions);
     IpcConfig.add_command(config, "connect_tenants", build_connect_request, const_cast<char*>(name),
                           enable_response);
@@ -260,8 +274,9 @@ void enable_service(const char* name) {
 
 void disable_service(const char* name) {
     IpcClientConfig* config = start_transfer_agent_client();
+    run_state().service_name = name;
     List* subscriptions = create_subscription_list(disable_event_handler);
-    arm_timeout(config, disabling_timeout_callback, 5);
+    arm_timeout(config, disabling_timeout_callback, follow_up_seconds(5));
     add_subscription_list(config, subscriptions);
     IpcConfig.add_command(config, "disconnect_tenants", build_disconnect_request,
                           const_cast<char*>(name), disable_response);
@@ -285,20 +300,20 @@ void set_proxy_state(int enable) {
 
 void save_proxy_config(const char* address, const char* proxy_type) {
     if (address == nullptr || proxy_type == nullptr) {
-        finish(stderr, "An error occurred while saving proxy configuration.\n", 1);
+        fail(Failure::bad_argument, "An error occurred while saving proxy configuration.\n");
     }
     IpcClientConfig* config = start_transfer_agent_client();
     ProxyRequest request{};
     char ip_address[IPV4_TEXT_SIZE] = {};
     if (Parsing.parse_ip_address_and_port(address, ip_address, &request.port) != 0) {
-        finish(stderr, BAD_C_MESSAGE, 1);
+        fail(Failure::bad_argument, BAD_C_MESSAGE);
     }
     if (strcmp(proxy_type, "HTTP") != 0 && strcmp(proxy_type, "HTTPS") != 0 &&
         strcmp(proxy_type, "Socks5") != 0) {
-        finishf(stderr, 1,
-                "Bad format specified in t parameter. Expected proxy type. Possible values: %s, "
-                "%s, %s.\n",
-                "HTTP", "HTTPS", "Socks5");
+        failf(Failure::bad_argument, JsonWriter(),
+              "Bad format specified in t parameter. Expected proxy type. Possible values: %s, "
+              "%s, %s.\n",
+              "HTTP", "HTTPS", "Socks5");
     }
     snprintf(request.ip_address, sizeof request.ip_address, "%s", ip_address);
     snprintf(request.proxy_type, sizeof request.proxy_type, "%s", proxy_type);
@@ -324,7 +339,7 @@ void save_traceability_config(const char* target, const char* path, const char* 
                               const char* max_size, const char* address, const char* port,
                               const char* protocol) {
     if (target == nullptr) {
-        finish(stderr, TRACEABILITY_FAILURE, 1);
+        fail(Failure::bad_argument, TRACEABILITY_FAILURE);
     }
     IpcClientConfig* config = start_transfer_agent_client();
     TraceabilityConfig request{};
@@ -333,23 +348,21 @@ void save_traceability_config(const char* target, const char* path, const char* 
         request.path = path;
         request.filename_format = filename_format;
         if (!parse_whole_number(max_size, &request.max_size)) {
-            finish(stderr,
-                   "An error occurred while saving traceability configuration. Unable to "
-                   "retrieve syslog server port.\n",
-                   1);
+            fail(Failure::bad_argument,
+                 "An error occurred while saving traceability configuration. Unable to "
+                 "retrieve syslog server port.\n");
         }
     } else if (strcmp(target, "syslog") == 0) {
         request.address = address;
         request.protocol = protocol;
         if (!parse_whole_number(port, &request.port)) {
-            finish(stderr,
-                   "An error occurred while saving traceability configuration. Unable to "
-                   "retrieve file max size.\n",
-                   1);
+            fail(Failure::bad_argument,
+                 "An error occurred while saving traceability configuration. Unable to "
+                 "retrieve file max size.\n");
         }
     } else if (strcmp(target, "console") != 0) {
-        finish(stderr,
-               "An error occurred while saving traceability configuration. Unknown target.\n", 1);
+        fail(Failure::bad_argument,
+             "An error occurred while saving traceability configuration. Unknown target.\n");
     }
     arm_timeout(config, agent_timeout_callback, 4);
     IpcConfig.add_command(config, "save_traceability_logger_config", build_traceability_request,

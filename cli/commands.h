@@ -45,7 +45,7 @@ struct TraceabilityConfig {
 };
 
 // Request builders (ExecutionCallback). Each returns a new object owned by
-// the caller. The ones taking a name set current_service_name.
+// the caller.
 JsonValue* build_add_request(void* service_request);   // frees clear_services
 JsonValue* build_edit_request(void* service_request);  // ServiceRequest*
 JsonValue* build_remove_request(void* name);           // char*
@@ -55,6 +55,12 @@ JsonValue* build_disconnect_request(void* name);       // char*
 JsonValue* build_enable_flag_request(void* enable);    // int*: set_proxy, audit
 JsonValue* build_save_proxy_request(void* proxy_request);
 JsonValue* build_traceability_request(void* traceability_config);
+
+// The one-item "services_subscription" list whose events go to `callback`;
+// prints and exits 1 when it cannot be made.
+List* create_subscription_list(ResponseCallback callback);
+// Hands the list's item to the config and frees the list.
+void add_subscription_list(IpcClientConfig* config, List* list);
 
 // Command operations reached from the command line. Texts that may be null
 // are marked so.

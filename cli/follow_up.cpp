@@ -1,23 +1,32 @@
 #include "cli/follow_up.h"
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
+#include "cli/report.h"
+#include "cli/run_state.h"
 #include "cli/startup.h"
 #include "cli/tenants.h"
 
 namespace {
 
-constexpr size_t NAME_SIZE = 40;
-constexpr size_t STATUS_SIZE = 255;
-constexpr size_t SYNCHRONIZED_SIZE = 9;
-constexpr size_t REASON_SIZE = 100;
+// A "reason" as the agent sent it; JSON output carries it only when sent.
+struct Reason {
+    char text[REASON_SIZE];
+    bool sent;
+
+    void read(const JsonValue* tenant) {
+        sent = json_get_string_value(tenant, "reason", text, sizeof text) >= 0;
+    }
+    const char* sent_text() const { return sent ? text : nullptr; }
+};
 
 // The acknowledgement of connect_tenants or disconnect_tenants for the
 // current service.
 enum class Ack { none, accepted, refused };
 
-Ack find_ack(const TenantList& list, char* reason, size_t reason_size) {
+Ack find_ack(const TenantList& list, Reason* reason) {
     for (int i = 0; i < list.count; i++) {
         if (!is_string_item(list.items[i])) {
             continue;
@@ -32,7 +41,7 @@ Ack find_ack(const TenantList& list, char* reason, size_t reason_size) {
             ack >= 0 && json_get_string_value(tenant, "tenant_name", name, sizeof name) >= 0;
         if (readable && is_current_service(name)) {
             if (ack == 0) {
-                json_get_string_value(tenant, "reason", reason, reason_size);
+                reason->read(tenant);
             }
             json_free_value(tenant);
             return ack == 1 ? Ack::accepted : Ack::refused;
@@ -42,21 +51,65 @@ Ack find_ack(const TenantList& list, char* reason, size_t reason_size) {
     return Ack::none;
 }
 
-// Shared by both responses; returns the refusal's reason holder filled.
-Ack read_ack(const JsonValue* data, const char* failure, char* reason, size_t reason_size) {
+// Shared by both responses: the refusal fills `reason`. An accepted request
+// prints its line (or, with --no-wait, ends the run there).
+Ack read_ack(const JsonValue* data, const char* failure, const char* requested, Reason* reason) {
     TenantList list{};
     if (!read_tenant_list(data, &list)) {
-        finish(stderr, failure, 1);
+        fail(Failure::bad_answer, failure, about_service());
     }
-    Ack ack = find_ack(list, reason, reason_size);
+    Ack ack = find_ack(list, reason);
     release_tenant_list(&list);
+    if (ack != Ack::accepted) {
+        return ack;
+    }
+    JsonWriter fields = about_service();
+    fields.text("state", "requested");
+    if (run_state().no_wait) {
+        if (!json_mode()) {
+            printf(requested, run_state().service_name);
+        }
+        report_success(nullptr, fields);
+        exit(0);
+    }
+    if (json_mode()) {
+        emit(fields);
+    } else {
+        printf(requested, run_state().service_name);
+        fflush(stdout);
+    }
     return ack;
 }
 
-// What one event element means for the service being enabled.
+// What one event element means for the service being followed.
 enum class Step { next, stop, enabled, disconnected, failed, bad_format };
 
-Step enabling_step(const JsonListItem* item) {
+// One progress line: dots in human mode, an object per event in JSON mode.
+void show_progress(const char* status, const char* synchronized_text) {
+    RunState& state = run_state();
+    if (json_mode()) {
+        JsonWriter fields = about_service();
+        fields.text("status", status);
+        if (synchronized_text != nullptr) {
+            fields.boolean("synchronized", strcmp(synchronized_text, "true") == 0);
+        }
+        emit(fields);
+        return;
+    }
+    if (synchronized_text == nullptr) {
+        fputs(state.enabling_progress_count == 0 ? "Service enabling in progress..." : ".", stdout);
+        fflush(stdout);
+        return;
+    }
+    if (state.sync_started == 0) {
+        fputs("\nSyncing..", stdout);
+        fflush(stdout);
+    }
+    fputs(".", stdout);
+    fflush(stdout);
+}
+
+Step enabling_step(const JsonListItem* item, Reason* reason) {
     if (!is_string_item(item)) {
         return Step::bad_format;
     }
@@ -68,37 +121,31 @@ Step enabling_step(const JsonListItem* item) {
     char status[STATUS_SIZE] = {};
     char synchronized_text[SYNCHRONIZED_SIZE] = {};
     Step step = Step::next;
+    RunState& state = run_state();
     if (json_get_string_value(tenant, "tenant_name", name, sizeof name) < 0 ||
         json_get_string_value(tenant, "status", status, sizeof status) < 0 ||
         !is_current_service(name)) {
         step = Step::next;
     } else if (strcmp(status, "in progress") == 0) {
-        fputs(enabling_progress_count == 0 ? "Service enabling in progress..." : ".", stdout);
-        fflush(stdout);
-        enabling_progress_count++;
+        show_progress(status, nullptr);
+        state.enabling_progress_count++;
     } else if (strcmp(status, "connected") == 0) {
-        if (sync_started == 0) {
-            fputs("\nSyncing..", stdout);
-            fflush(stdout);
-        }
-        sync_started = 1;
-        fputs(".", stdout);
-        fflush(stdout);
         json_get_string_value(tenant, "synchronized", synchronized_text, sizeof synchronized_text);
+        show_progress(status, synchronized_text);
+        state.sync_started = 1;
         step = strcmp(synchronized_text, "true") == 0 ? Step::enabled : Step::stop;
     } else if (strcmp(status, "disconnected") == 0) {
         step = Step::disconnected;
     } else if (strcmp(status, "error") == 0) {
-        // The reason is read but deliberately not shown.
-        char reason[REASON_SIZE] = {};
-        json_get_string_value(tenant, "reason", reason, sizeof reason);
+        // Human mode does not show the reason; JSON mode does.
+        reason->read(tenant);
         step = Step::failed;
     }
     json_free_value(tenant);
     return step;
 }
 
-Step disabling_step(const JsonListItem* item) {
+Step disabling_step(const JsonListItem* item, Reason*) {
     if (!is_string_item(item)) {
         return Step::bad_format;
     }
@@ -116,42 +163,50 @@ Step disabling_step(const JsonListItem* item) {
 }
 
 // Runs `step_of` over the event's elements until one settles or stops.
-Step follow_event(const JsonValue* data, Step (*step_of)(const JsonListItem*)) {
+Step follow_event(const JsonValue* data, Step (*step_of)(const JsonListItem*, Reason*),
+                  Reason* reason) {
     TenantList list{};
     if (!read_tenant_list(data, &list)) {
         return Step::bad_format;
     }
     Step step = Step::next;
     for (int i = 0; i < list.count && step == Step::next; i++) {
-        step = step_of(list.items[i]);
+        step = step_of(list.items[i], reason);
     }
     release_tenant_list(&list);
     return step;
 }
 
+// The service reached its final state: ends the run with status 0.
+[[noreturn]] void settled(const char* human_text, const char* state, const char* synchronized) {
+    JsonWriter fields = about_service();
+    fields.text("state", state);
+    if (synchronized != nullptr) {
+        fields.boolean("synchronized", strcmp(synchronized, "true") == 0);
+    }
+    report_success(human_text, fields);
+    exit(0);
+}
+
 }  // namespace
 
 char* enable_response(JsonValue* data) {
-    char reason[REASON_SIZE] = {};
-    Ack ack = read_ack(data, "An error occurred while enabling service.\n", reason, sizeof reason);
-    if (ack == Ack::accepted) {
-        printf("Requested service enabling for '%s'...\n", current_service_name);
-        fflush(stdout);
-    } else if (ack == Ack::refused) {
-        finishf(stderr, 1, "Could not enable service '%s'. %s\n", current_service_name, reason);
+    Reason reason{};
+    if (read_ack(data, "An error occurred while enabling service.\n",
+                 "Requested service enabling for '%s'...\n", &reason) == Ack::refused) {
+        failf(Failure::refused, about_service(reason.sent_text()),
+              "Could not enable service '%s'. %s\n", run_state().service_name, reason.text);
     }
     return nullptr;
 }
 
-// A refusal's reason is read but not shown.
+// Human mode does not show a refusal's reason.
 char* disable_response(JsonValue* data) {
-    char reason[REASON_SIZE] = {};
-    Ack ack = read_ack(data, "An error occurred while disabling service.\n", reason, sizeof reason);
-    if (ack == Ack::accepted) {
-        printf("Requested service disabling for '%s'...\n", current_service_name);
-        fflush(stdout);
-    } else if (ack == Ack::refused) {
-        finishf(stderr, 1, "Could not disable service '%s'. %s\n", current_service_name, "");
+    Reason reason{};
+    if (read_ack(data, "An error occurred while disabling service.\n",
+                 "Requested service disabling for '%s'...\n", &reason) == Ack::refused) {
+        failf(Failure::refused, about_service(reason.sent_text()),
+              "Could not disable service '%s'. %s\n", run_state().service_name, "");
     }
     return nullptr;
 }
@@ -160,16 +215,19 @@ char* enable_event_handler(JsonValue* data) {
     if (data == nullptr) {
         return nullptr;
     }
-    switch (follow_event(data, enabling_step)) {
+    Reason reason{};
+    switch (follow_event(data, enabling_step, &reason)) {
         case Step::enabled:
-            finish(stdout, "\nService enabled and synchronized successfully.\n", 0);
+            settled("\nService enabled and synchronized successfully.\n", "enabled", "true");
         case Step::disconnected:
-            finishf(stderr, 1, "\nCould not enable service '%s'. Received a disconnection event.\n",
-                    current_service_name);
+            failf(Failure::failed, about_service(),
+                  "\nCould not enable service '%s'. Received a disconnection event.\n",
+                  run_state().service_name);
         case Step::failed:
-            finishf(stderr, 1, "\nCould not enable service '%s'. \n", current_service_name);
+            failf(Failure::failed, about_service(reason.sent_text()),
+                  "\nCould not enable service '%s'. \n", run_state().service_name);
         case Step::bad_format:
-            finish(stderr, BAD_TENANTS_EVENT, 1);
+            fail(Failure::bad_answer, BAD_TENANTS_EVENT, about_service());
         case Step::next:
         case Step::stop:
             break;
@@ -181,11 +239,12 @@ char* disable_event_handler(JsonValue* data) {
     if (data == nullptr) {
         return nullptr;
     }
-    switch (follow_event(data, disabling_step)) {
+    Reason reason{};
+    switch (follow_event(data, disabling_step, &reason)) {
         case Step::disconnected:
-            finish(stdout, "Service disabled successfully.\n", 0);
+            settled("Service disabled successfully.\n", "disabled", nullptr);
         case Step::bad_format:
-            finish(stderr, BAD_TENANTS_EVENT, 1);
+            fail(Failure::bad_answer, BAD_TENANTS_EVENT, about_service());
         default:
             break;
     }
@@ -195,16 +254,17 @@ char* disable_event_handler(JsonValue* data) {
 // Progress and a started sync count as enabled: the Transfer Agent keeps
 // synchronising after the tool leaves.
 void enabling_timeout_callback(evutil_socket_t fd, short flags, void* argument) {
-    if (enabling_progress_count != 0 && sync_started == 1) {
-        sync_started = 0;
-        finish(stdout, "\nService enabled successfully.\n", 0);
+    RunState& state = run_state();
+    if (state.enabling_progress_count != 0 && state.sync_started == 1) {
+        state.sync_started = 0;
+        settled("\nService enabled successfully.\n", "enabled", "false");
     }
-    if (enabling_progress_count != 0) {
-        finish(stderr,
-               "\nService is still not enabled after 15 seconds.\nTransfer Agent will continue "
-               "trying to enable it but you should probably check that you can access Sylvane "
-               "network from this machine and whether provided API key is correct.\n",
-               1);
+    if (state.enabling_progress_count != 0) {
+        failf(Failure::timeout, about_service(),
+              "\nService is still not enabled after %lld seconds.\nTransfer Agent will continue "
+              "trying to enable it but you should probably check that you can access Sylvane "
+              "network from this machine and whether provided API key is correct.\n",
+              static_cast<long long>(state.timeout_seconds));
     }
     timeout_callback(fd, flags, argument);  // nothing seen: the plain time-out
 }
@@ -212,10 +272,10 @@ void enabling_timeout_callback(evutil_socket_t fd, short flags, void* argument) 
 // Only enabling advances the progress count, so a disabling run reports the
 // second text; the first is kept for a shared counter.
 void disabling_timeout_callback(evutil_socket_t fd, short flags, void* argument) {
-    if (enabling_progress_count != 0) {
-        finish(stderr,
-               "\nTransfer Agent was not able to disable the specified service. Please retry.\n",
-               1);
+    if (run_state().enabling_progress_count != 0) {
+        fail(Failure::timeout,
+             "\nTransfer Agent was not able to disable the specified service. Please retry.\n",
+             about_service());
     }
     timeout_callback(fd, flags, argument);  // nothing seen: the plain time-out
 }

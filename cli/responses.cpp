@@ -6,20 +6,14 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "cli/commands.h"
+#include "cli/json_responses.h"
+#include "cli/report.h"
+#include "cli/run_state.h"
 #include "cli/startup.h"
 #include "cli/tenants.h"
 
 namespace {
-
-// Field buffers, NUL included.
-constexpr size_t NAME_SIZE = 40;
-constexpr size_t STATUS_SIZE = 255;
-constexpr size_t IP_ADDRESS_SIZE = 40;
-constexpr size_t PROXY_IP_ADDRESS_SIZE = 17;
-constexpr size_t UUID_SIZE = 37;
-constexpr size_t ONION_ADDRESS_SIZE = 63;
-constexpr size_t REASON_SIZE = 100;
-constexpr size_t PROXY_TYPE_SIZE = 20;
 
 // Texts of one of add, edit and remove.
 struct ServiceResponseTexts {
@@ -80,49 +74,62 @@ constexpr SettingResponseTexts SET_PROXY_TEXTS = {
     "An error occurred while trying to set proxy.\n",
 };
 
+// JSON mode only.
+constexpr SettingResponseTexts AUDIT_TEXTS = {
+    "Authentication status updated successfully\n",
+    "Failed to update authentication status: %s\n",
+    "An error occurred while trying to update authentication status.\n",
+};
+
 constexpr SettingResponseTexts TRACEABILITY_TEXTS = {
     "Traceability configuration successfully saved.\n",
     "Failed to save traceability configuration: %s\n",
     "An error occurred while trying to save traceability configuration.\n",
 };
 
-// Shared by add, edit and remove: {key: bool, "reason": text}.
+// Shared by add, edit and remove: {key: bool, "reason": text}. An accepted
+// add is only a step: its event settles it.
 char* service_response(const JsonValue* data, const ServiceResponseTexts& texts) {
     if (data == nullptr) {
-        finish(stderr, texts.null_data, 1);
+        fail(Failure::bad_answer, texts.null_data, about_service());
     }
     int done = json_get_bool_value(data, texts.key);
     if (done < 0) {
-        finish(stderr, texts.bad_format, 1);
+        fail(Failure::bad_answer, texts.bad_format, about_service());
     }
     if (done == 1) {
         if (texts.success != nullptr) {
-            fputs(texts.success, stdout);
+            report_success(texts.success, about_service());
+        } else if (json_mode()) {
+            emit(about_service().text("state", texts.key));
         }
         return nullptr;
     }
     char reason[REASON_SIZE] = {};
     if (json_get_string_value(data, "reason", reason, sizeof reason) < 0) {
-        finish(stderr, texts.check_arguments, 1);
+        fail(Failure::refused, texts.check_arguments, about_service());
     }
-    finishf(stderr, 1, texts.could_not, current_service_name, reason);
+    failf(Failure::refused, about_service(reason), texts.could_not, run_state().service_name,
+          reason);
 }
 
 // Shared by the proxy and traceability settings: {"success": bool, "reason"}.
 char* setting_response(const JsonValue* data, const SettingResponseTexts& texts) {
     int success = data != nullptr ? json_get_bool_value(data, "success") : -1;
     if (success < 0) {
-        finish(stderr, texts.generic_failure, 1);
+        fail(Failure::bad_answer, texts.generic_failure);
     }
     if (success == 1) {
-        fputs(texts.success, stdout);
+        report_success(texts.success);
         return nullptr;
     }
     char reason[REASON_SIZE] = {};
     if (json_get_string_value(data, "reason", reason, sizeof reason) < 0) {
-        finish(stderr, texts.generic_failure, 1);
+        fail(Failure::refused, texts.generic_failure);
     }
-    finishf(stderr, 1, texts.failure_with_reason, reason);
+    JsonWriter fields;
+    fields.text("reason", reason);
+    failf(Failure::refused, fields, texts.failure_with_reason, reason);
 }
 
 const char* listed_status(const char* status) {
@@ -222,7 +229,8 @@ void print_tenant(const JsonValue* tenant, ListingWriter& out) {
 
 enum class AddOutcome { keep_waiting, added, bad_format };
 
-AddOutcome scan_added_tenants(const TenantList& list) {
+// `onion_address` receives the settling element's address.
+AddOutcome scan_added_tenants(const TenantList& list, char (&onion_address)[ONION_ADDRESS_SIZE]) {
     for (int i = 0; i < list.count; i++) {
         if (!is_string_item(list.items[i])) {
             return AddOutcome::bad_format;
@@ -232,7 +240,6 @@ AddOutcome scan_added_tenants(const TenantList& list) {
             return AddOutcome::keep_waiting;
         }
         char name[NAME_SIZE] = {};
-        char onion_address[ONION_ADDRESS_SIZE] = {};
         bool readable = json_get_string_value(tenant, "tenant_name", name, sizeof name) >= 0 &&
                         json_get_string_value(tenant, "onion_address", onion_address,
                                               sizeof onion_address) >= 0;
@@ -264,6 +271,9 @@ char* remove_response(JsonValue* data) {
 
 // An unparsable element stops the listing there; the rest is not shown.
 char* list_response(JsonValue* data) {
+    if (json_mode()) {
+        return list_response_json(data);
+    }
     TenantList list{};
     if (!read_tenant_list(data, &list) || list.count == 0) {
         release_tenant_list(&list);
@@ -287,30 +297,20 @@ char* list_response(JsonValue* data) {
 }
 
 char* get_proxy_response(JsonValue* data) {
-    if (data == nullptr) {
-        finish(stderr, "An error occurred while trying to get proxy configuration.\n", 1);
+    ProxyAnswer proxy{};
+    const char* fault = read_proxy_answer(data, &proxy);
+    if (fault != nullptr) {
+        fail(Failure::bad_answer, fault);
     }
-    char type[PROXY_TYPE_SIZE] = {};
-    char ip_address[PROXY_IP_ADDRESS_SIZE] = {};
-    if (json_get_string_value(data, "type", type, sizeof type) < 0) {
-        finish(stderr, "Unable to retrieve proxy type.\n", 1);
-    }
-    if (json_get_string_value(data, "ip_address", ip_address, sizeof ip_address) < 0) {
-        finish(stderr, "Unable to retrieve proxy IP address.\n", 1);
-    }
-    int enabled = json_get_bool_value(data, "enabled");
-    if (enabled < 0) {
-        finish(stderr, "Unable to retrieve proxy status.\n", 1);
-    }
-    int port = json_get_int_value(data, "port");
-    if (port < 0) {
-        finish(stderr, "Unable to retrieve proxy port.\n", 1);
+    if (json_mode()) {
+        report_success(nullptr, JsonWriter().value("proxy", proxy_object(proxy)));
+        return nullptr;
     }
     printf("---------- Proxy configuration ----------\n");
-    printf("IP address:\t%s\n", ip_address);
-    printf("Port:\t\t%d\n", port);
-    printf("Type:\t\t%s\n", type);
-    printf("Status:\t\t%s\n", enabled == 1 ? "Enabled" : "Disabled");
+    printf("IP address:\t%s\n", proxy.ip_address);
+    printf("Port:\t\t%d\n", proxy.port);
+    printf("Type:\t\t%s\n", proxy.type);
+    printf("Status:\t\t%s\n", proxy.enabled == 1 ? "Enabled" : "Disabled");
     return nullptr;
 }
 
@@ -322,10 +322,14 @@ char* save_proxy_response(JsonValue* data) {
     return setting_response(data, SAVE_PROXY_TEXTS);
 }
 
-// The answer is not read, and the run ends with status 1 even so: scripts
-// that drive the audit rely on this status.
-char* audit_response(JsonValue*) {
-    finish(stdout, "Authentication status updated successfully\n", 1);
+// Human mode does not read the answer and ends with status 1 even so:
+// scripts that drive the audit rely on this status. JSON mode reads
+// "success" like the other settings.
+char* audit_response(JsonValue* data) {
+    if (!json_mode()) {
+        finish(stdout, "Authentication status updated successfully\n", 1);
+    }
+    return setting_response(data, AUDIT_TEXTS);
 }
 
 char* traceability_response(JsonValue* data) {
@@ -338,15 +342,20 @@ char* add_event_handler(JsonValue* data) {
         return nullptr;
     }
     if (!read_tenant_list(data, &list)) {
-        finish(stderr, BAD_TENANTS_EVENT, 1);
+        fail(Failure::bad_answer, BAD_TENANTS_EVENT, about_service());
     }
-    AddOutcome outcome = scan_added_tenants(list);
+    char onion_address[ONION_ADDRESS_SIZE] = {};
+    AddOutcome outcome = scan_added_tenants(list, onion_address);
     release_tenant_list(&list);
     if (outcome == AddOutcome::bad_format) {
-        finish(stderr, BAD_TENANTS_EVENT, 1);
+        fail(Failure::bad_answer, BAD_TENANTS_EVENT, about_service());
     }
     if (outcome == AddOutcome::added) {
-        finish(stdout, "Service added successfully.\n", 0);
+        JsonWriter fields = about_service();
+        fields.text("state", "added")
+            .text("onion_address", onion_address[0] != '\0' ? onion_address : nullptr);
+        report_success("Service added successfully.\n", fields);
+        exit(0);
     }
     return nullptr;
 }

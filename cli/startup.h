@@ -1,8 +1,6 @@
 // Start-up shared by every command: the network module, the event
 // dispatcher, the IPC configuration towards the Transfer Agent, the busy
-// notice, the time-out callbacks and the run of the event loop. Also the
-// module-wide state that the request builders, response handlers and
-// follow-up handlers share.
+// notice, the time-out callbacks and the run of the event loop.
 #pragma once
 
 #include <event2/event.h>
@@ -20,17 +18,16 @@ constexpr uint16_t TRANSFER_AGENT_PORT = 11038;
 constexpr int32_t TRANSFER_AGENT_RECONNECTION_POLICY = 3;
 constexpr int32_t TRANSFER_AGENT_RETRY_DELAY = 3;
 
-// Single copies for the whole process; one thread, no lock.
-extern EventDispatcher* event_dispatcher;
-// Name of the service the running command is about; set by the builders.
-extern const char* current_service_name;
-// Follow-up of enabling: "in progress" events seen, first "connected" seen.
-extern int enabling_progress_count;
-extern int sync_started;
+// Every connection attempt failed (--json, --events, --check).
+constexpr const char* UNREACHABLE_MESSAGE =
+    "Could not connect to the Transfer Agent on 127.0.0.1:11038.\n";
 
-// Network module, dispatcher, IPC config, busy notice. Prints and exits 1
-// when the dispatcher or the config cannot be created.
+// Network module, dispatcher, IPC config, busy notice, connection tracking.
+// Ends the run ("internal") when the dispatcher or the config cannot be
+// created.
 IpcClientConfig* start_transfer_agent_client();
+// The same with another reconnection policy (--check tries once).
+IpcClientConfig* start_transfer_agent_client(int32_t reconnection_policy);
 
 // Instantiates the IPC client on `config`, schedules the connection and runs
 // the loop until it has no more work. Returns event_base_dispatch's result.
@@ -41,13 +38,14 @@ int run_ipc_client(IpcClientConfig* config);
 void stop_transfer_agent_client(IpcClientConfig* config);
 
 // Subscriber of IPC_EVENT_PLEASE_DISCONNECT: another client is being served.
-// Prints and exits 1.
+// Ends the run as a "busy" failure (report.h).
 void busy_callback(uint32_t event_id, void* data);
 
-// Time-outs of get_tenants and remove_tenant: print and exit 1.
+// Time-outs of get_tenants and remove_tenant. They end the run as a failure
+// (report.h): "timeout", or "unreachable" when no connection was ever made.
 void timeout_callback(evutil_socket_t fd, short flags, void* argument);
 // Time-out of the other single-answer commands, which also suggests checking
-// that the Sylvane Network process runs: print and exit 1.
+// that the Sylvane Network process runs; ends the run the same way.
 void agent_timeout_callback(evutil_socket_t fd, short flags, void* argument);
 
 // Writes `text` whole to `stream`, then ends the process with `status`.

@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "cli/startup.h"
+#include "cli/run_state.h"
 
 bool read_tenant_list(const JsonValue* data, TenantList* list) {
     list->count = 0;
@@ -20,7 +20,8 @@ bool is_string_item(const JsonListItem* item) {
     return item != nullptr && item->type == JSON_LIST_ITEM_STRING && item->text != nullptr;
 }
 
-// Events may arrive before the command's builder has named the service.
+// Commands about no service have no name to match.
 bool is_current_service(const char* name) {
-    return current_service_name != nullptr && strcmp(name, current_service_name) == 0;
+    const char* service = run_state().service_name;
+    return service != nullptr && strcmp(name, service) == 0;
 }

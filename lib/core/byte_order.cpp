@@ -33,8 +33,8 @@ uint32_t convert_32(uint32_t value) {
 }  // namespace
 
 const ByteOrderModule ByteOrder = {
-    is_big_endian,
-    host_to_network_64,
-    convert_32,
-    convert_32,
+    .is_big_endian = is_big_endian,
+    .host_to_network_64 = host_to_network_64,
+    .host_to_network_32 = convert_32,
+    .network_to_host_32 = convert_32,
 };

@@ -76,10 +76,17 @@ EventDispatcher* dispatcher_create(struct event_base* base, uint32_t event_count
 }
 
 // Event base with 10 priority levels, so clean-ups can run after deliveries.
+// A base without them is refused: setting a priority on it would abort.
 struct event_base* new_event_base() {
     struct event_base* base = event_base_new();
-    if (base != nullptr) {
-        event_base_priority_init(base, PRIORITY_LEVELS);
+    if (base == nullptr) {
+        Logger.fatal("Unable to create an event base");
+        return nullptr;
+    }
+    if (event_base_priority_init(base, PRIORITY_LEVELS) != 0) {
+        Logger.fatal("Unable to give the event base %d priorities", PRIORITY_LEVELS);
+        event_base_free(base);
+        return nullptr;
     }
     return base;
 }
@@ -87,11 +94,7 @@ struct event_base* new_event_base() {
 // The libevent callback of every delivery: calls the subscriber, then frees
 // the callback info that `notify` or `schedule_cleanup` made for it.
 void deliver(evutil_socket_t /*fd*/, short /*what*/, void* argument) {
-    auto* info = static_cast<CallbackInfo*>(argument);
-    if (info == nullptr) {
-        Logger.fatal("Callback info is NULL. Callback not called");
-        return;
-    }
+    auto* info = static_cast<CallbackInfo*>(argument);  // never null: notify checks it
     info->function(static_cast<uint32_t>(info->event_id), info->data);
     free(info);
 }
@@ -128,6 +131,9 @@ struct event* register_callback(struct event_base* base, event_callback_fn funct
     const timeval delay{static_cast<time_t>(seconds), 0};
     if (event_add(event, &delay) != 0) {
         Logger.fatal("Unable to register event");
+        event_free(event);
+        free(shot);
+        return nullptr;
     }
     return event;
 }
@@ -223,7 +229,11 @@ struct event* set_timer(struct event_base* base, event_callback_fn callback, voi
         return nullptr;
     }
     const timeval interval{static_cast<time_t>(seconds), static_cast<suseconds_t>(microseconds)};
-    event_add(event, &interval);
+    if (event_add(event, &interval) != 0) {
+        Logger.error("Unable to set timer. Event cannot be added");
+        event_free(event);
+        return nullptr;
+    }
     return event;
 }
 
@@ -243,6 +253,13 @@ void dispatcher_destroy(EventDispatcher* dispatcher) {
 }  // namespace
 
 const CallbackEventModule CallbackEvent = {
-    dispatcher_create, new_event_base, schedule_cleanup,   subscribe, unsubscribe, notify,
-    register_callback, set_timer,      dispatcher_destroy,
+    .create = dispatcher_create,
+    .new_event_base = new_event_base,
+    .schedule_cleanup = schedule_cleanup,
+    .subscribe = subscribe,
+    .unsubscribe = unsubscribe,
+    .notify = notify,
+    .register_callback = register_callback,
+    .set_timer = set_timer,
+    .destroy = dispatcher_destroy,
 };

@@ -35,11 +35,14 @@ struct CallbackInfo {
     void* data;
 };
 
+// The tool never calls schedule_cleanup nor unsubscribe: their slots serve
+// the library's other users.
 struct CallbackEventModule {
     // New dispatcher over `base` with identifiers 0..event_count-1, or null
     // (null base or allocation failure, logged at fatal level).
     EventDispatcher* (*create)(struct event_base* base, uint32_t event_count);
-    // New event base with 10 priorities, or null.
+    // New event base with 10 priorities, or null (logged) when it cannot be
+    // made or given its priorities.
     struct event_base* (*new_event_base)();
     // Runs function(0, data) on the next loop pass, after that pass's
     // ordinary deliveries.
@@ -53,14 +56,15 @@ struct CallbackEventModule {
     // Schedules one delivery of (event_id, data) per current subscriber.
     void (*notify)(EventDispatcher* dispatcher, uint32_t event_id, void* data);
     // One-shot call of `function(-1, EV_TIMEOUT, argument)` after `seconds`
-    // (0 = next loop pass). Returns the event, or null. The event releases
+    // (0 = next loop pass). Returns the event, or null (logged) when it
+    // cannot be made or added. The event releases
     // itself once it has fired: callers may set its priority before then,
     // but never free it.
     struct event* (*register_callback)(struct event_base* base, event_callback_fn function,
                                        void* argument, int64_t seconds);
     // Timer firing once, or every interval when `persistent`. Returns the
-    // event, which the caller frees with event_free; null on a null base or
-    // callback.
+    // event, which the caller frees with event_free; null (logged) on a null
+    // base or callback, or when it cannot be made or added.
     struct event* (*set_timer)(struct event_base* base, event_callback_fn callback, void* argument,
                                int64_t seconds, int64_t microseconds, bool persistent);
     // Frees the dispatcher; deliveries already scheduled still run.

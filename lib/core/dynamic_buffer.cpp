@@ -54,11 +54,14 @@ RingBuffer* buffer_create(uint32_t initial_capacity) {
 int grow_with(RingBuffer* buffer, const uint8_t* bytes, uint64_t count) {
     const uint64_t needed = buffer->length + count;
     if (needed > UINT32_MAX) {
-        return -1;
+        Logger.error("Unable to grow DynamicBuffer past 4 GiB");
+        return DYNAMIC_BUFFER_ERR_FAILED;
     }
     auto* storage = static_cast<uint8_t*>(malloc(needed));
     if (storage == nullptr) {
-        return -1;
+        Logger.error("Unable to allocate %llu bytes for DynamicBuffer",
+                     static_cast<unsigned long long>(needed));
+        return DYNAMIC_BUFFER_ERR_FAILED;
     }
     copy_out(buffer, 0, storage, buffer->length);
     memcpy(storage + buffer->length, bytes, count);
@@ -68,16 +71,16 @@ int grow_with(RingBuffer* buffer, const uint8_t* bytes, uint64_t count) {
     buffer->length = static_cast<uint32_t>(needed);
     buffer->read_index = 0;
     buffer->write_index = 0;
-    return 0;
+    return DYNAMIC_BUFFER_OK;
 }
 
 // Queues a copy of `bytes`; the caller keeps them.
 int buffer_append(RingBuffer* buffer, const void* bytes, uint64_t count) {
     if (buffer == nullptr || bytes == nullptr) {
-        return -1;
+        return DYNAMIC_BUFFER_ERR_FAILED;
     }
     const auto* source = static_cast<const uint8_t*>(bytes);
-    int result = 0;
+    int result = DYNAMIC_BUFFER_OK;
     lock_or_exit(buffer);
     if (buffer->capacity - buffer->length < count) {
         result = grow_with(buffer, source, count);
@@ -133,8 +136,8 @@ uint8_t* buffer_get_data(RingBuffer* buffer, uint8_t* copied) {
         return nullptr;
     }
     const bool want_copy = copied != nullptr && *copied == 1;
-    uint8_t* result = buffer->data;
     lock_or_exit(buffer);
+    uint8_t* result = buffer->data;  // read under the lock: a growing append replaces it
     if (buffer->read_index != 0 || want_copy) {
         result = static_cast<uint8_t*>(malloc(std::max<uint32_t>(buffer->length, 1)));
         if (result != nullptr) {
@@ -178,6 +181,13 @@ void buffer_free(RingBuffer* buffer) {
 }  // namespace
 
 const DynamicBufferModule DynamicBuffer = {
-    buffer_create,   empty_slot,  buffer_append, buffer_read, buffer_peek,
-    buffer_get_data, buffer_size, buffer_clear,  buffer_free,
+    .create = buffer_create,
+    .unused = empty_slot,
+    .append = buffer_append,
+    .read = buffer_read,
+    .peek = buffer_peek,
+    .get_data = buffer_get_data,
+    .size = buffer_size,
+    .clear = buffer_clear,
+    .free = buffer_free,
 };

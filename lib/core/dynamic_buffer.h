@@ -11,6 +11,13 @@
 #include "core/module.h"
 #include "core/mutex.h"
 
+// Results: DYNAMIC_BUFFER_OK (0) success; DYNAMIC_BUFFER_ERR_FAILED (-1) a
+// missing argument, or storage that cannot grow (logged).
+enum DynamicBufferResult : int {
+    DYNAMIC_BUFFER_OK = 0,
+    DYNAMIC_BUFFER_ERR_FAILED = -1,
+};
+
 // The DynamicBuffer record.
 struct RingBuffer {
     uint8_t* data;         // owned storage of `capacity` bytes
@@ -22,11 +29,13 @@ struct RingBuffer {
 };
 
 struct DynamicBufferModule {
-    // New buffer of `initial_capacity` bytes (0 means 2048), or null.
+    // New buffer of `initial_capacity` bytes (0 means 2048), or null. A lock
+    // that cannot be made is only found at the first locked call.
     RingBuffer* (*create)(uint32_t initial_capacity);
     EmptySlot unused;
-    // Queues `count` bytes, growing exactly when needed. 0, or -1 for a null
-    // buffer or bytes, or when growth failed (buffer unchanged).
+    // Queues `count` bytes, growing exactly when needed. DYNAMIC_BUFFER_OK, or
+    // DYNAMIC_BUFFER_ERR_FAILED for a null buffer or bytes, or when growth
+    // failed (buffer unchanged).
     int (*append)(RingBuffer* buffer, const void* bytes, uint64_t count);
     // Moves up to `count` unread bytes into `destination` (discards them when
     // it is null). Returns the number moved; 0 for a null buffer.
@@ -37,7 +46,8 @@ struct DynamicBufferModule {
     // All unread bytes in one run, not consumed. When `read_index` is 0 and
     // *copied is not 1 this is the storage itself (do not free it, valid until
     // the next read or growing append); otherwise a malloc'd copy and *copied
-    // is set to 1: the caller frees it. Null for a null buffer.
+    // is set to 1: the caller frees it. Null for a null buffer or when the
+    // copy cannot be allocated.
     uint8_t* (*get_data)(RingBuffer* buffer, uint8_t* copied);
     // Unread byte count, read without the lock; 0 for a null buffer.
     uint32_t (*size)(RingBuffer* buffer);

@@ -21,36 +21,36 @@ FILE* file_open(const char* path, const char* mode) {
 // The bytes as one item, then the line end.
 int file_write_line(FILE* stream, const void* bytes, size_t count) {
     if (stream == nullptr) {
-        return -1;
+        return FILE_ERR_ARGUMENT;
     }
     // fwrite of zero bytes writes no item; an empty line is still a line.
     if (count != 0 && fwrite(bytes, count, 1, stream) != 1) {
-        return -1;
+        return FILE_ERR_ARGUMENT;
     }
-    return fwrite("\n", 1, 1, stream) == 1 ? 0 : -1;
+    return fwrite("\n", 1, 1, stream) == 1 ? FILE_OK : FILE_ERR_ARGUMENT;
 }
 
 int file_flush(FILE* stream) {
-    return stream == nullptr ? -1 : fflush(stream);
+    return stream == nullptr ? FILE_ERR_ARGUMENT : fflush(stream);
 }
 
 int file_close(FILE* stream) {
     if (stream == nullptr) {
-        return -1;
+        return FILE_ERR_ARGUMENT;
     }
     fclose(stream);
-    return 0;
+    return FILE_OK;
 }
 
 // Only folder strings ending with "/" are accepted, so the logger can append
 // a file name without adding a separator.
 int file_is_directory(const char* path) {
     if (path == nullptr) {
-        return -1;
+        return FILE_ERR_ARGUMENT;
     }
     const char* last_slash = strrchr(path, '/');
     if (last_slash == nullptr || last_slash[1] != '\0') {
-        return -2;
+        return FILE_ERR_NOT_FOLDER;
     }
     struct stat info {};
     return stat(path, &info) == 0 && S_ISDIR(info.st_mode) ? 1 : 0;
@@ -66,11 +66,16 @@ int file_create_folder(const char* path) {
         perror("mkdir error");
         return 1;
     }
-    return 0;
+    return FILE_OK;
 }
 
 }  // namespace
 
 const FileModule File = {
-    file_open, file_write_line, file_flush, file_close, file_is_directory, file_create_folder,
+    .open = file_open,
+    .write_line = file_write_line,
+    .flush = file_flush,
+    .close = file_close,
+    .is_directory = file_is_directory,
+    .create_folder = file_create_folder,
 };

@@ -1,28 +1,36 @@
 // File: the few stdio operations the logger writes through.
 //
-// Results are 0 for success and negative for failure unless an operation says
-// otherwise. Nothing here allocates beyond what stdio does for a stream.
+// Results: FILE_OK (0); FILE_ERR_ARGUMENT (-1) a missing stream or path, or
+// a failed write; FILE_ERR_NOT_FOLDER (-2) a folder path not ending with "/".
+// An operation may also answer 1, as it says. Nothing here allocates beyond
+// what stdio does for a stream.
 #pragma once
 
 #include <cstddef>
 #include <cstdio>
 
+enum FileResult : int {
+    FILE_OK = 0,
+    FILE_ERR_ARGUMENT = -1,
+    FILE_ERR_NOT_FOLDER = -2,
+};
+
 struct FileModule {
     // Opens `path` with the stdio `mode`. Returns the stream, or null after
     // logging "Error opening file %s -- %s" at error level.
     FILE* (*open)(const char* path, const char* mode);
-    // Writes `count` bytes as one item, then one "\n". -1 for a null stream or
-    // when either write fails; 0 otherwise.
+    // Writes `count` bytes as one item, then one "\n". FILE_ERR_ARGUMENT for a
+    // null stream or when either write fails; FILE_OK otherwise.
     int (*write_line)(FILE* stream, const void* bytes, size_t count);
-    // -1 for a null stream, otherwise the result of fflush.
+    // FILE_ERR_ARGUMENT for a null stream, otherwise the result of fflush.
     int (*flush)(FILE* stream);
-    // -1 for a null stream, otherwise closes it and returns 0.
+    // FILE_ERR_ARGUMENT for a null stream, otherwise closes it: FILE_OK.
     int (*close)(FILE* stream);
-    // -1 for a null path; -2 unless the path ends with "/"; then 1 when it
-    // exists and is a folder, 0 otherwise.
+    // FILE_ERR_ARGUMENT for a null path; FILE_ERR_NOT_FOLDER unless the path
+    // ends with "/"; then 1 when it exists and is a folder, 0 otherwise.
     int (*is_directory)(const char* path);
     // 1 and nothing done when the path exists; otherwise mkdir with 0775:
-    // 0 on success, 1 after printing "mkdir error: <reason>" on stderr.
+    // FILE_OK on success, 1 after printing "mkdir error: <reason>" on stderr.
     int (*create_folder)(const char* path);
 };
 

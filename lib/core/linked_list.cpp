@@ -145,6 +145,12 @@ void list_free(List* list, ItemDestructor destructor) {
 }  // namespace
 
 const LinkedListModule LinkedList = {
-    list_create,   list_add,  list_remove, list_pop_first,
-    list_for_each, list_find, list_size,   list_free,
+    .create = list_create,
+    .add = list_add,
+    .remove = list_remove,
+    .pop_first = list_pop_first,
+    .for_each = list_for_each,
+    .find = list_find,
+    .size = list_size,
+    .free = list_free,
 };

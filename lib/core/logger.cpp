@@ -77,39 +77,40 @@ void drop_logger() {
 // logger without a file: its lines go nowhere.
 int32_t logger_init(const char* folder, const char* name, uint8_t level) {
     if (g_logger != nullptr) {
-        return 0;
+        return LOGGER_OK;
     }
     if (folder == nullptr || name == nullptr) {
-        return -1;
+        return LOGGER_ERR_ARGUMENT;
     }
     g_logger = static_cast<LoggerRecord*>(calloc(1, sizeof(LoggerRecord)));
     if (g_logger == nullptr) {
-        return -1;
+        return LOGGER_ERR_ARGUMENT;
     }
     const int folder_state = File.is_directory(folder);
     if (folder_state < 0) {
-        return -1;
+        return LOGGER_ERR_ARGUMENT;
     }
     if (folder_state == 0) {
         printf("Folder %s does not exist. let's create it.", folder);
         File.create_folder(folder);
     }
-    int32_t status = 0;
+    int32_t status = LOGGER_OK;
     // One spare byte keeps the terminator of a path of exactly PATH_CAPACITY.
     g_logger->path = static_cast<char*>(malloc(PATH_CAPACITY + 1));
     if (g_logger->path == nullptr) {
-        status = -2;
+        status = LOGGER_ERR_MEMORY;
     } else if (build_path(g_logger->path, folder, name) != 0) {
-        status = -3;
+        status = LOGGER_ERR_PATH;
     } else if ((g_logger->file = File.open(g_logger->path, "ae")) == nullptr) {
-        status = -4;  // "e": children started by the host program do not inherit the log
+        status =
+            LOGGER_ERR_OPEN;  // "e": children started by the host program do not inherit the log
     }
-    if (status != 0) {
+    if (status != LOGGER_OK) {
         drop_logger();
         return status;
     }
     g_logger->threshold = level;
-    return 0;
+    return LOGGER_OK;
 }
 
 // Shared by every level: stamp, tag and message as one line, cut to LINE_SIZE.
@@ -176,6 +177,13 @@ size_t format_log_stamp(const struct timeval& now, char* out, size_t size) {
 }
 
 const LoggerModule Logger = {
-    logger_init,       log_at<LOG_TRACE>, log_at<LOG_DEBUG>, log_at<LOG_INFO>, log_at<LOG_WARN>,
-    log_at<LOG_ERROR>, empty_slot,        log_at<LOG_FATAL>, logger_close,
+    .init = logger_init,
+    .trace = log_at<LOG_TRACE>,
+    .debug = log_at<LOG_DEBUG>,
+    .info = log_at<LOG_INFO>,
+    .warn = log_at<LOG_WARN>,
+    .error = log_at<LOG_ERROR>,
+    .unused = empty_slot,
+    .fatal = log_at<LOG_FATAL>,
+    .close = logger_close,
 };

@@ -22,14 +22,27 @@ enum LogLevel : uint8_t {
     LOG_FATAL = 5,
 };
 
+// Results of `init`: LOGGER_OK (0); LOGGER_ERR_ARGUMENT (-1) a missing
+// argument, allocation failure or a folder not ending with "/";
+// LOGGER_ERR_MEMORY (-2) the path buffer cannot be allocated; LOGGER_ERR_PATH
+// (-3) a path longer than 4096 or no time stamp; LOGGER_ERR_OPEN (-4) the
+// file cannot be opened.
+enum LoggerResult : int32_t {
+    LOGGER_OK = 0,
+    LOGGER_ERR_ARGUMENT = -1,
+    LOGGER_ERR_MEMORY = -2,
+    LOGGER_ERR_PATH = -3,
+    LOGGER_ERR_OPEN = -4,
+};
+
+// The tool never calls init nor close, so its log lines go nowhere.
 struct LoggerModule {
     // Starts logging into `folder` (which must end with "/"; created with mode
-    // 0775 when missing) with the given threshold. 0 on success or when
-    // already initialised (the first file is kept); -1 missing argument,
-    // allocation failure or a folder not ending with "/" (the logger is then
-    // left initialised with no file, and writes nothing); -2 path buffer
-    // allocation failed; -3 path longer than 4096 or no time stamp; -4 the
-    // file could not be opened. On -2..-4 the logger stays uninitialised.
+    // 0775 when missing) with the given threshold. LOGGER_OK, also when
+    // already initialised (the first file is kept); LOGGER_ERR_ARGUMENT (the
+    // logger is then left initialised with no file, and writes nothing);
+    // LOGGER_ERR_MEMORY, LOGGER_ERR_PATH, LOGGER_ERR_OPEN (the logger stays
+    // uninitialised).
     int32_t (*init)(const char* folder, const char* name, uint8_t level);
     void (*trace)(const char* format, ...) SYLV_PRINTF(1, 2);
     void (*debug)(const char* format, ...) SYLV_PRINTF(1, 2);

@@ -23,10 +23,10 @@ Lock* mutex_create() {
 // Waits without limit: no caller relies on the timeout, so it is ignored.
 int mutex_lock(Lock* mutex, int64_t /*timeout_ms*/) {
     if (mutex == nullptr) {
-        return 1;
+        return MUTEX_NONE;
     }
     pthread_mutex_lock(&mutex->handle);
-    return 0;
+    return MUTEX_OK;
 }
 
 // Releases a mutex held by this thread; null is ignored.
@@ -39,17 +39,17 @@ void mutex_unlock(Lock* mutex) {
 // Frees the mutex unless it is still held (then -1 and nothing freed).
 int mutex_destroy(Lock* mutex) {
     if (mutex == nullptr || pthread_mutex_destroy(&mutex->handle) != 0) {
-        return -1;
+        return MUTEX_ERR_BUSY;
     }
     free(mutex);
-    return 0;
+    return MUTEX_OK;
 }
 
 }  // namespace
 
 const MutexModule Mutex = {
-    mutex_create,
-    mutex_lock,
-    mutex_unlock,
-    mutex_destroy,
+    .create = mutex_create,
+    .lock = mutex_lock,
+    .unlock = mutex_unlock,
+    .destroy = mutex_destroy,
 };

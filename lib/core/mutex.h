@@ -6,15 +6,24 @@
 
 struct Lock;  // opaque; the record of the Mutex module
 
+// Results: MUTEX_OK (0); MUTEX_NONE (1) `lock` was given no mutex;
+// MUTEX_ERR_BUSY (-1) `destroy` was given no mutex or a held one.
+enum MutexResult : int {
+    MUTEX_OK = 0,
+    MUTEX_NONE = 1,
+    MUTEX_ERR_BUSY = -1,
+};
+
 struct MutexModule {
     // New mutex with default attributes, or null.
     Lock* (*create)();
-    // 1 for a null mutex; otherwise waits without limit and returns 0. The
-    // timeout in milliseconds is accepted and ignored.
+    // MUTEX_NONE for a null mutex; otherwise waits without limit and returns
+    // MUTEX_OK. The timeout in milliseconds is accepted and ignored.
     int (*lock)(Lock* mutex, int64_t timeout_ms);
     // Null is ignored.
     void (*unlock)(Lock* mutex);
-    // -1 for null or when it cannot be destroyed (held); otherwise frees it, 0.
+    // MUTEX_ERR_BUSY for null or when it cannot be destroyed (held);
+    // otherwise frees it, MUTEX_OK.
     int (*destroy)(Lock* mutex);
 };
 

@@ -6,8 +6,14 @@
 
 #include <cstdint>
 
+// Results: RANDOM_OK (0); RANDOM_ERR_ARGUMENT (-1) a null buffer.
+enum RandomResult : int {
+    RANDOM_OK = 0,
+    RANDOM_ERR_ARGUMENT = -1,
+};
+
 struct RandomModule {
-    // Fills `count` bytes. -1 for a null buffer, 0 otherwise.
+    // Fills `count` bytes. RANDOM_OK, or RANDOM_ERR_ARGUMENT.
     int (*bytes)(uint8_t* buffer, uint64_t count);
 };
 

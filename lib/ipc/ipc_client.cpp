@@ -2,12 +2,15 @@
 // and routes events to the held subscriptions.
 #include "ipc/ipc_client.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 
 #include "core/logger.h"
+#include "core/no_throw.h"
+#include "core/owned.h"
 #include "websocket/websocket_client.h"
 
 namespace {
@@ -24,10 +27,7 @@ struct JsonDeleter {
 };
 using JsonPtr = std::unique_ptr<JsonValue, JsonDeleter>;
 
-struct FreeDeleter {
-    void operator()(void* pointer) const { free(pointer); }
-};
-using TextPtr = std::unique_ptr<char, FreeDeleter>;
+using TextPtr = MallocPtr<char>;
 
 IpcClientConfig* config_of(networkConnection* connection) {
     // The connection was created with an IpcClientConfig as its settings.
@@ -46,6 +46,12 @@ bool is_empty(List* list) {
 
 IpcCommand* head_command(IpcClientConfig* config) {
     return static_cast<IpcCommand*>(config->commands->head->item);
+}
+
+// A front-end callback; what it throws is logged and taken as "nothing to print".
+char* run_callback(ResponseCallback callback, JsonValue* data) {
+    return without_throwing<char*>("IpcClient response callback", nullptr,
+                                   [&] { return callback(data); });
 }
 
 // Raises IPC_EVENT_DISCONNECTED, then closes the WebSocket connection. The
@@ -67,41 +73,39 @@ int send_request(networkConnection* connection, JsonValue* request) {
     if (json_serialize(request, check, sizeof check) < 0) {
         Logger.fatal("Unable to serialized request. Stopped connection");
         json_free_value(request);
-        return -1;
+        return IPC_ERR_FAILED;
     }
     if (WebSocketClient.send(connection, request) < 0) {
         // The command stays pending; the conversation's time-out settles it.
         Logger.error("Unable to send IPC request");
     }
-    return 0;
+    return IPC_OK;
 }
 
 // Sends the request of the head command with a fresh id. The record stays at
 // the head until a message for it arrives. 0, or -1 (nothing sent).
 int execute_command(networkConnection* connection, IpcClientConfig* config) {
     if (connection == nullptr || config == nullptr || is_empty(config->commands)) {
-        return -1;
+        return IPC_ERR_FAILED;
     }
-    IpcCommand* command = head_command(config);
-    if (command == nullptr) {
-        Logger.fatal("IPC client command data is NULL. This should not happen");
-        return -1;
-    }
+    IpcCommand* command = head_command(config);  // add_command never queues null
     if (command->execution_callback == nullptr) {
         Logger.fatal("IPC client command execution callback is NULL. This should not happen");
-        return -1;
+        return IPC_ERR_FAILED;
     }
     command->id = rand() % IPC_ID_RANGE;
     JsonPtr request(json_create_json_object());
     if (request == nullptr || json_add_string_child(request.get(), "command", command->name) != 0 ||
         json_add_int_child(request.get(), "id", command->id) != 0) {
         Logger.error("Unable to build IPC request %s", command->name);
-        return -1;
+        return IPC_ERR_FAILED;
     }
-    JsonPtr data(command->execution_callback(command->user_data));
+    JsonPtr data(without_throwing<JsonValue*>("IpcClient.execute_command", nullptr, [command] {
+        return command->execution_callback(command->user_data);
+    }));
     if (data != nullptr && json_add_child_to_object(request.get(), "data", data.get()) != 0) {
         Logger.error("Unable to build IPC request %s", command->name);
-        return -1;
+        return IPC_ERR_FAILED;
     }
     return send_request(connection, request.release());
 }
@@ -117,7 +121,7 @@ void connection_established_callback(networkConnection* connection) {
         return;
     }
     WebSocketClient.send(connection, announcement);
-    if (execute_command(connection, config_of(connection)) == -1) {
+    if (execute_command(connection, config_of(connection)) != IPC_OK) {
         ipc_client_disconnect(connection);
     }
 }
@@ -138,9 +142,21 @@ int subscription_has_event(ListEntry* entry, void* command) {
 // What one received message came to.
 enum class Outcome {
     Handled,  // an event delivered, or nothing pending: the queue stays
+    Unread,   // no memory to read it: the queue stays, the time-out settles it
     Evicted,  // "please_disconnect": the connection is already closed
     Consumed  // the pending command is settled, well or badly
 };
+
+// Whether the json_* calls since errno was cleared failed for want of memory:
+// the message is then unread, not bad, and must not settle the command as if
+// the agent had sent garbage.
+bool out_of_memory() {
+    if (errno != ENOMEM) {
+        return false;
+    }
+    Logger.error("Unable to allocate memory for a received IPC message");
+    return true;
+}
 
 // Matches a response with the head command and runs its callback. `text`
 // receives what the callback returned.
@@ -156,9 +172,7 @@ Outcome handle_response(networkConnection* connection, const JsonValue* message,
         return Outcome::Handled;
     }
     IpcCommand* command = head_command(config);
-    if (command == nullptr) {
-        Logger.fatal("IPC client command data is NULL. This should not happen");
-    } else if (strcmp(command_name, command->name) != 0) {
+    if (strcmp(command_name, command->name) != 0) {
         Logger.error(
             "We received a command that does not correspond to the expected. Expected: %s. "
             "Received: %s",
@@ -168,11 +182,15 @@ Outcome handle_response(networkConnection* connection, const JsonValue* message,
     } else if (command->response_callback == nullptr) {
         Logger.fatal("IPC client command execution response is NULL. This should not happen");
     } else {
+        errno = 0;
         JsonPtr data(json_get_json_value(message, "data"));
+        if (data == nullptr && out_of_memory()) {
+            return Outcome::Unread;
+        }
         if (data == nullptr) {
             Logger.error("%s", MISSING_DATA);
         } else {
-            text.reset(command->response_callback(data.get()));
+            text.reset(run_callback(command->response_callback, data.get()));
         }
     }
     return Outcome::Consumed;
@@ -193,12 +211,16 @@ Outcome handle_event(networkConnection* connection, const JsonValue* message,
     if (subscription->callback == nullptr) {
         return handle_response(connection, message, command_name, id, text);
     }
+    errno = 0;
     JsonPtr data(json_get_json_value(message, "data"));
     if (data == nullptr) {
+        if (out_of_memory()) {
+            return Outcome::Unread;
+        }
         Logger.error("%s", MISSING_DATA);
         return Outcome::Consumed;
     }
-    TextPtr event_text(subscription->callback(data.get()));
+    TextPtr event_text(run_callback(subscription->callback, data.get()));
     if (event_text != nullptr) {
         print_line(event_text.get());
     }
@@ -207,9 +229,13 @@ Outcome handle_event(networkConnection* connection, const JsonValue* message,
 
 Outcome handle_message(networkConnection* connection, const char* text_message,
                        char (&command_name)[RECEIVED_COMMAND_SIZE], TextPtr& text) {
+    errno = 0;
     JsonPtr message(json_parse(text_message));
     if (message == nullptr ||
         json_get_string_value(message.get(), "command", command_name, RECEIVED_COMMAND_SIZE) < 0) {
+        if (out_of_memory()) {
+            return Outcome::Unread;
+        }
         Logger.error("%s", BAD_MESSAGE);
         return Outcome::Consumed;
     }
@@ -230,16 +256,12 @@ void advance_queue(networkConnection* connection) {
         free(head);
     }
     if (is_empty(config->commands) && is_empty(config->subscriptions)) {
-        if (config->timeout_event != nullptr) {
-            event_del(config->timeout_event);
-            event_free(config->timeout_event);
-            config->timeout_event = nullptr;
-        }
+        drop_event(&config->timeout_event);
         ipc_client_disconnect(connection);
         return;
     }
     // With subscriptions held and no command left, the connection stays open.
-    if (execute_command(connection, config) == -1 && is_empty(config->subscriptions)) {
+    if (execute_command(connection, config) != IPC_OK && is_empty(config->subscriptions)) {
         ipc_client_disconnect(connection);
     }
 }
@@ -248,8 +270,7 @@ void advance_queue(networkConnection* connection) {
 // parsed in place, not copied. Any message that is not a delivered event
 // settles the pending command, even a malformed or mismatched one. Callbacks
 // run from here may call exit().
-void receive_message_callback(networkConnection* connection, const uint8_t* bytes,
-                              uint64_t /*length*/, int /*is_binary*/) {
+void receive_message(networkConnection* connection, const uint8_t* bytes) {
     if (connection == nullptr || connection->config == nullptr || bytes == nullptr) {
         return;
     }
@@ -266,6 +287,14 @@ void receive_message_callback(networkConnection* connection, const uint8_t* byte
         text.reset();
     }
     advance_queue(connection);
+}
+
+void receive_message_callback(networkConnection* connection, const uint8_t* bytes,
+                              uint64_t /*length*/, int /*is_binary*/) {
+    without_throwing("IpcClient.receive_message_callback", 0, [&] {
+        receive_message(connection, bytes);
+        return 0;
+    });
 }
 
 // Sets the WebSocket callbacks and creates the connection; does not connect.
@@ -285,8 +314,12 @@ networkConnection* instantiate_ipc_client(IpcClientConfig* config, struct event_
         Logger.error("Unable to instantiate IPC client because the handshake state is missing");
         return nullptr;
     }
-    WebSocketClient.set_callbacks(config, connection_established_callback, receive_message_callback,
-                                  disconnected_callback);
+    static const WebSocketCallbacks callbacks = {
+        .on_connected = connection_established_callback,
+        .on_message = receive_message_callback,
+        .on_disconnect = disconnected_callback,
+    };
+    WebSocketClient.set_callbacks(config, &callbacks);
     networkConnection* connection = Network.create_connection(handshake, config, base, dispatcher);
     if (connection == nullptr) {
         Logger.error("Unable to instantiate IPC client because its connection cannot be created");
@@ -297,7 +330,10 @@ networkConnection* instantiate_ipc_client(IpcClientConfig* config, struct event_
 }  // namespace
 
 const IpcClientModule IpcClient = {
-    instantiate_ipc_client,   connection_established_callback,
-    receive_message_callback, disconnected_callback,
-    execute_command,          ipc_client_disconnect,
+    .instantiate_ipc_client = instantiate_ipc_client,
+    .connection_established_callback = connection_established_callback,
+    .receive_message_callback = receive_message_callback,
+    .disconnected_callback = disconnected_callback,
+    .execute_command = execute_command,
+    .ipc_client_disconnect = ipc_client_disconnect,
 };

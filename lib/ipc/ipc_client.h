@@ -32,7 +32,9 @@ constexpr size_t IPC_REQUEST_CHECK_SIZE = 1000;
 
 struct IpcClientModule {
     // Sets the config's WebSocket callbacks and creates the connection with
-    // the handshake as first state. Does not connect. Null on failure.
+    // the handshake as first state. Does not connect. Null on failure; the
+    // caller owns the connection and destroys it (Network.destroy_connection)
+    // once the loop has stopped.
     networkConnection* (*instantiate_ipc_client)(IpcClientConfig* config, struct event_base* base,
                                                  EventDispatcher* dispatcher);
     // Framing is up: announce, then send the head command.
@@ -42,8 +44,8 @@ struct IpcClientModule {
                                      uint64_t length, int is_binary);
     // Raises IPC_EVENT_DISCONNECTED.
     void (*disconnected_callback)(networkConnection* connection);
-    // Sends the head command's request. 0, or -1 (empty queue, no builder,
-    // request over 1000 bytes).
+    // Sends the head command's request. IPC_OK, or IPC_ERR_FAILED (empty
+    // queue, no builder, request over 1000 bytes or not buildable).
     int (*execute_command)(networkConnection* connection, IpcClientConfig* config);
     // Raises IPC_EVENT_DISCONNECTED, then closes the WebSocket connection
     // (its protocol state is freed: a caller inside a read callback returns

@@ -3,19 +3,22 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <string>
 
 #include "core/callback_event.h"
 #include "core/logger.h"
+#include "core/owned.h"
 
 namespace {
 
 constexpr const char* SUBSCRIPTION_COMMAND = "subscription";
 
-// Text of a fixed-size name field, even when it fills the field without NUL.
-std::string field_text(const char* field, size_t size) {
-    return std::string(field, strnlen(field, size));
+// Length of a fixed-size name field, even when it fills the field without NUL.
+int field_length(const char* field) {
+    return static_cast<int>(strnlen(field, IPC_SUBSCRIPTION_FIELD_SIZE));
 }
+
+JsonValue* request_subscription(void* subscriptions);
+char* subscription_response(JsonValue* data);
 
 // New command record (malloc'd, freed with free()), or null when the name is
 // missing or too long.
@@ -83,10 +86,7 @@ void free_ipc_config(IpcClientConfig* config) {
     }
     LinkedList.free(config->commands, free);
     LinkedList.free(config->subscriptions, free);
-    if (config->timeout_event != nullptr) {
-        event_del(config->timeout_event);
-        event_free(config->timeout_event);
-    }
+    drop_event(&config->timeout_event);
     free(config);
 }
 
@@ -180,20 +180,20 @@ void add_subscriptions(IpcClientConfig* config, List* list) {
         }
         if (lookup_subscription(config, subscription) != nullptr) {
             Logger.warn(
-                "Unable to add subscription %s with command %s. This subscription is already in "
-                "the list",
-                field_text(subscription->subscription_name, IPC_SUBSCRIPTION_FIELD_SIZE).c_str(),
-                field_text(subscription->event_name, IPC_SUBSCRIPTION_FIELD_SIZE).c_str());
+                "Unable to add subscription %.*s with command %.*s. This subscription is already "
+                "in the list",
+                field_length(subscription->subscription_name), subscription->subscription_name,
+                field_length(subscription->event_name), subscription->event_name);
             continue;
         }
         if (LinkedList.add(config->subscriptions, subscription) == nullptr) {
-            Logger.error(
-                "Unable to add subscription %s. Subscription list is unavailable",
-                field_text(subscription->subscription_name, IPC_SUBSCRIPTION_FIELD_SIZE).c_str());
+            Logger.error("Unable to add subscription %.*s. Subscription list is unavailable",
+                         field_length(subscription->subscription_name),
+                         subscription->subscription_name);
         }
     }
-    add_command(config, SUBSCRIPTION_COMMAND, IpcConfig.request_subscription, config->subscriptions,
-                IpcConfig.subscription_response);
+    add_command(config, SUBSCRIPTION_COMMAND, request_subscription, config->subscriptions,
+                subscription_response);
 }
 
 // Arms the conversation's one-shot time-out; a config gets one in its life.
@@ -201,23 +201,23 @@ int set_timeout(IpcClientConfig* config, struct event_base* base, event_callback
                 void* argument, int64_t seconds) {
     if (config == nullptr) {
         Logger.error("Unable to set timeout for null ipc config");
-        return -1;
+        return IPC_ERR_FAILED;
     }
     if (base == nullptr) {
         Logger.error("Unable to set timeout on ipc config because provided event base is null");
-        return -1;
+        return IPC_ERR_FAILED;
     }
     if (config->timeout_event != nullptr) {
         Logger.error("Unable to set timeout as a timeout is already set on this ipc config");
-        return -1;
+        return IPC_ERR_FAILED;
     }
     struct event* timer = CallbackEvent.set_timer(base, callback, argument, seconds, 0, false);
     if (timer == nullptr) {
         Logger.error("Could not set timeout event on IPC config");
-        return -1;
+        return IPC_ERR_FAILED;
     }
     config->timeout_event = timer;
-    return 0;
+    return IPC_OK;
 }
 
 // {"subscriptions": [every held subscription_name, in order]}; the caller
@@ -235,9 +235,10 @@ JsonValue* request_subscription(void* subscriptions) {
     for (ListEntry* entry = list->head; !failed && entry != nullptr; entry = entry->next) {
         const auto* subscription = static_cast<const SubscriptionRequest*>(entry->item);
         if (subscription != nullptr) {
-            std::string name =
-                field_text(subscription->subscription_name, IPC_SUBSCRIPTION_FIELD_SIZE);
-            failed = json_add_string_to_list(names, name.c_str()) != 0;
+            char name[IPC_SUBSCRIPTION_FIELD_SIZE + 1] = {};
+            memcpy(name, subscription->subscription_name,
+                   static_cast<size_t>(field_length(subscription->subscription_name)));
+            failed = json_add_string_to_list(names, name) != 0;
         }
     }
     if (!failed) {
@@ -260,7 +261,13 @@ char* subscription_response(JsonValue* /*data*/) {
 }  // namespace
 
 const IpcConfigModule IpcConfig = {
-    create_client_ipc_config, free_ipc_config,      add_command,
-    lookup_command,           add_subscriptions,    set_timeout,
-    lookup_subscription,      request_subscription, subscription_response,
+    .create_client_ipc_config = create_client_ipc_config,
+    .free_ipc_config = free_ipc_config,
+    .add_command = add_command,
+    .lookup_command = lookup_command,
+    .add_subscriptions = add_subscriptions,
+    .set_timeout = set_timeout,
+    .lookup_subscription = lookup_subscription,
+    .request_subscription = request_subscription,
+    .subscription_response = subscription_response,
 };

@@ -9,8 +9,15 @@
 #include <cstdint>
 
 #include "core/linked_list.h"
-#include "sylvshared/json.h"
 #include "network/network.h"
+#include "sylvshared/json.h"
+
+// Results of the IPC layer (IpcConfig and IpcClient): IPC_OK (0);
+// IPC_ERR_FAILED (-1) the step could not be done (see each operation).
+enum IpcResult : int {
+    IPC_OK = 0,
+    IPC_ERR_FAILED = -1,
+};
 
 // Builds a request's "data" from user_data; null means no "data" key.
 using ExecutionCallback = JsonValue* (*)(void* user_data);
@@ -43,6 +50,7 @@ struct IpcClientConfig : networkConnectionConfig {
     struct event* timeout_event;
 };
 
+// The tool never calls lookup_command: its slot serves the library's other users.
 struct IpcConfigModule {
     // New config (ip is kept, not copied), or null.
     IpcClientConfig* (*create_client_ipc_config)(const char* ip, uint16_t port,
@@ -60,7 +68,8 @@ struct IpcConfigModule {
     // caller's, as does the list itself), then queues one "subscription"
     // command after those already queued.
     void (*add_subscriptions)(IpcClientConfig* config, List* subscriptions);
-    // Arms the one-shot time-out (at most one per config, ever). 0 or -1.
+    // Arms the one-shot time-out (at most one per config, ever). IPC_OK, or
+    // IPC_ERR_FAILED (missing config or base, one already set, no timer).
     int (*set_timeout)(IpcClientConfig* config, struct event_base* base, event_callback_fn callback,
                        void* argument, int64_t seconds);
     // First held record equal in subscription_name and event_name, or null.

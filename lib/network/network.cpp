@@ -11,6 +11,24 @@
 #include <cstring>
 
 #include "core/logger.h"
+#include "network/network_internal.h"
+
+namespace network_internal {
+
+int watch_reads(networkConnection* connection) {
+    const ProtocolState* state = connection->protocol_state;
+    connection->read_event = event_new(connection->event_base, connection->socket,
+                                       EV_READ | EV_PERSIST, state->read_callback, connection);
+    if (connection->read_event == nullptr || event_add(connection->read_event, nullptr) != 0) {
+        Logger.error("Unable to watch connection %p for incoming data",
+                     static_cast<void*>(connection));
+        drop_event(&connection->read_event);
+        return -1;
+    }
+    return 0;
+}
+
+}  // namespace network_internal
 
 using namespace network_internal;
 
@@ -28,22 +46,20 @@ bool is_initialized() {
 int init() {
     if (initialized) {
         Logger.error("SylvLib - Network.init: Network module already initialized.");
-        return 1;
+        return NETWORK_ALREADY_INITIALIZED;
     }
     module_base = CallbackEvent.new_event_base();
     if (module_base == nullptr) {
-        signal(SIGPIPE, SIG_IGN);
-        return -1;
+        Logger.error("Unable to create the event base of the Network module");
+        return NETWORK_ERR_FAILED;
     }
     initialized = true;
-    return 0;
+    return NETWORK_OK;
 }
 
 // Forgets the initialisation; the base stays allocated for whoever still runs it.
 void deinit() {
-    if (initialized) {
-        initialized = false;
-    }
+    initialized = false;
 }
 
 struct event_base* get_event_base() {
@@ -59,14 +75,9 @@ void set_op_port(int port) {
     Logger.info("Op port set to %d", port);
 }
 
-// Deletes and frees an event slot; nothing when it is empty.
-void drop_event(struct event** slot) {
-    if (*slot != nullptr) {
-        event_del(*slot);
-        event_free(*slot);
-        *slot = nullptr;
-    }
-}
+}  // namespace
+
+namespace network_internal {
 
 // Drops the socket and its events, then tells the protocol state. The state,
 // the queues and any retry timer stay. Safe from any connection callback.
@@ -76,15 +87,14 @@ void close_connection(networkConnection* connection) {
         return;
     }
     drop_event(&connection->read_event);
-    if (connection->write_event == nullptr) {
-        Logger.trace("Connection %p has not been closed because connection->write_event is NULL",
-                     static_cast<void*>(connection));
-    } else {
-        drop_event(&connection->write_event);
-        Logger.trace("connection->write_event set to NULL for connection %p",
-                     static_cast<void*>(connection));
+    drop_event(&connection->write_event);
+    if (connection->state == NETWORK_CONNECTING || connection->state == NETWORK_CONNECTED) {
         close(connection->socket);
-        connection->socket = 0;
+        connection->socket = -1;
+        connection->state = NETWORK_CLOSED;
+    } else {
+        Logger.trace("Connection %p has not been closed because it has no socket",
+                     static_cast<void*>(connection));
     }
     ProtocolState* state = connection->protocol_state;
     if (state != nullptr && state->unset_callback != nullptr) {
@@ -94,6 +104,10 @@ void close_connection(networkConnection* connection) {
         state->unset_callback(connection);
     }
 }
+
+}  // namespace network_internal
+
+namespace {
 
 // Closes the connection and frees it with its lock, queues, state and pending
 // retry timer. The initial state and the config stay the caller's.
@@ -110,8 +124,8 @@ void destroy_connection(networkConnection* connection) {
     free(connection);
 }
 
-// New connection with no socket yet; the caller destroys it with
-// destroy_connection. A failure frees a base that is not the module's own.
+// New idle connection with no socket; the caller destroys it with
+// destroy_connection.
 networkConnection* create_connection(const ProtocolState* initial_state,
                                      networkConnectionConfig* config, struct event_base* base,
                                      EventDispatcher* dispatcher) {
@@ -125,6 +139,8 @@ networkConnection* create_connection(const ProtocolState* initial_state,
         Logger.error("Could not allocate memory");
         return nullptr;
     }
+    connection->state = NETWORK_IDLE;
+    connection->socket = -1;
     connection->event_base = base != nullptr ? base : module_base;
     connection->initial_protocol_state = initial_state;
     connection->lock = Mutex.create();
@@ -133,9 +149,6 @@ networkConnection* create_connection(const ProtocolState* initial_state,
     if (connection->lock == nullptr || connection->sending_queue == nullptr ||
         connection->receive_queue == nullptr) {
         Logger.error("Unable to allocate memory for queue");
-        if (connection->event_base != module_base) {
-            event_base_free(connection->event_base);
-        }
         destroy_connection(connection);
         return nullptr;
     }
@@ -170,17 +183,22 @@ uint16_t get_port(networkConnection* connection) {
     return ntohs(connection->address.sin_port);
 }
 
-// Drains the sending queue while the socket is writable. The queue work runs
-// under the lock; the graceful close and the protocol state's write callback
-// run after it is released, so they may call `send` without deadlocking.
-void on_writable(evutil_socket_t fd, short /*what*/, void* argument) {
-    auto* connection = static_cast<networkConnection*>(argument);
+// A lost connection: closes it and lets the retry policy decide. The unset
+// callback runs twice (here and in the policy's own close).
+void close_and_reconnect(networkConnection* connection) {
+    close_connection(connection);
+    reconnect(connection);
+}
+
+// One send() of everything queued, under the lock. Returns what send()
+// returned (0 for an empty queue); *error receives errno when the socket is
+// dead, 0 otherwise.
+ssize_t send_queued(networkConnection* connection, evutil_socket_t fd, int* error) {
     Mutex.lock(connection->lock, -1);
     const uint32_t size = DynamicBuffer.size(connection->sending_queue);
     uint8_t copied = 0;
     uint8_t* block = DynamicBuffer.get_data(connection->sending_queue, &copied);
     ssize_t sent = 0;
-    bool close_now = false;
     if (block == nullptr) {
         Logger.trace("Unable to get buffer from sending queue");
     } else {
@@ -190,39 +208,57 @@ void on_writable(evutil_socket_t fd, short /*what*/, void* argument) {
         } else if (size != 0) {
             Logger.trace("Network send failed");
         }
-        // A dead socket stays writable; stop asking until new data comes.
-        bool broken = sent < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR;
-        if (sent == static_cast<ssize_t>(size) || broken) {
-            event_del(connection->write_event);
+        const bool dead = sent < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR;
+        *error = dead ? errno : 0;
+        if (sent == static_cast<ssize_t>(size)) {
+            event_del(connection->write_event);  // drained: stop asking
         }
-        close_now = sent == static_cast<ssize_t>(size) && connection->graceful_close_requested;
     }
     Mutex.unlock(connection->lock);
     if (copied == 1) {
         free(block);
     }
-    if (close_now) {
-        Network.graceful_close(connection);
-    }
+    return sent;
+}
+
+// Drains the sending queue while the socket is writable. The protocol state's
+// write callback runs after the lock is released, so it may call `send`. A
+// dead socket stays writable: rather than spin on it, or stop with bytes
+// queued that nothing would send, the connection is dropped and the retry
+// policy runs (a new attempt starts over from the handshake).
+void on_writable(evutil_socket_t fd, short /*what*/, void* argument) {
+    auto* connection = static_cast<networkConnection*>(argument);
+    int error = 0;
+    const ssize_t sent = send_queued(connection, fd, &error);
     ProtocolState* state = connection->protocol_state;
     if (state != nullptr && state->write_callback != nullptr) {
         state->write_callback(connection, sent);
     }
+    if (error != 0) {
+        Logger.error("Unable to send on connection %p: %s. Connection dropped",
+                     static_cast<void*>(connection), strerror(error));
+        close_and_reconnect(connection);
+    }
 }
 
-// Queues bytes for the write event. Refused (-1) until the connection has
+// Queues bytes for the write event. Refused until the connection has
 // succeeded and after it closed, so nothing waits in a queue nobody drains.
 int send_bytes(networkConnection* connection, const void* bytes, uint64_t length) {
     if (connection == nullptr || bytes == nullptr) {
-        return -1;
+        return NETWORK_ERR_FAILED;
     }
     Mutex.lock(connection->lock, -1);
-    int result = -1;
-    struct event* writer = connection->write_event;
-    if (writer != nullptr && event_get_callback(writer) == on_writable &&
-        DynamicBuffer.append(connection->sending_queue, bytes, length) == 0) {
-        event_add(writer, nullptr);
-        result = 0;
+    int result = NETWORK_ERR_FAILED;
+    if (connection->state != NETWORK_CONNECTED) {
+        Logger.trace("Connection %p is not connected: nothing queued",
+                     static_cast<void*>(connection));
+    } else if (event_add(connection->write_event, nullptr) != 0) {
+        Logger.error("Unable to watch connection %p for writing", static_cast<void*>(connection));
+    } else if (DynamicBuffer.append(connection->sending_queue, bytes, length) != 0) {
+        Logger.error("Unable to queue %llu bytes on connection %p",
+                     static_cast<unsigned long long>(length), static_cast<void*>(connection));
+    } else {
+        result = NETWORK_OK;
     }
     Mutex.unlock(connection->lock);
     return result;
@@ -240,33 +276,43 @@ int64_t receive_data(networkConnection* connection, int64_t max_size) {
     }
     if (connection == nullptr || connection->protocol_state == nullptr ||
         connection->receive_queue == nullptr || max_size < 0) {
-        return -2;
+        return NETWORK_ERR_INCOMPLETE;
     }
     uint8_t buffer[NETWORK_RECEIVE_MAX];
     const ssize_t received = recv(connection->socket, buffer, static_cast<size_t>(max_size), 0);
     if (received <= 0) {
         Logger.trace("recv() failed on %s:%d. recv() returned %d", get_ip(connection),
                      static_cast<int>(get_port(connection)), static_cast<int>(received));
-        Network.close_and_reconnect(connection);
-        return -1;
+        close_and_reconnect(connection);
+        return NETWORK_ERR_FAILED;
     }
-    DynamicBuffer.append(connection->receive_queue, buffer, static_cast<uint64_t>(received));
+    if (DynamicBuffer.append(connection->receive_queue, buffer, static_cast<uint64_t>(received)) !=
+        0) {
+        Logger.error("Unable to queue %d received bytes. Connection dropped",
+                     static_cast<int>(received));
+        close_and_reconnect(connection);
+        return NETWORK_ERR_FAILED;
+    }
     return received;
 }
 
 // The attempt succeeded: swap the connect event for the (idle) writer, start
-// reading, announce it, then let the protocol state begin.
+// reading, announce it, then let the protocol state begin. Without its
+// events the connection is useless: the retry policy takes over.
 void on_connected(networkConnection* connection) {
     Logger.info("Connection attempt to %s:%u succeeded", get_ip(connection),
                 static_cast<unsigned>(connection->config->port));
-    event_free(connection->write_event);
+    drop_event(&connection->write_event);
+    connection->state = NETWORK_CONNECTED;
     connection->write_event = event_new(connection->event_base, connection->socket,
                                         EV_WRITE | EV_PERSIST, on_writable, connection);
     ProtocolState* state = connection->protocol_state;
-    if (state != nullptr && state->read_callback != nullptr) {
-        connection->read_event = event_new(connection->event_base, connection->socket,
-                                           EV_READ | EV_PERSIST, state->read_callback, connection);
-        event_add(connection->read_event, nullptr);
+    const bool reads = state != nullptr && state->read_callback != nullptr;
+    if (connection->write_event == nullptr || (reads && watch_reads(connection) != 0)) {
+        Logger.error("Unable to create the events of connection %p. Connection dropped",
+                     static_cast<void*>(connection));
+        reconnect(connection);
+        return;
     }
     CallbackEvent.notify(connection->dispatcher, NET_EVENT_CONNECTED, connection);
     if (state != nullptr && state->setup_callback != nullptr) {
@@ -296,27 +342,28 @@ void reset_attempt(networkConnection* connection) {
     connection->protocol_state = copy_protocol_state(connection->initial_protocol_state);
 }
 
-// Waits for connect() on the socket. Without that event the attempt is lost,
-// so it goes through the retry policy like a refused one.
-void watch_connect(networkConnection* connection) {
+// Waits for connect() on the socket. 0, or -1 (logged) when it cannot.
+int watch_connect(networkConnection* connection) {
     connection->write_event = event_new(connection->event_base, connection->socket, EV_WRITE,
                                         on_connect_completed, connection);
     Logger.trace("connection->write_event set to %p for connection %p",
                  static_cast<void*>(connection->write_event), static_cast<void*>(connection));
-    if (connection->write_event == nullptr) {
+    if (connection->write_event == nullptr || event_add(connection->write_event, nullptr) != 0) {
         Logger.error("Unable to watch the connection attempt. Connection aborted");
-        close(connection->socket);
-        connection->socket = 0;
-        reconnect(connection);
-        return;
+        return -1;
     }
-    event_add(connection->write_event, nullptr);
     connect(connection->socket, reinterpret_cast<const sockaddr*>(&connection->address),
             sizeof(connection->address));
+    return 0;
 }
 
-// Starts a new non-blocking attempt. When no socket can be made the
-// connection is destroyed: the caller must not touch it afterwards.
+}  // namespace
+
+namespace network_internal {
+
+// Starts a new non-blocking attempt. One that cannot start counts as a
+// failed attempt: the retry policy decides, and the caller keeps the
+// connection.
 void perform_connection(networkConnection* connection) {
     Logger.trace("Performing connection %p", static_cast<void*>(connection));
     if (!initialized) {
@@ -333,28 +380,36 @@ void perform_connection(networkConnection* connection) {
         return;
     }
     close_connection(connection);
+    // Fired (this may be its callback) or superseded by this attempt.
+    drop_event(&connection->retry_event);
     connection->address = sockaddr_in{};
     connection->address.sin_family = AF_INET;
     connection->address.sin_addr.s_addr = inet_addr(config->ip);
     connection->address.sin_port = htons(config->port);
     const int fd = socket(AF_INET, config->socket_kind == 0 ? SOCK_STREAM : SOCK_DGRAM, 0);
     if (fd < 0) {
-        Logger.error("Unable to init socket. Connection aborted");
-        destroy_connection(connection);
+        Logger.error("Unable to init socket: %s. Connection aborted", strerror(errno));
+        reconnect(connection);
         return;
     }
     connection->socket = fd;
+    connection->state = NETWORK_CONNECTING;
     reset_attempt(connection);
     fcntl(fd, F_SETFL, fcntl(fd, F_GETFL, 0) | O_NONBLOCK);
     signal(SIGPIPE, SIG_IGN);
-    if (connection->retry_event != nullptr) {
-        // Fired (this may be its callback) or superseded by this attempt.
-        Logger.trace("Perform connection, setting retry event %p to NULL",
-                     static_cast<void*>(connection->retry_event));
-        drop_event(&connection->retry_event);
+    if (connection->protocol_state == nullptr && connection->initial_protocol_state != nullptr) {
+        Logger.error("Unable to copy the initial protocol state. Connection aborted");
+        reconnect(connection);
+        return;
     }
-    watch_connect(connection);
+    if (watch_connect(connection) != 0) {
+        reconnect(connection);
+    }
 }
+
+}  // namespace network_internal
+
+namespace {
 
 // Closes, then tells the dispatcher the close is done.
 void graceful_close(networkConnection* connection) {
@@ -365,47 +420,42 @@ void graceful_close(networkConnection* connection) {
     }
 }
 
-// The retry policy closes once more, so the unset callback runs twice.
-void close_and_reconnect(networkConnection* connection) {
-    close_connection(connection);
-    reconnect(connection);
-}
-
-// Zero-fills the record without freeing anything it points to.
+// Empties the record without freeing anything it points to.
 void reset_connection(networkConnection* connection) {
     if (connection != nullptr) {
-        memset(connection, 0, sizeof(networkConnection));
+        *connection = networkConnection{};
+        connection->socket = -1;
     }
 }
 
 }  // namespace
 
 const NetworkModule Network = {
-    is_initialized,
-    init,
-    empty_slot,
-    deinit,
-    get_event_base,
-    get_op_port,
-    set_op_port,
-    create_connection,
-    set_user_data,
-    perform_connection,
-    get_ip,
-    get_port,
-    send_bytes,
-    receive_data,
-    close_connection,
-    graceful_close,
-    reset_connection,
-    reconnect_later,
-    close_and_reconnect,
-    destroy_connection,
-    switch_protocol_state,
-    free_protocol_state,
-    reconnect,
-    create_protocol_state,
-    empty_slot,
-    empty_slot,
-    clean_retry_event,
+    .is_initialized = is_initialized,
+    .init = init,
+    .unused = empty_slot,
+    .deinit = deinit,
+    .get_event_base = get_event_base,
+    .get_op_port = get_op_port,
+    .set_op_port = set_op_port,
+    .create_connection = create_connection,
+    .set_user_data = set_user_data,
+    .perform_connection = perform_connection,
+    .get_ip = get_ip,
+    .get_port = get_port,
+    .send = send_bytes,
+    .receive_data = receive_data,
+    .close_connection = close_connection,
+    .graceful_close = graceful_close,
+    .reset_connection = reset_connection,
+    .reconnect_later = reconnect_later,
+    .close_and_reconnect = close_and_reconnect,
+    .destroy_connection = destroy_connection,
+    .switch_protocol_state = switch_protocol_state,
+    .free_protocol_state = free_protocol_state,
+    .reconnect = reconnect,
+    .create_protocol_state = create_protocol_state,
+    .unused_2 = empty_slot,
+    .unused_3 = empty_slot,
+    .clean_retry_event = clean_retry_event,
 };

@@ -5,7 +5,7 @@
 #include <cstring>
 
 #include "core/logger.h"
-#include "network/network.h"
+#include "network/network_internal.h"
 
 namespace network_internal {
 
@@ -38,11 +38,7 @@ void switch_protocol_state(networkConnection* connection, ProtocolState* state) 
             "Unable to switch protocol state because connection or protocol state is NULL");
         return;
     }
-    if (connection->read_event != nullptr) {
-        event_del(connection->read_event);
-        event_free(connection->read_event);
-        connection->read_event = nullptr;
-    }
+    drop_event(&connection->read_event);
     ProtocolState* old = connection->protocol_state;
     if (old != nullptr && old->unset_callback != nullptr) {
         old->unset_callback(connection);
@@ -51,18 +47,16 @@ void switch_protocol_state(networkConnection* connection, ProtocolState* state) 
         free_protocol_state(old);
     }
     connection->protocol_state = state;
-    // Only a live socket is watched: a closed connection keeps 0 there.
-    if (state->read_callback != nullptr && connection->write_event != nullptr) {
-        connection->read_event = event_new(connection->event_base, connection->socket,
-                                           EV_READ | EV_PERSIST, state->read_callback, connection);
-        event_add(connection->read_event, nullptr);
+    // Only a live socket is watched.
+    if (state->read_callback != nullptr && connection->state == NETWORK_CONNECTED &&
+        watch_reads(connection) != 0) {
+        reconnect(connection);
+        return;
     }
     if (state->setup_callback != nullptr) {
         state->setup_callback(connection);
     }
 }
-
-}  // namespace network_internal
 
 // A record of state->size bytes with the same content; the copy is never
 // shorter than a whole ProtocolState, so its callbacks can always be read.
@@ -79,3 +73,5 @@ ProtocolState* copy_protocol_state(const ProtocolState* state) {
     memcpy(copy, state, state->size);
     return copy;
 }
+
+}  // namespace network_internal

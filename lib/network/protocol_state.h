@@ -24,7 +24,3 @@ struct ProtocolState {
     ProtocolConnectionCallback setup_callback;
     ProtocolConnectionCallback unset_callback;
 };
-
-// New record of state->size bytes with the same content; null for null.
-// Used by the connection at each attempt.
-ProtocolState* copy_protocol_state(const ProtocolState* state);

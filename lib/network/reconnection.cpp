@@ -1,11 +1,12 @@
 #include "core/logger.h"
-#include "network/network.h"
+#include "network/network_internal.h"
 
+namespace network_internal {
 namespace {
 
 // libevent-shaped entry of the retry timers.
 void retry_connection(evutil_socket_t /*fd*/, short /*what*/, void* argument) {
-    Network.perform_connection(static_cast<networkConnection*>(argument));
+    perform_connection(static_cast<networkConnection*>(argument));
 }
 
 // Arms the retry timer unless one is already pending: a connection never
@@ -24,15 +25,13 @@ void schedule_retry(networkConnection* connection, const char* registered, const
 
 }  // namespace
 
-namespace network_internal {
-
 // After a failed attempt or a lost connection: closes, counts the failure
 // and either schedules the next attempt (event 3) or gives up (event 4).
 void reconnect(networkConnection* connection) {
     if (connection == nullptr || connection->config == nullptr) {
         return;
     }
-    Network.close_connection(connection);
+    close_connection(connection);
     if (connection->remaining_attempts != 0) {
         --connection->remaining_attempts;
     }
@@ -65,7 +64,7 @@ void reconnect_later(networkConnection* connection) {
     if (connection == nullptr || connection->config == nullptr) {
         return;
     }
-    Network.close_connection(connection);
+    close_connection(connection);
     connection->remaining_attempts = connection->config->reconnection_policy;
     CallbackEvent.register_callback(connection->event_base, retry_connection, connection,
                                     static_cast<int64_t>(connection->config->retry_delay));
@@ -78,11 +77,7 @@ void clean_retry_event(networkConnection* connection) {
         return;
     }
     Logger.trace("Cleaning up retry event %p", static_cast<void*>(connection->retry_event));
-    if (event_del(connection->retry_event) != 0) {
-        Logger.error("Unable to remove retry_event");
-    }
-    event_free(connection->retry_event);
-    connection->retry_event = nullptr;
+    drop_event(&connection->retry_event);
     Logger.trace("Retry event %p clean up", static_cast<void*>(connection->retry_event));
 }
 

@@ -70,36 +70,35 @@ char* base64_encode(const uint8_t* source, uint64_t count, uint64_t* out_length)
     return text;
 }
 
-// SHA-1 of buffer into digest on a stack context. 0; -1 bad arguments; -2
-// the context refused the text; -3 no digest.
+// SHA-1 of buffer into digest on a stack context.
 int32_t sha1_compute(const uint8_t* buffer, uint64_t size, uint8_t* digest) {
     if (buffer == nullptr) {
         Logger.error("Unable to compute sha1 as provided buffer is NULL");
-        return -1;
+        return CRYPTO_ERR_ARGUMENT;
     }
     if (size == 0) {
         Logger.error("Unable to compute sha1 as provided buffer size is 0");
-        return -1;
+        return CRYPTO_ERR_ARGUMENT;
     }
     Sha1Context context;
     if (Sha1.reset(&context) != 0) {
         Logger.error("Unable to reset sha1 context");
-        return -2;
+        return CRYPTO_ERR_INPUT;
     }
     // The context takes 32-bit lengths; anything larger goes in slices.
     for (uint64_t done = 0; done < size;) {
         uint64_t slice = size - done > UINT32_MAX ? UINT32_MAX : size - done;
         if (Sha1.input(&context, buffer + done, static_cast<uint32_t>(slice)) != 0) {
             Logger.error("Unable to set sha1 clear text");
-            return -2;
+            return CRYPTO_ERR_INPUT;
         }
         done += slice;
     }
     if (Sha1.result(&context, digest) != 0) {
         Logger.error("Unable to compute sha1");
-        return -3;
+        return CRYPTO_ERR_DIGEST;
     }
-    return 0;
+    return CRYPTO_OK;
 }
 
 // Forwards to Random.bytes; read at call time, not at table initialisation.
@@ -110,7 +109,7 @@ int random_bytes(uint8_t* buffer, uint64_t count) {
 }  // namespace
 
 const CryptoModule Crypto = {
-    base64_encode,
-    sha1_compute,
-    random_bytes,
+    .base64_encode = base64_encode,
+    .sha1_compute = sha1_compute,
+    .random_bytes = random_bytes,
 };

@@ -77,10 +77,10 @@ void pad_message(Sha1Context* context) {
     process_block(context);
 }
 
-// Fresh context. 0, or -1 for a null context.
+// Fresh context.
 int sha1_reset(Sha1Context* context) {
     if (context == nullptr) {
-        return -1;
+        return SHA1_ERR_ARGUMENT;
     }
     memcpy(context->intermediate_hash, kInitialHash, sizeof kInitialHash);
     context->length_low = 0;
@@ -88,20 +88,20 @@ int sha1_reset(Sha1Context* context) {
     context->message_block_index = 0;
     context->computed = 0;
     context->corrupted = 0;
-    return 0;
+    return SHA1_OK;
 }
 
-// Feeds length bytes. Input after the digest poisons the context with -3.
+// Feeds length bytes. Input after the digest poisons the context.
 int sha1_input(Sha1Context* context, const uint8_t* bytes, uint32_t length) {
     if (length == 0) {
-        return -1;
+        return SHA1_ERR_ARGUMENT;
     }
     if (context == nullptr || bytes == nullptr) {
-        return -2;
+        return SHA1_ERR_NULL;
     }
     if (context->computed != 0) {
-        context->corrupted = -3;
-        return -3;
+        context->corrupted = SHA1_ERR_STATE;
+        return SHA1_ERR_STATE;
     }
     if (context->corrupted != 0) {
         return context->corrupted;
@@ -111,7 +111,7 @@ int sha1_input(Sha1Context* context, const uint8_t* bytes, uint32_t length) {
         context->length_low += 8;
         // The 64-bit bit count wrapped: the message is too long for SHA-1.
         if (context->length_low == 0 && ++context->length_high == 0) {
-            context->corrupted = 1;
+            context->corrupted = SHA1_ERR_TOO_LONG;
         }
         if (context->message_block_index == kBlockSize) {
             process_block(context);
@@ -123,7 +123,7 @@ int sha1_input(Sha1Context* context, const uint8_t* bytes, uint32_t length) {
 // Pads once, then writes H0..H4 most significant byte first.
 int sha1_result(Sha1Context* context, uint8_t digest[SHA1_DIGEST_SIZE]) {
     if (context == nullptr || digest == nullptr) {
-        return -1;
+        return SHA1_ERR_ARGUMENT;
     }
     if (context->corrupted != 0) {
         return context->corrupted;
@@ -138,13 +138,13 @@ int sha1_result(Sha1Context* context, uint8_t digest[SHA1_DIGEST_SIZE]) {
     for (int i = 0; i < SHA1_DIGEST_SIZE; ++i) {
         digest[i] = static_cast<uint8_t>(context->intermediate_hash[i / 4] >> (8 * (3 - i % 4)));
     }
-    return 0;
+    return SHA1_OK;
 }
 
 }  // namespace
 
 const Sha1Module Sha1 = {
-    sha1_reset,
-    sha1_input,
-    sha1_result,
+    .reset = sha1_reset,
+    .input = sha1_input,
+    .result = sha1_result,
 };

@@ -16,15 +16,26 @@ struct Sha1Context {
     int32_t corrupted;  // non-zero: the context refuses further work
 };
 
+// Results: SHA1_OK (0); SHA1_ERR_ARGUMENT (-1) a null context or digest, or
+// an empty input; SHA1_ERR_NULL (-2) input without a context or bytes;
+// SHA1_ERR_STATE (-3) input after the digest (the context then refuses
+// everything); SHA1_ERR_TOO_LONG (1) more than 2^64 bits were fed.
+enum Sha1Result : int {
+    SHA1_OK = 0,
+    SHA1_ERR_ARGUMENT = -1,
+    SHA1_ERR_NULL = -2,
+    SHA1_ERR_STATE = -3,
+    SHA1_ERR_TOO_LONG = 1,
+};
+
 struct Sha1Module {
-    // 0, or -1 for a null context.
+    // SHA1_OK, or SHA1_ERR_ARGUMENT for a null context.
     int (*reset)(Sha1Context* context);
-    // 0; -1 when length is 0; -2 null context or bytes; -3 after the digest
-    // was computed (the context then refuses everything); else the non-zero
-    // error state.
+    // SHA1_OK; SHA1_ERR_ARGUMENT when length is 0; SHA1_ERR_NULL;
+    // SHA1_ERR_STATE; else the context's error state.
     int (*input)(Sha1Context* context, const uint8_t* bytes, uint32_t length);
-    // Pads (first time only) and writes the 20-byte digest. 0, -1 for null
-    // arguments, or the non-zero error state.
+    // Pads (first time only) and writes the 20-byte digest. SHA1_OK,
+    // SHA1_ERR_ARGUMENT, or the context's error state.
     int (*result)(Sha1Context* context, uint8_t digest[SHA1_DIGEST_SIZE]);
 };
 

@@ -13,6 +13,8 @@
 #include "core/byte_order.h"
 #include "core/callback_event.h"
 #include "core/logger.h"
+#include "core/no_throw.h"
+#include "core/owned.h"
 #include "websocket/crypto.h"
 
 namespace {
@@ -37,10 +39,7 @@ constexpr uint8_t kLength64 = 127;
 // list of 30,000 services (about 8 MB) fits in one message.
 constexpr uint64_t kMaxMessageSize = WS_MAX_MESSAGE_SIZE;
 
-struct FreeDeleter {
-    void operator()(void* pointer) const { free(pointer); }
-};
-using Owned = std::unique_ptr<uint8_t, FreeDeleter>;
+using Owned = MallocPtr<uint8_t>;
 
 // Header size without the key for a length code: 2, 4 or 10.
 uint64_t length_form_size(uint8_t length_code) {
@@ -112,7 +111,7 @@ void report_too_large(networkConnection* connection, uint64_t size) {
 // ---- upgrade helpers -------------------------------------------------------
 
 // Base64(SHA-1(nonce + GUID)); the caller frees the result.
-char* compute_websocket_accept(const char* nonce, uint64_t* out_length) {
+char* accept_of(const char* nonce, uint64_t* out_length) {
     if (nonce == nullptr) {
         Logger.trace("Provided base64 encoded nonce is NULL");
         return nullptr;
@@ -145,9 +144,14 @@ char* compute_websocket_accept(const char* nonce, uint64_t* out_length) {
     return accept;
 }
 
+char* compute_websocket_accept(const char* nonce, uint64_t* out_length) {
+    return without_throwing<char*>("WebSocket.compute_websocket_accept", nullptr,
+                                   [&] { return accept_of(nonce, out_length); });
+}
+
 // Finds "key:" anywhere in the NUL-terminated header and cuts its value out
 // in place (strtok with ": " then ": \r"). Returns a pointer into header.
-char* find_value_from_http_header(char* header, uint64_t length, const char* key) {
+char* find_header_value(char* header, uint64_t length, const char* key) {
     if (header == nullptr || key == nullptr) {
         Logger.error("Unable to look up an http header: missing header or key");
         return nullptr;
@@ -174,6 +178,11 @@ char* find_value_from_http_header(char* header, uint64_t length, const char* key
         return nullptr;
     }
     return value;
+}
+
+char* find_value_from_http_header(char* header, uint64_t length, const char* key) {
+    return without_throwing<char*>("WebSocket.find_value_from_http_header", nullptr,
+                                   [&] { return find_header_value(header, length, key); });
 }
 
 // ---- descriptor ------------------------------------------------------------
@@ -218,12 +227,12 @@ void destroy_peer_descriptor(websocketPeerDescriptor* descriptor) {
 int send_data(networkConnection* connection, JsonValue* value, int data_type, bool masked) {
     if (value == nullptr) {
         Logger.error("Null json_object parameter in send_data function.");
-        return -1;
+        return WS_ERR_REFUSED;
     }
     if (connection == nullptr) {
         Logger.error("Provided connection is NULL. Unable to send websocket data");
         json_free_value(value);
-        return -1;
+        return WS_ERR_REFUSED;
     }
     char text[WS_SEND_BUFFER_SIZE] = {};
     const int length = json_serialize(value, text, sizeof text);
@@ -232,11 +241,11 @@ int send_data(networkConnection* connection, JsonValue* value, int data_type, bo
         Logger.error(
             "Unable to serialize Json data in send_data function. Buffer length may be too small. "
             "Unable to send websocket data");
-        return -2;
+        return WS_ERR_SERIALIZE;
     }
     if (length == 0 && data_type != WS_DATA_PONG) {
         Logger.trace("Serialized buffer length is 0. Unable to send websocket data");
-        return 0;
+        return WS_OK;
     }
     uint8_t opcode = 0;
     switch (data_type) {
@@ -255,7 +264,7 @@ int send_data(networkConnection* connection, JsonValue* value, int data_type, bo
         default:
             Logger.error("Provided datatype not known: %d. Unable to send websocket data",
                          data_type);
-            return -3;
+            return WS_ERR_DATA_TYPE;
     }
     uint64_t frame_length = 0;
     uint8_t* frame =
@@ -263,19 +272,24 @@ int send_data(networkConnection* connection, JsonValue* value, int data_type, bo
                               opcode, true, masked, &frame_length);
     if (frame == nullptr) {
         Logger.error("Error while trying to send websocket data");
-        return -4;
+        return WS_ERR_MEMORY;
     }
-    Network.send(connection, frame, frame_length);
+    const int queued = Network.send(connection, frame, frame_length);
     free(frame);
+    if (queued != NETWORK_OK) {
+        // Not connected (any more): the layer above learns it from its own events.
+        Logger.error("Unable to queue websocket data");
+        return WS_OK;
+    }
     Logger.trace("Websocket data sent");
-    return 0;
+    return WS_OK;
 }
 
 // The pong carries "{}" rather than the ping's payload, unmasked.
 int send_pong(networkConnection* connection) {
     if (connection == nullptr) {
         Logger.error("Unable to send pong frame to client. Provided connection is NULL");
-        return -1;
+        return WS_ERR_REFUSED;
     }
     Logger.trace("Trying to send a websocket pong frame...");
     return send_data(connection, json_create_json_object(), WS_DATA_PONG, false);
@@ -514,17 +528,17 @@ void reserve_payload(RingBuffer* queue, uint64_t payload_length) {
         return;
     }
     const uint32_t queued = DynamicBuffer.size(queue);
-    std::string kept(queued, '\0');
-    DynamicBuffer.peek(queue, kept.data(), queued);
+    Owned kept(static_cast<uint8_t*>(malloc(queued + 1)));
     // Fresh pages from calloc are not touched until the payload lands.
     Owned room(static_cast<uint8_t*>(calloc(room_needed, 1)));
-    if (!room) {
+    if (!kept || !room) {
         return;  // the queue then grows read by read
     }
+    DynamicBuffer.peek(queue, kept.get(), queued);
     DynamicBuffer.clear(queue);
     DynamicBuffer.append(queue, room.get(), room_needed);
     DynamicBuffer.clear(queue);
-    DynamicBuffer.append(queue, kept.data(), queued);
+    DynamicBuffer.append(queue, kept.get(), queued);
 }
 
 // Header step. Returns 1 when the header is complete and the payload can be
@@ -580,7 +594,7 @@ int read_frame(networkConnection* connection, websocketPeerDescriptor* descripto
     }
     if (descriptor == nullptr) {
         Logger.error("Websocket Peer Descriptor is NULL");
-        return -1;
+        return WS_ERR_REFUSED;
     }
     if (!descriptor->header_complete) {
         const int header = read_header(connection, descriptor, require_mask, read, on_disconnect);
@@ -612,18 +626,10 @@ int read_frame(networkConnection* connection, websocketPeerDescriptor* descripto
         return -1;
     }
     apply_mask(block.bytes, length, header_key(descriptor->header));
-    const bool drop = descriptor->disconnect_requested;
     FrameOutcome outcome = settle_frame(connection, descriptor, std::move(block));
-    if (!drop) {
-        descriptor->header_complete = false;
-    }
+    descriptor->header_complete = false;
     // From here the descriptor may be freed by the callbacks.
     run_outcome(connection, outcome, on_disconnect, on_message);
-    if (drop) {
-        call_disconnect(connection, on_disconnect);
-        Logger.trace("Upper layer asked for a disconnection");
-        return -1;
-    }
     return outcome.result;
 }
 
@@ -698,6 +704,11 @@ uint8_t* websocket_build_frame(const uint8_t* payload, uint64_t length, uint8_t 
 }
 
 const WebSocketModule WebSocket = {
-    compute_websocket_accept, find_value_from_http_header, read_frame, reset_frame_state,
-    create_peer_descriptor,   destroy_peer_descriptor,     send_data,
+    .compute_websocket_accept = compute_websocket_accept,
+    .find_value_from_http_header = find_value_from_http_header,
+    .read_frame = read_frame,
+    .reset_frame_state = reset_frame_state,
+    .create_peer_descriptor = create_peer_descriptor,
+    .destroy_peer_descriptor = destroy_peer_descriptor,
+    .send_data = send_data,
 };

@@ -7,6 +7,12 @@
 // code never touches a socket itself. Complete text or binary messages go to
 // `on_message`; no close frame is ever sent back.
 //
+// Results (WebSocketResult): WS_OK (0) done, or nothing to do yet;
+// WS_ERR_REFUSED (-1) a missing argument, or a frame or peer the connection
+// cannot go on with (drop it); WS_ERR_SERIALIZE (-2) the value does not
+// serialise into the send buffer; WS_ERR_DATA_TYPE (-3) an unknown data type;
+// WS_ERR_MEMORY (-4) the frame cannot be allocated.
+//
 // A frame or a reassembled message above WS_MAX_MESSAGE_SIZE drops the
 // connection and raises WS_EVENT_MESSAGE_TOO_LARGE, so the program can say
 // why; the library itself prints nothing.
@@ -17,6 +23,20 @@
 #include "core/dynamic_buffer.h"
 #include "network/network.h"
 #include "sylvshared/json.h"
+
+enum WebSocketResult : int {
+    WS_OK = 0,
+    WS_ERR_REFUSED = -1,
+    WS_ERR_SERIALIZE = -2,
+    WS_ERR_DATA_TYPE = -3,
+    WS_ERR_MEMORY = -4,
+};
+
+// What the framing tells the layer above it.
+using ConnectedCallback = void (*)(networkConnection* connection);
+using MessageCallback = void (*)(networkConnection* connection, const uint8_t* bytes,
+                                 uint64_t length, int is_binary);
+using DisconnectCallback = void (*)(networkConnection* connection);
 
 enum WebSocketOpcode : uint8_t {
     WS_OPCODE_CONTINUATION = 0,
@@ -53,8 +73,6 @@ struct websocketPeerDescriptor {
     uint64_t payload_length;
     RingBuffer* message_queue;  // fragments of the message being reassembled
     uint8_t message_opcode;     // opcode of that message, 0 when none
-    void* opaque;               // unused by the framing
-    bool disconnect_requested;  // drop the connection after the current frame
     char expected_accept[WS_EXPECTED_ACCEPT_SIZE + 1];  // set by the handshake
 };
 
@@ -70,8 +88,9 @@ struct WebSocketModule {
     // place. A pointer into header, or null when absent, when the key has 512
     // characters or more, or when the value starts at or beyond `length`.
     char* (*find_value_from_http_header)(char* header, uint64_t length, const char* key);
-    // Reads and handles at most one frame. 0 when handled or when more bytes
-    // are needed; -1 when the connection must be dropped. on_message and
+    // Reads and handles at most one frame. WS_OK when handled or when more
+    // bytes are needed; WS_ERR_REFUSED when the connection must be dropped
+    // (also for a missing descriptor). on_message and
     // on_disconnect run last and may close the connection and free the
     // descriptor: nothing of it is touched after them. Message bytes are
     // valid only during on_message and are followed by a NUL byte (not
@@ -86,8 +105,8 @@ struct WebSocketModule {
     // Frees the queue and the record; null is ignored.
     void (*destroy_peer_descriptor)(websocketPeerDescriptor* descriptor);
     // Serialises `value` and queues it as one frame. Always frees `value`.
-    // 0 sent (or nothing to send); -1 missing argument; -2 serialisation
-    // failed (over 15000 bytes); -3 unknown type; -4 frame allocation.
+    // WS_OK sent (or nothing to send); WS_ERR_REFUSED missing argument;
+    // WS_ERR_SERIALIZE (over 15000 bytes); WS_ERR_DATA_TYPE; WS_ERR_MEMORY.
     int (*send_data)(networkConnection* connection, JsonValue* value, int data_type, bool masked);
 };
 

@@ -9,6 +9,8 @@
 #include <string>
 
 #include "core/logger.h"
+#include "core/no_throw.h"
+#include "core/owned.h"
 #include "websocket/crypto.h"
 
 namespace {
@@ -21,10 +23,7 @@ constexpr char kRequestStart[] =
 constexpr char kRequestEnd[] = "\r\n\r\n";
 constexpr char kAcceptHeader[] = "Sec-WebSocket-Accept";
 
-struct FreeDeleter {
-    void operator()(void* pointer) const { free(pointer); }
-};
-using OwnedText = std::unique_ptr<char, FreeDeleter>;
+using OwnedText = MallocPtr<char>;
 
 struct BufferDeleter {
     void operator()(RingBuffer* buffer) const { DynamicBuffer.free(buffer); }
@@ -33,6 +32,16 @@ using OwnedBuffer = std::unique_ptr<RingBuffer, BufferDeleter>;
 
 websocketPeerDescriptor* descriptor_of(networkConnection* connection) {
     return static_cast<websocketPeerDescriptor*>(connection->user_data);
+}
+
+// The layer above's callbacks; an empty record when none were set.
+const WebSocketCallbacks& callbacks_of(const networkConnection* connection) {
+    static const WebSocketCallbacks none{};
+    const networkConnectionConfig* config = connection->config;
+    if (config == nullptr || config->layer_data == nullptr) {
+        return none;
+    }
+    return *static_cast<const WebSocketCallbacks*>(config->layer_data);
 }
 
 // Frees the running state and the descriptor, then closes the socket. The
@@ -57,11 +66,9 @@ void framing_read(evutil_socket_t /*fd*/, short /*events*/, void* argument) {
     if (connection == nullptr) {
         return;
     }
-    networkConnectionConfig* config = connection->config;
-    DisconnectCallback on_disconnect = config != nullptr ? config->on_disconnect : nullptr;
-    MessageCallback on_message = config != nullptr ? config->on_message : nullptr;
+    const WebSocketCallbacks& callbacks = callbacks_of(connection);
     if (WebSocket.read_frame(connection, descriptor_of(connection), false, Network.receive_data,
-                             on_disconnect, on_message) < 0) {
+                             callbacks.on_disconnect, callbacks.on_message) < 0) {
         Network.close_connection(connection);
     }
 }
@@ -75,8 +82,9 @@ void framing_setup(networkConnection* connection) {
     }
     WebSocket.reset_frame_state(descriptor_of(connection));
     DynamicBuffer.clear(connection->receive_queue);
-    if (connection->config != nullptr && connection->config->on_connected != nullptr) {
-        connection->config->on_connected(connection);
+    const WebSocketCallbacks& callbacks = callbacks_of(connection);
+    if (callbacks.on_connected != nullptr) {
+        callbacks.on_connected(connection);
     }
 }
 
@@ -128,14 +136,23 @@ int send_upgrade_request(networkConnection* connection) {
         return -1;
     }
     memcpy(descriptor->expected_accept, accept.get(), accept_length + 1);
-    DynamicBuffer.append(request.get(), kRequestStart, strlen(kRequestStart));
-    DynamicBuffer.append(request.get(), key.get(), strlen(key.get()));
-    DynamicBuffer.append(request.get(), kRequestEnd, strlen(kRequestEnd));
+    if (DynamicBuffer.append(request.get(), kRequestStart, strlen(kRequestStart)) != 0 ||
+        DynamicBuffer.append(request.get(), key.get(), strlen(key.get())) != 0 ||
+        DynamicBuffer.append(request.get(), kRequestEnd, strlen(kRequestEnd)) != 0) {
+        Logger.error("Unable to build the websocket upgrade request");
+        return -1;
+    }
     uint8_t copied = 0;
     uint8_t* bytes = DynamicBuffer.get_data(request.get(), &copied);
-    Network.send(connection, bytes, DynamicBuffer.size(request.get()));
+    const int sent = bytes == nullptr
+                         ? NETWORK_ERR_FAILED
+                         : Network.send(connection, bytes, DynamicBuffer.size(request.get()));
     if (copied == 1) {
         free(bytes);
+    }
+    if (sent != NETWORK_OK) {
+        Logger.error("Unable to send the websocket upgrade request");
+        return -1;
     }
     return 0;
 }
@@ -153,7 +170,7 @@ void handshake_setup(networkConnection* connection) {
 
 // Checks the answer in the receive queue. 0 when the server solved the
 // challenge, -1 (logged) otherwise.
-int check_upgrade_answer(networkConnection* connection) {
+int check_answer_text(networkConnection* connection) {
     RingBuffer* queue = connection->receive_queue;
     const uint64_t length = DynamicBuffer.size(queue);
     uint8_t copied = 0;
@@ -187,6 +204,11 @@ int check_upgrade_answer(networkConnection* connection) {
     return 0;
 }
 
+int check_upgrade_answer(networkConnection* connection) {
+    return without_throwing("WebSocketClient handshake", -1,
+                            [&] { return check_answer_text(connection); });
+}
+
 // Handshake read: the whole answer must come in this first read. On
 // success the connection moves to the framing state, whose setup may
 // already close it: nothing is touched after the switch.
@@ -206,7 +228,6 @@ void handshake_read(evutil_socket_t /*fd*/, short /*events*/, void* argument) {
     ProtocolState* framing = create_framing_state();
     if (framing == nullptr) {
         Logger.error("Unable to instantiate sync state for websocket connection");
-        Network.close_connection(connection);
         close_websocket_connection(connection);
         return;
     }
@@ -227,15 +248,12 @@ ProtocolState* create_websocket_client_handshake_state() {
 
 // ---- client operations -----------------------------------------------------
 
-void set_callbacks(networkConnectionConfig* config, ConnectedCallback on_connected,
-                   MessageCallback on_message, DisconnectCallback on_disconnect) {
+void set_callbacks(networkConnectionConfig* config, const WebSocketCallbacks* callbacks) {
     if (config == nullptr) {
         Logger.error("Unable to set websocket callbacks because provided config is NULL");
         return;
     }
-    config->on_connected = on_connected;
-    config->on_message = on_message;
-    config->on_disconnect = on_disconnect;
+    config->layer_data = callbacks;
 }
 
 int client_send(networkConnection* connection, JsonValue* value) {
@@ -245,9 +263,9 @@ int client_send(networkConnection* connection, JsonValue* value) {
 }  // namespace
 
 const WebSocketClientModule WebSocketClient = {
-    create_websocket_client_handshake_state,
-    create_framing_state,
-    set_callbacks,
-    client_send,
-    close_websocket_connection,
+    .create_websocket_client_handshake_state = create_websocket_client_handshake_state,
+    .create_framing_state = create_framing_state,
+    .set_callbacks = set_callbacks,
+    .send = client_send,
+    .close_websocket_connection = close_websocket_connection,
 };

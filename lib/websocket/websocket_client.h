@@ -4,13 +4,22 @@
 // The handshake's setup sends "GET / HTTP/1.1" with Upgrade, Connection and
 // Sec-WebSocket-Key and nothing else; its read callback wants the whole
 // answer in the first read, checks "Sec-WebSocket-Accept" and switches the
-// connection to the framing state, whose setup calls the config's
+// connection to the framing state, whose setup calls the layer above's
 // on_connected. Every failure ends in close_websocket_connection.
 #pragma once
 
-#include "sylvshared/json.h"
 #include "network/network.h"
+#include "sylvshared/json.h"
 #include "websocket/websocket.h"
+
+// The layer above's callbacks, found through the connection config's
+// layer_data. The record is the caller's and must outlive the connection;
+// any callback may be null.
+struct WebSocketCallbacks {
+    ConnectedCallback on_connected;
+    MessageCallback on_message;
+    DisconnectCallback on_disconnect;
+};
 
 struct WebSocketClientModule {
     // New handshake state (setup sends the request, read checks the answer),
@@ -19,10 +28,10 @@ struct WebSocketClientModule {
     // New framing state (read runs read_frame, setup resets it and calls
     // on_connected), or null.
     ProtocolState* (*create_framing_state)();
-    // Stores the three callbacks in the config.
-    void (*set_callbacks)(networkConnectionConfig* config, ConnectedCallback on_connected,
-                          MessageCallback on_message, DisconnectCallback on_disconnect);
-    // Sends `value` as one masked text frame; frees it. Results of send_data.
+    // Points the config's layer_data at `callbacks` (kept, not copied).
+    void (*set_callbacks)(networkConnectionConfig* config, const WebSocketCallbacks* callbacks);
+    // Sends `value` as one masked text frame; frees it. Results of
+    // WebSocket.send_data.
     int (*send)(networkConnection* connection, JsonValue* value);
     // Frees the connection's protocol state and peer descriptor, then
     // Network.close_connection.

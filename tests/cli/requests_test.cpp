@@ -1,5 +1,4 @@
-// Request builders: the exact "data" text each command puts on the wire,
-// and the service name they leave for the response handlers.
+// Request builders: the exact "data" text each command puts on the wire.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -7,7 +6,6 @@
 #include <string>
 
 #include "cli/commands.h"
-#include "cli/startup.h"
 #include "core/linked_list.h"
 
 namespace {
@@ -38,7 +36,6 @@ TEST(RequestBuilders, AddCopiesClearServicesInOrderAndReleasesThem) {
                   R"(","name":"web1","ip_address":"10.0.0.1","port":443,"virtual_port":8443,)"
                   R"("clear_services":["a.net","10.1.1.1"]})");
     EXPECT_EQ(request.clear_services, nullptr);
-    EXPECT_STREQ(current_service_name, "web1");
 }
 
 struct BuilderCase {
@@ -46,7 +43,6 @@ struct BuilderCase {
     ExecutionCallback builder;
     void* argument;
     std::string expected;
-    const char* names_service;  // null: current_service_name left alone
 };
 
 class EachBuilder : public testing::TestWithParam<BuilderCase> {};
@@ -63,9 +59,7 @@ char name[] = "web4";
 
 TEST_P(EachBuilder, WritesItsDataExactly) {
     const BuilderCase& c = GetParam();
-    current_service_name = "before";
     EXPECT_EQ(serialized(c.builder(c.argument)), c.expected);
-    EXPECT_STREQ(current_service_name, c.names_service != nullptr ? c.names_service : "before");
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -74,32 +68,25 @@ INSTANTIATE_TEST_SUITE_P(
         BuilderCase{"add_without_clear_services", build_add_request, &added,
                     R"({"method":"api_key","value":")" + std::string(API_KEY_LENGTH, 'k') +
                         R"(","name":"web2","ip_address":"10.0.0.1","port":443,)"
-                        R"("virtual_port":8443,"clear_services":[]})",
-                    "web2"},
+                        R"("virtual_port":8443,"clear_services":[]})"},
         BuilderCase{"edit", build_edit_request, &edited,
                     R"({"tenant_name":"web3","ip_address":"10.0.0.1","port":443,)"
-                    R"("virtual_port":8443})",
-                    "web3"},
-        BuilderCase{"remove", build_remove_request, name, R"({"tenant_name":"web4"})", "web4"},
-        BuilderCase{"empty", build_empty_request, nullptr, "{}", nullptr},
-        BuilderCase{"connect", build_connect_request, name, R"({"tenants":["web4"]})", "web4"},
-        BuilderCase{"disconnect", build_disconnect_request, name, R"({"tenants":["web4"]})",
-                    "web4"},
-        BuilderCase{"flag_on", build_enable_flag_request, &enable_on, R"({"enable":true})",
-                    nullptr},
-        BuilderCase{"flag_off", build_enable_flag_request, &enable_off, R"({"enable":false})",
-                    nullptr},
+                    R"("virtual_port":8443})"},
+        BuilderCase{"remove", build_remove_request, name, R"({"tenant_name":"web4"})"},
+        BuilderCase{"empty", build_empty_request, nullptr, "{}"},
+        BuilderCase{"connect", build_connect_request, name, R"({"tenants":["web4"]})"},
+        BuilderCase{"disconnect", build_disconnect_request, name, R"({"tenants":["web4"]})"},
+        BuilderCase{"flag_on", build_enable_flag_request, &enable_on, R"({"enable":true})"},
+        BuilderCase{"flag_off", build_enable_flag_request, &enable_off, R"({"enable":false})"},
         BuilderCase{"save_proxy", build_save_proxy_request, &proxy,
-                    R"({"ip_address":"1.2.3.4","port":3128,"proxy_type":"SOCKS5"})", nullptr},
+                    R"({"ip_address":"1.2.3.4","port":3128,"proxy_type":"SOCKS5"})"},
         BuilderCase{"console", build_traceability_request, &trace_console,
-                    R"({"target":"console"})", nullptr},
+                    R"({"target":"console"})"},
         BuilderCase{"file", build_traceability_request, &trace_file,
                     R"({"target":"file","path":"/var/log","filename_format":"t_%d",)"
-                    R"("max_size":4096})",
-                    nullptr},
+                    R"("max_size":4096})"},
         BuilderCase{"syslog", build_traceability_request, &trace_syslog,
-                    R"({"target":"syslog","address":"10.0.0.9","protocol":"UDP","port":514})",
-                    nullptr}),
+                    R"({"target":"syslog","address":"10.0.0.9","protocol":"UDP","port":514})"}),
     [](const testing::TestParamInfo<BuilderCase>& param_info) { return param_info.param.label; });
 
 // Arguments the command line never passes, refused before anything is sent.

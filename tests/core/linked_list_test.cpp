@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <ostream>
 #include <vector>
 
 namespace {
@@ -29,10 +28,6 @@ struct RemoveCase {
     std::vector<int> left;
 };
 
-void PrintTo(const RemoveCase& c, std::ostream* os) {
-    *os << "entry " << c.removed;
-}
-
 class LinkedListRemove : public ::testing::TestWithParam<RemoveCase> {};
 
 TEST_P(LinkedListRemove, UnlinksWithoutFreeingTheEntry) {
@@ -54,43 +49,5 @@ TEST_P(LinkedListRemove, UnlinksWithoutFreeingTheEntry) {
 INSTANTIATE_TEST_SUITE_P(Positions, LinkedListRemove,
                          ::testing::Values(RemoveCase{0, {2, 3}}, RemoveCase{1, {1, 3}},
                                            RemoveCase{2, {1, 2}}));
-
-TEST(LinkedList, SingleEntryAndPopFirst) {
-    List* list = LinkedList.create(nullptr);
-    EXPECT_EQ(LinkedList.size(list), 0u);
-    ListEntry* only = LinkedList.add(list, nullptr);  // null items are stored
-    EXPECT_EQ(list->tail, only);
-    LinkedList.remove(list, only, record_destroy);
-    EXPECT_EQ(list->head, nullptr);
-    EXPECT_EQ(list->tail, nullptr);
-    free(only);
-
-    ListEntry* first = LinkedList.add(list, &g_values[0]);
-    ListEntry* second = LinkedList.add(list, &g_values[1]);
-    EXPECT_EQ(LinkedList.pop_first(list), first);
-    EXPECT_EQ(first->next, second);  // popped links kept
-    EXPECT_EQ(second->prev, nullptr);
-    EXPECT_EQ(LinkedList.pop_first(list), second);
-    EXPECT_EQ(list->tail, nullptr);
-    EXPECT_EQ(LinkedList.pop_first(list), nullptr);
-    free(first);
-    free(second);
-    LinkedList.free(list, nullptr);
-}
-
-TEST(LinkedList, FindStopsAtFirstMatchAndFreeVisitsInOrder) {
-    int calls = 0;
-    auto pred = [](ListEntry*, void* count) { return ++*static_cast<int*>(count) == 2 ? 1 : 0; };
-    EXPECT_EQ(LinkedList.find(nullptr, pred, &calls), nullptr);
-    EXPECT_EQ(calls, 0);
-    List* list = LinkedList.create(&g_values[2]);
-    LinkedList.add(list, nullptr);
-    LinkedList.add(list, &g_values[0]);
-    EXPECT_EQ(LinkedList.find(list, pred, &calls), list->head->next);
-    EXPECT_EQ(LinkedList.size(list), 3u);
-    g_destroyed.clear();
-    LinkedList.free(list, record_destroy);
-    EXPECT_EQ(g_destroyed, (std::vector<int>{3, 1}));  // list order, null item skipped
-}
 
 }  // namespace

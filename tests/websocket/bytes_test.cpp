@@ -129,7 +129,6 @@ INSTANTIATE_TEST_SUITE_P(
     Frames, ReaderCases,
     ::testing::Values(
         Case{"empty_close", {"88 00"}, false, {}, true},
-        Case{"close_with_reason", {"88 02 03 e8 81 01 41"}, false, {}, true},
         Case{"one_byte_fragments", {"01 01 41", "80 01 42"}, false, {{"AB", 0}}, false},
         Case{"binary_fragments", {"02 01 41 00 01 42 80 01 43"}, false, {{"ABC", 1}}, false},
         Case{"final_text_inside_fragments",
@@ -141,7 +140,6 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"final_continuation_alone", {"80 01 41"}, false, {}, true},
         Case{"loose_continuation", {"00 01 41 81 01 42 80 01 43"}, false, {{"B", 0}}, true},
         Case{"unknown_opcodes_ignored", {"83 01 41 8b 00 81 01 42"}, false, {{"B", 0}}, false},
-        Case{"empty_text", {"81 00"}, false, {{"", 0}}, false},
         Case{"mask_required_missing", {"81 01 41"}, true, {}, true},
         Case{"mask_required_present", {"81 85 37 fa 21 3d 7f 9f 4d 51 58"}, true, {kText}, false},
         // After a 6-byte header the next header read asks for 6 bytes: the
@@ -197,28 +195,6 @@ INSTANTIATE_TEST_SUITE_P(Lengths, BuilderLayout,
                                            Layout{65535, 8, 126, kZero},
                                            Layout{65536, 14, 127, kZero}));
 
-TEST(BuildFrame, UnmaskedFramesAreTheRfcBytes) {
-    for (const auto& [expected, length] :
-         {std::pair{kHello, 5}, {kBinary256, 256}, {kBinary64k, 65536}}) {
-        const uint8_t* payload = expected.data() + expected.size() - length;
-        uint64_t size = 0;
-        uint8_t* frame =
-            websocket_build_frame(payload, length, expected[0] & 0x0f, true, false, &size);
-        EXPECT_EQ(std::vector<uint8_t>(frame, frame + size), expected);
-        free(frame);
-    }
-}
-
-TEST(SendData, FailuresReportedAndValueAlwaysFreed) {
-    networkConnection bare{};
-    JsonValue* too_big = json_create_json_object();
-    json_add_string_child(too_big, "k", std::string(WS_SEND_BUFFER_SIZE, 'x').c_str());
-    EXPECT_EQ(WebSocket.send_data(&bare, nullptr, WS_DATA_TEXT, true), -1);
-    EXPECT_EQ(WebSocket.send_data(nullptr, json_create_json_object(), WS_DATA_TEXT, true), -1);
-    EXPECT_EQ(WebSocket.send_data(&bare, too_big, WS_DATA_TEXT, true), -2);
-    EXPECT_EQ(WebSocket.send_data(&bare, json_parse("{\"id\": 17}"), 7, true), -3);
-}
-
 TEST(Accept, FromNonceAndGuid) {
     const std::pair<std::string, const char*> cases[] = {
         {"dGhlIHNhbXBsZSBub25jZQ==", "s3pPLMBiTxaQ9kYGzzhZRbK+xOo="},  // RFC 6455 example
@@ -233,27 +209,6 @@ TEST(Accept, FromNonceAndGuid) {
         free(accept);
     }
     EXPECT_EQ(WebSocket.compute_websocket_accept(nullptr, nullptr), nullptr);
-}
-
-TEST(HeaderLookup, FirstTokenAfterExactCaseSensitiveKey) {
-    const std::string status = "HTTP/1.1 101 Switching Protocols\r\n", k511(511, 'K');
-    const std::string accept = "Sec-WebSocket-Accept";
-    const std::tuple<std::string, std::string, const char*> cases[] = {
-        {"Sec-WebSocket-Accept: abc=\r\n\r\n", accept, "abc="},
-        {"Sec-WebSocket-Accept:abc\r\nX: y\r\n\r\n", accept, "abc"},
-        {"Sec-WebSocket-Accept: abc def\r\n\r\n", accept, "abc"},
-        {"X-Sec-WebSocket-Accept: abc\r\n\r\n", accept, "abc"},  // not bound to a line start
-        {"Sec-WebSocket-Accept-Extra: abc\r\n\r\n", accept, nullptr},
-        {"sec-websocket-accept: abc\r\n\r\n", accept, nullptr},
-        {"\r\nSec-WebSocket-Accept: abc", accept, nullptr},  // after the blank line
-        {k511 + ": v\r\n\r\n", k511, "v"},
-        {k511 + "K: v\r\n\r\n", k511 + "K", nullptr}};
-    for (const auto& [lines, key, expected] : cases) {
-        std::string text = status + lines;
-        const char* value =
-            WebSocket.find_value_from_http_header(text.data(), text.find("\r\n\r\n"), key.c_str());
-        EXPECT_STREQ(value, expected) << lines;
-    }
 }
 
 }  // namespace

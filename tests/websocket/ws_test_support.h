@@ -2,14 +2,13 @@
 // connection whose `read` hands read_frame bytes from a script.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <sstream>
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
-
-#include "core/mutex.h"
 #include "websocket/websocket.h"
 
 inline std::vector<uint8_t> hex(const std::string& text) {  // "81 05" -> {0x81, 0x05}
@@ -49,14 +48,12 @@ inline void record_message(networkConnection*, const uint8_t* bytes, uint64_t le
 struct ScriptedPeer {
     explicit ScriptedPeer(bool mask_required = false) : require_mask(mask_required) {
         connection.receive_queue = DynamicBuffer.create(1);
-        connection.lock = Mutex.create();
         connection.config = &config;
         WebSocket.reset_frame_state(descriptor);
     }
     ~ScriptedPeer() {
         WebSocket.destroy_peer_descriptor(descriptor);
         DynamicBuffer.free(connection.receive_queue);
-        Mutex.destroy(connection.lock);
     }
     static int64_t read(networkConnection* target, int64_t max_size) {
         EXPECT_LE(max_size, 4096) << "receive_data ends the process above 4096";
