@@ -172,6 +172,12 @@ int32_t hex4(const char* in, const char* end) {
     return value;
 }
 
+// Keys are NUL-terminated, so the first bytes compare even for empty keys,
+// and most keys of an object differ there: memcmp is rarely needed.
+bool same_key(const Member& member, const char* key, size_t size) {
+    return member.key_size == size && member.key[0] == key[0] && memcmp(member.key, key, size) == 0;
+}
+
 class Parser {
 public:
     Parser(const char* text, size_t length, Arena& arena)
@@ -537,7 +543,7 @@ private:
     long repeated(size_t base, const char* key, uint32_t size) {
         comparisons_ += members_.size() - base;
         for (size_t i = base; i < members_.size(); ++i) {
-            if (members_[i].key_size == size && memcmp(members_[i].key, key, size) == 0) {
+            if (same_key(members_[i], key, size)) {
                 return static_cast<long>(i);
             }
         }
@@ -648,7 +654,7 @@ const Node* find_member(const Node* object, const char* key) {
     const size_t size = strlen(key);
     for (uint32_t i = 0; i < object->size; ++i) {
         const Member& member = object->members[i];
-        if (member.key_size == size && memcmp(member.key, key, size) == 0) {
+        if (same_key(member, key, size)) {
             return &member.value;
         }
     }
