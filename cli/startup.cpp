@@ -88,7 +88,10 @@ IpcClientConfig* start_transfer_agent_client(int32_t reconnection_policy) {
              "failure\n");
     }
     CallbackEvent.subscribe(dispatcher, IPC_EVENT_PLEASE_DISCONNECT, busy_callback);
-    CallbackEvent.subscribe(dispatcher, NET_EVENT_CONNECTED, connected_callback);
+    // The human interface needs neither (and keeps its allocations as they were).
+    if (run_state().scripting) {
+        CallbackEvent.subscribe(dispatcher, NET_EVENT_CONNECTED, connected_callback);
+    }
     if (run_state().stop_when_unreachable) {
         CallbackEvent.subscribe(dispatcher, NET_EVENT_CONNECTION_FAILED, unreachable_callback);
     }
