@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "cli/agent_listener.h"
 #include "cli/follow_up.h"
 #include "cli/parsing.h"
 #include "cli/report.h"
@@ -225,6 +226,7 @@ void add_service(const char* name, const char* address, const char* forwarding_p
     snprintf(request.api_key, sizeof request.api_key, "%s", api_key);
     snprintf(request.name, sizeof request.name, "%s", name);
     run_state().service_name = request.name;
+    AgentListener.guard(TRANSFER_AGENT_PORT);  // the key goes only to a trusted listener
     arm_timeout(config, agent_timeout_callback, follow_up_seconds(4));
     add_subscription_list(config, subscriptions);
     IpcConfig.add_command(config, "add_tenant", build_add_request, &request, add_response);

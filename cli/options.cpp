@@ -6,12 +6,14 @@
 #include <cstdio>
 #include <cstring>
 
+#include "cli/agent_listener.h"
+#include "cli/api_key.h"
 #include "cli/commands.h"
 #include "cli/scripting.h"
 
 namespace {
 
-constexpr std::array<struct option, 20> LONG_OPTIONS_TEMPLATE = {{
+constexpr std::array<struct option, 24> LONG_OPTIONS_TEMPLATE = {{
     {"help", no_argument, nullptr, 'h'},
     {"list", no_argument, nullptr, 'l'},
     {"add", required_argument, nullptr, 'a'},
@@ -31,6 +33,12 @@ constexpr std::array<struct option, 20> LONG_OPTIONS_TEMPLATE = {{
     {"enableAuthenticationAudit", no_argument, nullptr, 0},
     {"disableAuthenticationAudit", no_argument, nullptr, 0},
     {"saveTraceabilityConfig", required_argument, nullptr, 0},
+    {"api-key-file", required_argument, nullptr, OPTION_API_KEY_FILE},
+    {"agent-uid", required_argument, nullptr, OPTION_AGENT_UID},
+    // "--a" and "--c" abbreviated --add and --configProxy before --api-key-file,
+    // --agent-uid and --check made them ambiguous; exact names keep them so.
+    {"a", required_argument, nullptr, 'a'},
+    {"c", required_argument, nullptr, 'c'},
     {nullptr, 0, nullptr, 0},
 }};
 
@@ -97,6 +105,7 @@ struct CollectedOptions {
     const char* api_key;
     const char* clear_services;
     const char* proxy_type;
+    const char* api_key_file;
 };
 
 enum class Scan { go_on, done };
@@ -134,6 +143,12 @@ Scan take_option(int value, CollectedOptions* options, int argc, char** argv) {
             options->proxy_type_given = 1;
             options->proxy_type = optarg;
             return Scan::go_on;
+        case OPTION_API_KEY_FILE:
+            options->api_key_file = optarg;
+            return Scan::go_on;
+        case OPTION_AGENT_UID:
+            AgentListener.allow_uid(optarg);
+            return Scan::go_on;
         case 'h':
             print_usage();
             return Scan::done;
@@ -166,10 +181,16 @@ Scan take_option(int value, CollectedOptions* options, int argc, char** argv) {
 }
 
 // The post-scan choice: add, then edit, then proxy, else the usage.
+// Without -k, an add takes its key from --api-key-file or SYLVANE_API_KEY.
 void run_collected(const CollectedOptions& o) {
-    if (o.add_requested && o.address_given && o.service_name != nullptr && o.key_given &&
-        o.address != nullptr && o.api_key != nullptr) {
-        add_service(o.service_name, o.address, o.forwarding_port, o.api_key, o.clear_services);
+    bool add_complete =
+        o.add_requested && o.address_given && o.service_name != nullptr && o.address != nullptr;
+    const char* api_key = o.key_given ? o.api_key : nullptr;
+    if (add_complete && api_key == nullptr) {
+        api_key = ApiKey.resolve(o.api_key_file);
+    }
+    if (add_complete && api_key != nullptr) {
+        add_service(o.service_name, o.address, o.forwarding_port, api_key, o.clear_services);
     } else if (o.edit_requested && o.address_given && o.service_name != nullptr &&
                o.address != nullptr) {
         edit_service(o.service_name, o.address, o.forwarding_port);

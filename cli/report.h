@@ -17,6 +17,8 @@ enum class Failure {
     timeout,       // connected, but no answer in time (3)
     busy,          // the Transfer Agent serves another client (3)
     unreachable,   // no connection could be made (3)
+    // Before an add, another user's socket holds the agent's port (1).
+    untrusted_listener,
 };
 
 const char* failure_code(Failure failure);

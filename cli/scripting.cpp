@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "cli/agent_listener.h"
+#include "cli/api_key.h"
 #include "cli/commands.h"
 #include "cli/options.h"
 #include "cli/report.h"
@@ -83,7 +85,9 @@ struct Invocation {
     const char* api_key;
     const char* clear_services;
     const char* proxy_type;
-    std::string given;  // letters of -p -f -k -u -t, as met
+    const char* api_key_file;  // --api-key-file
+    const char* agent_uid;     // --agent-uid
+    std::string given;         // letters of -p -f -k -u -t, as met
     bool json;
     bool no_wait;
     const char* wait;
@@ -131,6 +135,13 @@ void take(Invocation* in, int value) {
             return;
         case OPTION_NO_WAIT:
             in->no_wait = true;
+            return;
+        case OPTION_API_KEY_FILE:
+            in->api_key_file = optarg;
+            return;
+        case OPTION_AGENT_UID:
+            in->agent_uid = optarg;
+            AgentListener.allow_uid(optarg);
             return;
         case '?':
         case ':':
@@ -305,7 +316,8 @@ void dispatch(const Invocation& in, const AllOptions& options) {
                 disable_service(in.command_argument);
                 break;
             case 'a':
-                add_service(in.service_name, in.address, in.forwarding_port, in.api_key,
+                add_service(in.service_name, in.address, in.forwarding_port,
+                            in.api_key != nullptr ? in.api_key : ApiKey.resolve(in.api_key_file),
                             in.clear_services);
                 break;
             case 'e':
@@ -371,7 +383,15 @@ int run_strictly(int argc, char** argv) {
     state.json = in.json;
     state.scripting = true;
     state.stop_when_unreachable = in.json;
+    // A key from a file or the environment stands for -k; only an add takes one.
+    if (in.command == 'a' && in.api_key == nullptr &&
+        (in.api_key_file != nullptr || ApiKey.resolve(nullptr) != nullptr)) {
+        in.given += 'k';
+    }
     check_shape(in, long_only_value(options, "saveTraceabilityConfig"));
+    if ((in.api_key_file != nullptr || in.agent_uid != nullptr) && in.command != 'a') {
+        usage_error("--api-key-file and --agent-uid apply to -a only.");
+    }
     state.no_wait = in.no_wait;
     state.wait_seconds = in.wait != nullptr ? wait_seconds(in.wait) : 0;
     dispatch(in, options);

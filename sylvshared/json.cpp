@@ -279,8 +279,10 @@ int json_serialize(const JsonValue* value, char* buffer, size_t size) {
         return -1;
     }
     return guarded(-2, [&] {
-        const Json& built = value->document != nullptr ? to_json(*value->node) : value->json;
-        const std::string text = built.dump(-1, ' ', false, Json::error_handler_t::replace);
+        constexpr auto replace = Json::error_handler_t::replace;
+        const std::string text = value->document != nullptr
+                                     ? to_json(*value->node).dump(-1, ' ', false, replace)
+                                     : value->json.dump(-1, ' ', false, replace);
         if (text.size() >= size || text.size() > INT_MAX) {
             return -3;
         }

@@ -35,6 +35,8 @@ struct CallbackInfo {
     void* data;
 };
 
+// The tool never calls schedule_cleanup nor unsubscribe: their slots serve
+// the library's other users.
 struct CallbackEventModule {
     // New dispatcher over `base` with identifiers 0..event_count-1, or null
     // (null base or allocation failure, logged at fatal level).

@@ -23,6 +23,7 @@ using ItemDestructor = void (*)(void* item);
 using ListVisitor = void (*)(ListEntry* entry, void* context);
 using ListPredicate = int (*)(ListEntry* entry, void* context);
 
+// The tool never calls for_each: its slot serves the library's other users.
 struct LinkedListModule {
     // Empty list, holding `first_item` when it is not null. Null on failure.
     List* (*create)(void* first_item);

@@ -35,6 +35,7 @@ enum LoggerResult : int32_t {
     LOGGER_ERR_OPEN = -4,
 };
 
+// The tool never calls init nor close, so its log lines go nowhere.
 struct LoggerModule {
     // Starts logging into `folder` (which must end with "/"; created with mode
     // 0775 when missing) with the given threshold. LOGGER_OK, also when

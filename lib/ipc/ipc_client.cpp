@@ -88,11 +88,7 @@ int execute_command(networkConnection* connection, IpcClientConfig* config) {
     if (connection == nullptr || config == nullptr || is_empty(config->commands)) {
         return IPC_ERR_FAILED;
     }
-    IpcCommand* command = head_command(config);
-    if (command == nullptr) {
-        Logger.fatal("IPC client command data is NULL. This should not happen");
-        return IPC_ERR_FAILED;
-    }
+    IpcCommand* command = head_command(config);  // add_command never queues null
     if (command->execution_callback == nullptr) {
         Logger.fatal("IPC client command execution callback is NULL. This should not happen");
         return IPC_ERR_FAILED;
@@ -176,9 +172,7 @@ Outcome handle_response(networkConnection* connection, const JsonValue* message,
         return Outcome::Handled;
     }
     IpcCommand* command = head_command(config);
-    if (command == nullptr) {
-        Logger.fatal("IPC client command data is NULL. This should not happen");
-    } else if (strcmp(command_name, command->name) != 0) {
+    if (strcmp(command_name, command->name) != 0) {
         Logger.error(
             "We received a command that does not correspond to the expected. Expected: %s. "
             "Received: %s",

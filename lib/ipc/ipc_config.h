@@ -50,6 +50,7 @@ struct IpcClientConfig : networkConnectionConfig {
     struct event* timeout_event;
 };
 
+// The tool never calls lookup_command: its slot serves the library's other users.
 struct IpcConfigModule {
     // New config (ip is kept, not copied), or null.
     IpcClientConfig* (*create_client_ipc_config)(const char* ip, uint16_t port,

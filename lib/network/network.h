@@ -88,6 +88,9 @@ struct networkConnection {
     EventDispatcher* dispatcher;
 };
 
+// The tool never calls is_initialized, deinit, the op port, graceful_close,
+// reset_connection, reconnect_later nor clean_retry_event: their slots serve
+// the library's other users.
 struct NetworkModule {
     bool (*is_initialized)();
     // Creates the process-wide event base. NETWORK_OK;

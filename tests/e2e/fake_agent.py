@@ -22,14 +22,10 @@ import agent_protocol as ap  # noqa: E402
 SANITIZED = False  # set by run_case.py for an AddressSanitizer build
 
 
-def encode(value):
-    """JSON text as bytes; lone surrogates ("\\udce9") become raw bytes (0xE9),
-    so a script can send text that is not UTF-8."""
-    return json.dumps(value, ensure_ascii=False).encode("utf-8", "surrogateescape")
-
-
 def send_json(conn, value, **send_options):
-    conn.send_text(encode(value), **send_options)
+    """Lone surrogates ("\\udce9") go as raw bytes (0xE9): text that is not UTF-8."""
+    conn.send_text(json.dumps(value, ensure_ascii=False).encode("utf-8", "surrogateescape"),
+                   **send_options)
 
 
 # -- actions -----------------------------------------------------------------
@@ -155,6 +151,7 @@ class FakeAgent:
     def _play(self, conn):
         """Plays the script for each JSON message; records pongs and answers
         pings on the way. Everything sent before the stop is read by then."""
+        conn.sock.settimeout(10.0)
         if "handshake" in self.script:
             conn.read_handshake()
             for action in self.script["handshake"]:
@@ -182,5 +179,7 @@ class FakeAgent:
                 except ValueError as err:
                     raise ap.ProtocolError("client sent bad JSON: %s" % err) from err
                 self.received.append(message)
+                conn.sock.settimeout(10.0)  # a slow reader may take a while to drain a send
                 for action in self.script.get(message.get("command"), []):
                     action(conn, message)
+                conn.sock.settimeout(0.2)

@@ -47,30 +47,35 @@ def check_sent(received, expected):
 
 
 def run_tool(binary, args, env=None, poll=False, limit=40, prefix=()):
-    """(status, stdout, stderr, seconds, peak KiB) of one run of the tool,
-    under `prefix` (valgrind ...) if given; output keeps bytes that are not
-    UTF-8 as lone surrogates."""
+    """(status, stdout, stderr, settled, peak KiB, exited): seconds to the last
+    output (a sanitizer's leak check at exit can take seconds on a busy machine)
+    and to the exit. Bytes that are not UTF-8 become lone surrogates."""
     with tempfile.TemporaryFile() as out, tempfile.TemporaryFile() as err:
-        start, peak = time.monotonic(), 0
+        start, peak, size, settled = time.monotonic(), 0, 0, None
         tool = subprocess.Popen(list(prefix) + [binary if prefix else "sylvane-service"] + args,
                                 executable=None if prefix else binary, env=env,
                                 stdin=subprocess.DEVNULL, stdout=out, stderr=err)
-        while poll and tool.poll() is None and time.monotonic() < start + limit:
+
+        def written():
+            return os.fstat(out.fileno()).st_size + os.fstat(err.fileno()).st_size
+        while tool.poll() is None and time.monotonic() < start + limit:
+            if written() != size:
+                size, settled = written(), time.monotonic() - start
             # From /proc: getrusage would count the forked Python before exec.
             with contextlib.suppress(OSError), open("/proc/%d/status" % tool.pid) as status:
-                peak = max([peak] + [int(n.split()[1]) for n in status if n.startswith("VmHWM:")])
-            time.sleep(0.005)
-        try:
-            status = tool.wait(None if poll else limit)
-        except subprocess.TimeoutExpired:
+                peak = max([peak] + [int(n.split()[1]) for n in status
+                                     if poll and n.startswith("VmHWM:")])
+            time.sleep(0.005 if poll else 0.02)
+        if tool.poll() is None:
             tool.kill()
-            status = tool.wait()
-        elapsed = time.monotonic() - start
+        status, exited = tool.wait(), time.monotonic() - start
+        if written() != size or settled is None:
+            settled = exited
         text = []
         for stream in (out, err):
             stream.seek(0)
             text.append(stream.read().decode("utf-8", "surrogateescape"))
-    return status, text[0], text[1], elapsed, peak
+    return status, text[0], text[1], settled, peak, exited
 
 
 def check(case, binary, showing=False, prefix=()):
@@ -79,8 +84,8 @@ def check(case, binary, showing=False, prefix=()):
     polled = case.peak_mib is not None and not fake_agent.SANITIZED
     agent = None if case.agent is None else fake_agent.FakeAgent(case.agent)
     with agent or contextlib.nullcontext():
-        status, stdout, stderr, elapsed, peak = run_tool(binary, case.args, env, polled,
-                                                         limit=case.elapsed[1] + 30, prefix=prefix)
+        status, stdout, stderr, elapsed, peak, exited = run_tool(
+            binary, case.args, env, polled, limit=case.elapsed[1] + 30, prefix=prefix)
     if showing:
         print("$ " + shlex.join(["sylvane-service"] + case.args))
         sys.stdout.write(stdout + stderr)
@@ -94,7 +99,9 @@ def check(case, binary, showing=False, prefix=()):
             faults.append("%s:\n  got      %r\n  expected %r" % (stream, got[:500], expected[:500]))
     low, high = case.elapsed
     if not low <= elapsed <= high:
-        faults.append("took %.2f s, expected %.1f to %.1f s" % (elapsed, low, high))
+        faults.append("settled after %.2f s, expected %.1f to %.1f s" % (elapsed, low, high))
+    if exited > high + 5:
+        faults.append("exited after %.2f s" % exited)
     if polled and peak > case.peak_mib * 1024:
         faults.append("peak memory %d KiB, limit %d KiB" % (peak, case.peak_mib * 1024))
     if agent is not None:

@@ -31,8 +31,8 @@ LIMIT = 40  # seconds; the longest time-out is 15
 
 
 def outcome(run, normal):
-    status, stdout, stderr, elapsed, _peak = run
-    if elapsed >= LIMIT:
+    status, stdout, stderr, _settled, _peak, exited = run
+    if exited >= LIMIT:
         return "hung"
     if status < 0:
         return "died"
@@ -71,8 +71,7 @@ def main(argv):
                 kinds[outcome(future.result(), normal)].append((point, future.result()))
             print("%-30s %6d" % (" ".join(case.args)[:30], points)
                   + "".join("%10d" % len(kinds[k]) for k in KINDS), flush=True)
-            # Runs that end otherwise (a silent success, a partial listing)
-            # break no rule of the sweep, but the first few are shown.
+            # Runs that end otherwise (a silent success, ...) are shown, not failed.
             for point, run in kinds["died"] + kinds["hung"] + kinds["other"][:3]:
                 how = signal.Signals(-run[0]).name if run[0] < 0 else "status %d" % run[0]
                 print("    point %d: %s, %r" % (point, how, (run[1] + run[2])[-100:]))

@@ -1,10 +1,7 @@
 #!/usr/bin/env python3
-"""The tool's main paths under valgrind memcheck: memcheck.py BINARY.
-
-Runs end-to-end cases of every kind of command under valgrind. A path fails
-on any invalid access, use of uninitialised memory or definite leak outside
-tests/lsan.supp, or on output other than the case's (only the duration is
-not held to the case's).
+"""End-to-end cases of every command under valgrind: memcheck.py BINARY.
+A case fails on an invalid access, a use of uninitialised memory, a definite
+leak outside tests/lsan.supp, or output other than the case's.
 """
 
 import dataclasses

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# The man page renders without a single warning, and it and the completion
-# name every option that the tool's usage text names.
+# The man page renders without a single warning; it and the bash completion
+# name every option of the usage text, and it and the zsh and fish ones every
+# long option the bash one offers (the scripting ones are not in the usage).
 # Usage: check_docs.sh MAN_PAGE COMPLETION [TOOL]
 set -u
 page=$1 completion=$2 tool=${3:-}
@@ -27,5 +28,13 @@ if [[ -n $tool && -x $tool ]]; then
     done
     echo "checked $(wc -w <<<"$options") options from the usage text"
 fi
+contrib=$(dirname "$completion")/..
+rendered=$(LC_ALL=C.UTF-8 MANWIDTH=200 man -l "$page" 2>/dev/null || groff -man -Tutf8 "$page")
+for opt in $(grep -oE -- '--[[:alnum:]-]+' "$completion" | sort -u); do
+    grep -qE -- "(^|[^[:alnum:]-])$opt([^[:alnum:]-]|$)" <<<"$rendered" || { echo "man page lacks $opt"; status=1; }
+    for other in "$contrib/zsh/_sylvane-service" "$contrib/fish/sylvane-service.fish"; do
+        grep -qE -- "(^|[^[:alnum:]-])(${opt#--}|$opt)([^[:alnum:]-]|$)" "$other" || { echo "$other lacks $opt"; status=1; }
+    done
+done
 [[ $status -eq 0 ]] && echo "docs: ok"
 exit $status

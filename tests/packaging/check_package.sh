@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Packs the already built tree into a .deb and checks what a user gets:
-# the files, the control fields, and a binary that runs from the package.
+# the files, the control fields, a binary that runs from the package, and
+# lintian's verdict (no error, no warning) when lintian is installed.
 # Usage: check_package.sh BUILD_DIR SOURCE_DIR
 set -u
 build=$1 source=$2
@@ -16,13 +17,19 @@ status=0
 fail() { echo "FAIL: $*"; status=1; }
 
 contents=$(dpkg-deb -c "$deb")
+doc=./usr/share/doc/sylvane-service
 for path in ./usr/bin/sylvane-service ./usr/share/man/man1/sylvane-service.1.gz \
-    ./usr/share/bash-completion/completions/sylvane-service; do
+    ./usr/share/bash-completion/completions/sylvane-service \
+    ./usr/share/zsh/vendor-completions/_sylvane-service \
+    ./usr/share/fish/vendor_completions.d/sylvane-service.fish \
+    $doc/copyright $doc/changelog.Debian.gz $doc/json.md.gz; do
     grep -q " $path\$" <<<"$contents" || fail "$path missing from the package"
 done
 
-[[ $(dpkg-deb -f "$deb" Package) == sylvane-service ]] || fail "wrong package name"
-[[ -n $(dpkg-deb -f "$deb" Maintainer) ]] || fail "no maintainer"
+field() { dpkg-deb -f "$deb" "$1"; }
+[[ $(field Package) == sylvane-service ]] || fail "wrong package name"
+[[ $(field Maintainer) == *\<*@*\> ]] || fail "maintainer without an address: $(field Maintainer)"
+[[ $(field Recommends) == *bash-completion* ]] || fail "bash-completion not recommended"
 dpkg-deb -x "$deb" "$work/root"
 # A library the binary loads must be a dependency, and one it has linked in
 # (the default static runtime) must not be.
@@ -36,10 +43,20 @@ for pair in libc.so:libc6 libevent_core:libevent-core-2.1-7 libstdc++:libstdc++6
         fail "Depends names $package, which the binary does not load: $depends"
     fi
 done
+[[ $(zcat "$work/root/$doc/changelog.Debian.gz" | head -1) == "sylvane-service ($(field Version))"* ]] ||
+    fail "the changelog's last entry is not version $(field Version)"
+
 zcat "$work/root/usr/share/man/man1/sylvane-service.1.gz" | cmp -s - "$source/docs/sylvane-service.1" ||
     fail "packaged man page differs from docs/sylvane-service.1"
 usage=$("$work/root/usr/bin/sylvane-service" -h) || fail "packaged binary: -h exited non-zero"
 [[ $usage == Usage:* ]] || fail "packaged binary does not print its usage"
 
-[[ $status -eq 0 ]] && echo "package ok: $(basename "$deb"), Depends: $(dpkg-deb -f "$deb" Depends)"
+if command -v lintian >/dev/null; then
+    verdict=$(lintian "$deb" 2>&1 | grep -E '^[EW]: ')
+    [[ -z $verdict ]] || fail "lintian: $verdict"
+else
+    echo "SKIP: lintian not installed"
+fi
+
+[[ $status -eq 0 ]] && echo "package ok: $(basename "$deb"), Depends: $(field Depends)"
 exit $status

@@ -1,38 +1,62 @@
 #!/usr/bin/env bash
-# Completion answers for typical command lines, without bash-completion.
+# Completion answers for typical command lines in bash (without the
+# bash-completion package), zsh and fish; a shell not installed is skipped.
 set -u
-source "$(dirname "$0")/../../contrib/bash-completion/sylvane-service"
+here=$(dirname "$0")
+contrib=$here/../../contrib
+source "$contrib/bash-completion/sylvane-service"
+shells=(bash)
+for shell in zsh fish; do
+    if command -v $shell >/dev/null; then shells+=($shell); else echo "SKIP: $shell not installed"; fi
+done
+
+# Candidates as sorted base names, so that the shells' ways of showing paths
+# ("dir/", "dir", "/tmp/x/dir") compare equal.
+offered() { # shell command-line-words...
+    local shell=$1
+    shift
+    case $shell in
+        bash) COMP_WORDS=("$@") COMP_CWORD=$(($# - 1)) && _sylvane_service &&
+            printf '%s\n' "${COMPREPLY[@]}" ;;
+        zsh) zsh -f "$here/zsh_complete.zsh" "$contrib/zsh" "$*" ;;
+        fish) fish --no-config -c "source $contrib/fish/sylvane-service.fish"'; complete -C "$argv"' \
+            -- "$*" | cut -f1 ;;
+    esac | sed 's|/$||; s|.*/||' | grep . | sort -u | paste -sd' '
+}
 
 failures=0
-check() { # expected-words command-line-words...
-    local expected=$1
+check() { # expected-words command-line-words... (ONLY="shells" to restrict)
+    expected=$(tr -s ' \n' '\n' <<<"$1" | grep . | sort -u | paste -sd' ')
     shift
-    COMP_WORDS=("$@")
-    COMP_CWORD=$((${#COMP_WORDS[@]} - 1))
-    _sylvane_service
-    local got="${COMPREPLY[*]}"
-    if [[ $got != "$expected" ]]; then
-        printf 'FAIL: [%s] gave [%s], expected [%s]\n' "$*" "$got" "$expected"
-        failures=$((failures + 1))
-    fi
+    for shell in ${ONLY:-${shells[*]}}; do
+        got=$(offered "$shell" "$@")
+        if [[ $got != "$expected" ]]; then
+            printf 'FAIL (%s): [%s] gave [%s], expected [%s]\n' "$shell" "$*" "$got" "$expected"
+            failures=$((failures + 1))
+        fi
+    done
 }
 
 check "--saveTraceabilityConfig" sylvane-service --saveT
 check "console file syslog" sylvane-service --saveTraceabilityConfig ""
-check "syslog" sylvane-service --saveTraceabilityConfig s
 check "UDP TCP" sylvane-service --saveTraceabilityConfig syslog 10.0.0.9 514 ""
 check "" sylvane-service --saveTraceabilityConfig console ""
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
 mkdir "$tmp/logs" && touch "$tmp/logfile"
-check "$tmp/logs" sylvane-service --saveTraceabilityConfig file "$tmp/log"
+check "logs" sylvane-service --saveTraceabilityConfig file "$tmp/log"
+check "logfile logs" sylvane-service -l --api-key-file "$tmp/log"
 check "HTTP HTTPS Socks5" sylvane-service -c 10.0.0.1:80 -t ""
 check "HTTP HTTPS" sylvane-service --proxyType HT
-check "" sylvane-service -a --
+# fish offers options where an option's argument is due.
+ONLY="bash zsh" check "" sylvane-service -a --
 check "--enable --enableProxy --enableAuthenticationAudit" sylvane-service --enable
-# Long-only commands work only as the first argument.
+# Long-only commands work only as the first argument; every other long
+# option is offered anywhere.
 check "--enable" sylvane-service -l --enable
-check "--disable --disableProxy --disableAuthenticationAudit" sylvane-service --disable
+check "--help --list --add --ptr --forwarding --key --url --remove --enable --disable --edit
+    --configProxy --proxyType --getProxy --api-key-file --agent-uid --json --version --events
+    --wait --no-wait --check" sylvane-service web1 --
 
-[[ $failures -eq 0 ]] && echo "completion: all cases passed"
+[[ $failures -eq 0 ]] && echo "completion: all cases passed in ${shells[*]}"
 exit $failures

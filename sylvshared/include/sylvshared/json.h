@@ -29,12 +29,14 @@ typedef struct JsonListItem {
     char* text;   /* the string's text for a string element, else null */
 } JsonListItem;
 
-/* New value from NUL-terminated text, or null when it is not valid JSON or
- * nests deeper than 128 levels. */
+/* New value from NUL-terminated text, or null when it is not valid JSON,
+ * nests deeper than 128 levels, holds more than 262,144 values or objects
+ * too large to check for repeated keys quickly. Each byte sequence inside a
+ * string that is not UTF-8 reads as U+FFFD. */
 JsonValue* json_parse(const char* text);
 /* Writes the compact text and its NUL into buffer. Returns its length, or a
- * negative value (buffer left empty) when it does not fit or on bad input,
- * such as a string that is not valid UTF-8. */
+ * negative value (buffer left empty) when it does not fit or on bad input.
+ * Each byte sequence of a string that is not UTF-8 is written as U+FFFD. */
 int json_serialize(const JsonValue* value, char* buffer, size_t size);
 JsonValue* json_create_json_object(void);
 JsonValue* json_create_json_list(void);

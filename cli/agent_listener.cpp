@@ -1,0 +1,192 @@
+// Who listens on the Transfer Agent's port, from /proc/net/tcp and tcp6.
+
+#include "cli/agent_listener.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <pwd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "cli/report.h"
+#include "cli/startup.h"
+#include "core/logger.h"
+
+namespace {
+
+constexpr unsigned TCP_LISTEN = 0x0A;
+constexpr size_t ROW_LIMIT = 512;
+constexpr size_t ALLOWED_LIMIT = 3;
+
+const char* agent_uid_option = nullptr;
+
+// The kernel prints each 32-bit word of an address as the raw in-memory
+// value in hex, so a word read back with strtoul compares equal to the
+// s_addr / s6_addr32 it came from, whatever the host's byte order.
+bool words_match(const char* hex, const uint32_t* words, size_t count) {
+    for (size_t i = 0; i < count; i++) {
+        char word[9] = {};
+        memcpy(word, hex + 8 * i, 8);
+        if (static_cast<uint32_t>(strtoul(word, nullptr, 16)) != words[i]) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// Addresses whose listener receives a connection to 127.0.0.1.
+bool reaches_loopback(const char* hex, bool ipv6) {
+    if (!ipv6) {
+        const uint32_t loopback = htonl(INADDR_LOOPBACK), any = htonl(INADDR_ANY);
+        return strlen(hex) == 8 && (words_match(hex, &loopback, 1) || words_match(hex, &any, 1));
+    }
+    if (strlen(hex) != 32) {
+        return false;
+    }
+    for (const char* text : {"::", "::ffff:127.0.0.1", "::ffff:0.0.0.0"}) {
+        in6_addr address{};
+        inet_pton(AF_INET6, text, &address);
+        uint32_t words[4];
+        memcpy(words, &address, sizeof words);
+        if (words_match(hex, words, 4)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool is_allowed(uid_t uid, const uid_t* allowed, size_t allowed_count) {
+    for (size_t i = 0; i < allowed_count; i++) {
+        if (allowed[i] == uid) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// One row at a time, copied so that sscanf cannot run into the next line.
+int find_foreign_listener(const char* table, bool ipv6, uint16_t port, const uid_t* allowed,
+                          size_t allowed_count, uid_t* owner) {
+    for (const char* line = table; line != nullptr && *line != '\0';) {
+        const char* end = strchr(line, '\n');
+        size_t length = end != nullptr ? static_cast<size_t>(end - line) : strlen(line);
+        char row[ROW_LIMIT];
+        snprintf(row, sizeof row, "%.*s", static_cast<int>(length), line);
+        line = end != nullptr ? end + 1 : nullptr;
+
+        char address[33];
+        unsigned row_port = 0, state = 0;
+        uintmax_t uid = 0;
+        if (sscanf(row, " %*u: %32[0-9A-Fa-f]:%x %*s %x %*s %*s %*s %ju", address, &row_port,
+                   &state, &uid) != 4) {
+            continue;
+        }
+        if (state != TCP_LISTEN || row_port != port || !reaches_loopback(address, ipv6) ||
+            is_allowed(static_cast<uid_t>(uid), allowed, allowed_count)) {
+            continue;
+        }
+        if (owner != nullptr) {
+            *owner = static_cast<uid_t>(uid);
+        }
+        return AGENT_LISTENER_FOREIGN;
+    }
+    return AGENT_LISTENER_NONE;
+}
+
+void allow_uid(const char* text) {
+    agent_uid_option = text;
+}
+
+// Whole file into `text`. 0, or -1 with errno set.
+int read_table(const char* path, std::string* text) {
+    FILE* file = fopen(path, "re");
+    if (file == nullptr) {
+        return -1;
+    }
+    char chunk[8192];
+    size_t got;
+    while ((got = fread(chunk, 1, sizeof chunk, file)) > 0) {
+        text->append(chunk, got);
+    }
+    int failed = ferror(file);
+    fclose(file);
+    if (failed) {
+        errno = EIO;
+        return -1;
+    }
+    return 0;
+}
+
+// The allowed uids: root, the invoking user and the one the user named.
+size_t allowed_uids(uid_t* allowed) {
+    size_t count = 0;
+    allowed[count++] = 0;
+    allowed[count++] = getuid();
+    const char* text = agent_uid_option != nullptr ? agent_uid_option : getenv(AGENT_UID_VARIABLE);
+    if (text == nullptr || text[0] == '\0') {
+        return count;
+    }
+    char* end = nullptr;
+    errno = 0;
+    unsigned long long value = strtoull(text, &end, 10);
+    if (text[0] < '0' || text[0] > '9' || *end != '\0' || errno != 0 ||
+        value >= static_cast<uid_t>(-1)) {
+        failf(Failure::bad_argument, JsonWriter(),
+              "Bad agent uid %s (%s): expected a numeric user id.\n", text,
+              agent_uid_option != nullptr ? "--agent-uid" : AGENT_UID_VARIABLE);
+    }
+    allowed[count++] = static_cast<uid_t>(value);
+    return count;
+}
+
+void guard(uint16_t port) {
+    uid_t allowed[ALLOWED_LIMIT];
+    size_t allowed_count = allowed_uids(allowed);
+    const struct {
+        const char* path;
+        bool ipv6;
+    } tables[] = {{"/proc/net/tcp", false}, {"/proc/net/tcp6", true}};
+    for (const auto& table : tables) {
+        std::string text;
+        if (read_table(table.path, &text) != 0) {
+            // A kernel without IPv6 has no tcp6 table, and no IPv6 listener.
+            if (table.ipv6 && errno == ENOENT) {
+                continue;
+            }
+            Logger.error("Could not read %s: %s", table.path, strerror(errno));
+            failf(Failure::internal, JsonWriter(),
+                  "Not sending the API key: could not read %s to check who listens on "
+                  "%s:%u (%s).\n",
+                  table.path, TRANSFER_AGENT_IP, port, strerror(errno));
+        }
+        uid_t owner = 0;
+        if (find_foreign_listener(text.c_str(), table.ipv6, port, allowed, allowed_count, &owner) ==
+            AGENT_LISTENER_FOREIGN) {
+            const passwd* account = getpwuid(owner);
+            failf(
+                Failure::untrusted_listener,
+                JsonWriter().number("listener_uid", static_cast<int64_t>(owner)),
+                "Not sending the API key: the socket listening on %s:%u belongs to uid %ju%s%s%s, "
+                "not to root or to you. If that is the Transfer Agent, allow it with "
+                "--agent-uid %ju or %s=%ju.\n",
+                TRANSFER_AGENT_IP, port, static_cast<uintmax_t>(owner),
+                account != nullptr ? " (" : "", account != nullptr ? account->pw_name : "",
+                account != nullptr ? ")" : "", static_cast<uintmax_t>(owner), AGENT_UID_VARIABLE,
+                static_cast<uintmax_t>(owner));
+        }
+    }
+}
+
+}  // namespace
+
+const AgentListenerModule AgentListener = {
+    .find_foreign_listener = find_foreign_listener,
+    .allow_uid = allow_uid,
+    .guard = guard,
+};
