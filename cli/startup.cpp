@@ -1,6 +1,5 @@
 #include "cli/startup.h"
 
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 
@@ -55,14 +54,6 @@ void too_large_callback(uint32_t, void*) {
 
 void finish(FILE* stream, const char* text, int status) {
     fputs(text, stream);
-    exit(status);
-}
-
-void finishf(FILE* stream, int status, const char* format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    vfprintf(stream, format, arguments);
-    va_end(arguments);
     exit(status);
 }
 
