@@ -400,16 +400,12 @@ int run_strictly(int argc, char** argv) {
 
 }  // namespace
 
-// The readings allocate; running out of memory there is reported, never
-// thrown at main. (Callbacks run from the loop never throw.)
 bool wants_scripting(int argc, char** argv) {
-    try {
-        return scan_for_scripting(argc, argv);
-    } catch (const std::bad_alloc&) {
-        fail(Failure::internal, ALLOCATION_FAILURE);
-    }
+    return scan_for_scripting(argc, argv);
 }
 
+// The strict reading allocates; running out of memory there is reported,
+// never thrown at main. (Callbacks run from the loop never throw.)
 int run_scripting(int argc, char** argv) {
     try {
         return run_strictly(argc, argv);
