@@ -12,7 +12,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <string>
 
 #include "cli/report.h"
 #include "cli/startup.h"
@@ -103,24 +102,36 @@ void allow_uid(const char* text) {
     agent_uid_option = text;
 }
 
-// Whole file into `text`. 0, or -1 with errno set.
-int read_table(const char* path, std::string* text) {
+// Whole file as a malloc'd text the caller frees, or null with errno set.
+// Plain C allocation: a failure here is reported, never thrown.
+char* read_table(const char* path) {
     FILE* file = fopen(path, "re");
     if (file == nullptr) {
-        return -1;
+        return nullptr;
     }
-    char chunk[8192];
-    size_t got;
-    while ((got = fread(chunk, 1, sizeof chunk, file)) > 0) {
-        text->append(chunk, got);
+    size_t used = 0, size = 16384;
+    char* text = static_cast<char*>(malloc(size));
+    while (text != nullptr) {
+        used += fread(text + used, 1, size - used - 1, file);
+        if (used + 1 < size) {
+            break;
+        }
+        char* grown = static_cast<char*>(realloc(text, size * 2));
+        if (grown == nullptr) {
+            free(text);
+        }
+        text = grown;
+        size *= 2;
     }
-    int failed = ferror(file);
+    int failed = text == nullptr ? ENOMEM : ferror(file) ? EIO : 0;
     fclose(file);
-    if (failed) {
-        errno = EIO;
-        return -1;
+    if (failed != 0) {
+        free(text);
+        errno = failed;
+        return nullptr;
     }
-    return 0;
+    text[used] = '\0';
+    return text;
 }
 
 // The allowed uids: root, the invoking user and the one the user named.
@@ -153,21 +164,23 @@ void guard(uint16_t port) {
         bool ipv6;
     } tables[] = {{"/proc/net/tcp", false}, {"/proc/net/tcp6", true}};
     for (const auto& table : tables) {
-        std::string text;
-        if (read_table(table.path, &text) != 0) {
+        char* text = read_table(table.path);
+        if (text == nullptr) {
             // A kernel without IPv6 has no tcp6 table, and no IPv6 listener.
             if (table.ipv6 && errno == ENOENT) {
                 continue;
             }
-            Logger.error("Could not read %s: %s", table.path, strerror(errno));
+            const char* why = strerror(errno);
+            Logger.error("Could not read %s: %s", table.path, why);
             failf(Failure::internal, JsonWriter(),
                   "Not sending the API key: could not read %s to check who listens on "
                   "%s:%u (%s).\n",
-                  table.path, TRANSFER_AGENT_IP, port, strerror(errno));
+                  table.path, TRANSFER_AGENT_IP, port, why);
         }
         uid_t owner = 0;
-        if (find_foreign_listener(text.c_str(), table.ipv6, port, allowed, allowed_count, &owner) ==
-            AGENT_LISTENER_FOREIGN) {
+        int found = find_foreign_listener(text, table.ipv6, port, allowed, allowed_count, &owner);
+        free(text);
+        if (found == AGENT_LISTENER_FOREIGN) {
             const passwd* account = getpwuid(owner);
             failf(
                 Failure::untrusted_listener,

@@ -39,6 +39,10 @@ List* list_create(void* first_item) {
 
 // Appends at the tail; the list keeps the entry until `remove`/`pop_first`/`free`.
 ListEntry* list_add(List* list, void* item) {
+    if (list == nullptr) {
+        Logger.error("Unable to add an item to a missing linked list");
+        return nullptr;
+    }
     ListEntry* entry = new_entry(item, "Unable to allocate memory for linked list entry");
     if (entry == nullptr) {
         return nullptr;

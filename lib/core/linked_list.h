@@ -27,7 +27,8 @@ using ListPredicate = int (*)(ListEntry* entry, void* context);
 struct LinkedListModule {
     // Empty list, holding `first_item` when it is not null. Null on failure.
     List* (*create)(void* first_item);
-    // Appends `item` (null accepted); returns the new entry, or null.
+    // Appends `item` (null accepted); returns the new entry, or null (no
+    // list, or no memory).
     ListEntry* (*add)(List* list, void* item);
     // Unlinks `entry`, calls `destructor` on its item when both are non-null.
     // The entry itself is not freed.

@@ -62,10 +62,11 @@ IpcClientConfig* create_client_ipc_config(const char* ip, uint16_t port,
     }
     config->commands = LinkedList.create(nullptr);
     config->subscriptions = LinkedList.create(nullptr);
-    // Kept as the Transfer Agent's own client does it: the command list is
-    // tested twice and a missing subscription list goes unnoticed.
-    if (config->commands == nullptr) {
+    // Both lists are checked: a config without its subscription list would
+    // crash the first add_subscriptions.
+    if (config->commands == nullptr || config->subscriptions == nullptr) {
         Logger.fatal("Cannot initialize ipc config");
+        LinkedList.free(config->commands, nullptr);
         LinkedList.free(config->subscriptions, nullptr);
         free(config);
         return nullptr;

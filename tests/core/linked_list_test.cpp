@@ -44,6 +44,7 @@ TEST_P(LinkedListRemove, UnlinksWithoutFreeingTheEntry) {
     EXPECT_EQ(list->head->prev, c.removed == 0 ? entries[0] : nullptr);
     free(entries[c.removed]);
     LinkedList.free(list, nullptr);
+    EXPECT_EQ(LinkedList.add(nullptr, &g_values[0]), nullptr);  // no list, no crash
 }
 
 INSTANTIATE_TEST_SUITE_P(Positions, LinkedListRemove,
