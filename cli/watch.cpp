@@ -79,7 +79,7 @@ void print_event_line(const char* name, const char* status, const char* synchron
 // An element the tool cannot read is skipped: one bad element must not end
 // a watch.
 void print_tenant_event(const JsonListItem* item) {
-    JsonValue* tenant = is_string_item(item) ? json_parse(item->text) : nullptr;
+    JsonValue* tenant = parse_tenant(item);
     if (tenant == nullptr) {
         return;
     }
