@@ -116,9 +116,17 @@ List* create_subscription_list(ResponseCallback callback) {
     return list;
 }
 
+// A subscription the config could not take would let the command's answer
+// end the conversation as if nothing more were awaited: status 0, nothing
+// printed. It ends the run instead.
 void add_subscription_list(IpcClientConfig* config, List* list) {
+    auto* item = static_cast<SubscriptionRequest*>(list->head->item);
     IpcConfig.add_subscriptions(config, list);
     LinkedList.free(list, nullptr);
+    if (IpcConfig.lookup_subscription(config, item) == nullptr) {
+        free(item);
+        fail(Failure::internal, "Unable to allocate memory.\n");
+    }
 }
 
 JsonValue* build_add_request(void* argument) {
