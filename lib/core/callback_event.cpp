@@ -77,8 +77,19 @@ EventDispatcher* dispatcher_create(struct event_base* base, uint32_t event_count
 
 // Event base with 10 priority levels, so clean-ups can run after deliveries.
 // A base without them is refused: setting a priority on it would abort.
+// libevent's EVENT_* variables are not read: each costs four set-uid checks
+// per process, and the tool's back-end is not for the environment to choose.
 struct event_base* new_event_base() {
-    struct event_base* base = event_base_new();
+    struct event_config* config = event_config_new();
+    if (config == nullptr || event_config_set_flag(config, EVENT_BASE_FLAG_IGNORE_ENV) != 0) {
+        Logger.fatal("Unable to configure an event base");
+        if (config != nullptr) {
+            event_config_free(config);
+        }
+        return nullptr;
+    }
+    struct event_base* base = event_base_new_with_config(config);
+    event_config_free(config);
     if (base == nullptr) {
         Logger.fatal("Unable to create an event base");
         return nullptr;
