@@ -1,7 +1,6 @@
 #include "network/network.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -396,7 +395,9 @@ void perform_connection(networkConnection* connection) {
     connection->address.sin_family = AF_INET;
     connection->address.sin_addr.s_addr = inet_addr(config->ip);
     connection->address.sin_port = htons(config->port);
-    const int fd = socket(AF_INET, config->socket_kind == 0 ? SOCK_STREAM : SOCK_DGRAM, 0);
+    // Non-blocking from the start: no fcntl round trip.
+    const int kind = config->socket_kind == 0 ? SOCK_STREAM : SOCK_DGRAM;
+    const int fd = socket(AF_INET, kind | SOCK_NONBLOCK, 0);
     if (fd < 0) {
         Logger.error("Unable to init socket: %s. Connection aborted", strerror(errno));
         reconnect(connection);
@@ -405,7 +406,6 @@ void perform_connection(networkConnection* connection) {
     connection->socket = fd;
     connection->state = NETWORK_CONNECTING;
     reset_attempt(connection);
-    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL, 0) | O_NONBLOCK);
     signal(SIGPIPE, SIG_IGN);
     if (connection->protocol_state == nullptr && connection->initial_protocol_state != nullptr) {
         Logger.error("Unable to copy the initial protocol state. Connection aborted");
