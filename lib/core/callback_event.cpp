@@ -79,9 +79,12 @@ EventDispatcher* dispatcher_create(struct event_base* base, uint32_t event_count
 // A base without them is refused: setting a priority on it would abort.
 // libevent's EVENT_* variables are not read: each costs four set-uid checks
 // per process, and the tool's back-end is not for the environment to choose.
+// poll, not epoll: a base watches one or two sockets, and epoll's own
+// descriptor and one epoll_ctl per change cost more than they save.
 struct event_base* new_event_base() {
     struct event_config* config = event_config_new();
-    if (config == nullptr || event_config_set_flag(config, EVENT_BASE_FLAG_IGNORE_ENV) != 0) {
+    if (config == nullptr || event_config_set_flag(config, EVENT_BASE_FLAG_IGNORE_ENV) != 0 ||
+        event_config_avoid_method(config, "epoll") != 0) {
         Logger.fatal("Unable to configure an event base");
         if (config != nullptr) {
             event_config_free(config);

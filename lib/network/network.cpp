@@ -248,7 +248,7 @@ void on_writable(evutil_socket_t fd, short /*what*/, void* argument) {
 // Queues bytes for the write event. Refused until the connection has
 // succeeded and after it closed, so nothing waits in a queue nobody drains.
 // Bytes queued while the write event is idle make it active, so the loop
-// sends them on its next round without a round trip through epoll (the
+// sends them on its next round without polling the socket first (the
 // socket nearly always has room); it is watched only once a send falls
 // short. Everything queued before that round leaves in one send().
 int send_bytes(networkConnection* connection, const void* bytes, uint64_t length) {
