@@ -1,5 +1,6 @@
 #include "cli/json_responses.h"
 
+#include <new>
 #include <vector>
 
 #include "cli/report.h"
@@ -10,12 +11,13 @@ namespace {
 constexpr const char* BAD_LISTING =
     "Error while listing the services. Server responded with bad formatted answer\n";
 
-// Copies a text field when present.
+// Copies a text field when present; `size` is the field's buffer size, at
+// most STATUS_SIZE.
 void add_text(JsonWriter& fields, const JsonValue* tenant, const char* key, const char* as,
               size_t size) {
-    std::vector<char> value(size);
-    if (json_get_string_value(tenant, key, value.data(), size) >= 0) {
-        fields.text(as, value.data());
+    char value[STATUS_SIZE] = {};
+    if (json_get_string_value(tenant, key, value, size) >= 0) {
+        fields.text(as, value);
     }
 }
 
@@ -25,8 +27,9 @@ void add_number(JsonWriter& fields, const JsonValue* tenant, const char* key) {
     }
 }
 
-// One service of the listing as an object with the agent's own field values.
-std::string service_object(const JsonValue* tenant) {
+// One service of the listing as an object with the agent's own field values;
+// empty when out of memory.
+std::string service_object(const JsonValue* tenant) noexcept {
     JsonWriter fields;
     add_text(fields, tenant, "tenant_name", "service", NAME_SIZE);
     add_text(fields, tenant, "uuid", "uuid", UUID_SIZE);

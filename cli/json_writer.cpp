@@ -1,6 +1,7 @@
 #include "cli/json_writer.h"
 
 #include <cstdio>
+#include <new>
 
 namespace {
 
@@ -29,6 +30,7 @@ void append_string(std::string& out, const char* text) {
 
 }  // namespace
 
+// Only called from inside append(), which catches what this may throw.
 void JsonWriter::key(const char* name) {
     if (!fields_.empty()) {
         fields_ += ", ";
@@ -37,59 +39,90 @@ void JsonWriter::key(const char* name) {
     fields_ += ": ";
 }
 
-JsonWriter& JsonWriter::text(const char* name, const char* value) {
-    if (value != nullptr) {
-        key(name);
-        append_string(fields_, value);
+template <typename Append>
+JsonWriter& JsonWriter::append(Append append_field) noexcept {
+    if (!complete_) {
+        return *this;
+    }
+    try {
+        append_field();
+    } catch (const std::bad_alloc&) {
+        complete_ = false;
     }
     return *this;
 }
 
+JsonWriter& JsonWriter::text(const char* name, const char* value) {
+    if (value == nullptr) {
+        return *this;
+    }
+    return append([&] {
+        key(name);
+        append_string(fields_, value);
+    });
+}
+
 JsonWriter& JsonWriter::number(const char* name, int64_t value) {
-    key(name);
-    fields_ += std::to_string(value);
-    return *this;
+    return append([&] {
+        key(name);
+        fields_ += std::to_string(value);
+    });
 }
 
 JsonWriter& JsonWriter::decimal(const char* name, double value) {
     char written[32];
     snprintf(written, sizeof written, "%.1f", value);
-    key(name);
-    fields_ += written;
-    return *this;
+    return append([&] {
+        key(name);
+        fields_ += written;
+    });
 }
 
 JsonWriter& JsonWriter::boolean(const char* name, bool value) {
-    key(name);
-    fields_ += value ? "true" : "false";
-    return *this;
+    return append([&] {
+        key(name);
+        fields_ += value ? "true" : "false";
+    });
 }
 
 JsonWriter& JsonWriter::value(const char* name, const std::string& json) {
-    key(name);
-    fields_ += json;
-    return *this;
+    if (json.empty()) {
+        complete_ = false;  // the value itself could not be written
+        return *this;
+    }
+    return append([&] {
+        key(name);
+        fields_ += json;
+    });
 }
 
 JsonWriter& JsonWriter::merge(const JsonWriter& other) {
-    if (!other.fields_.empty()) {
-        if (!fields_.empty()) {
-            fields_ += ", ";
+    complete_ = complete_ && other.complete_;
+    return append([&] {
+        if (!other.fields_.empty()) {
+            fields_ += fields_.empty() ? "" : ", ";
+            fields_ += other.fields_;
         }
-        fields_ += other.fields_;
-    }
-    return *this;
+    });
 }
 
-std::string JsonWriter::object() const {
-    return "{" + fields_ + "}";
+std::string JsonWriter::object() const noexcept {
+    try {
+        return complete_ ? "{" + fields_ + "}" : std::string();
+    } catch (const std::bad_alloc&) {
+        return std::string();
+    }
 }
 
-std::string json_array(const std::string* items, size_t count) {
-    std::string out = "[";
-    for (size_t i = 0; i < count; i++) {
-        out += i == 0 ? "" : ", ";
-        out += items[i];
+std::string json_array(const std::string* items, size_t count) noexcept {
+    try {
+        std::string out = "[";
+        for (size_t i = 0; i < count; i++) {
+            out += i == 0 ? "" : ", ";
+            out += items[i];
+        }
+        return out + "]";
+    } catch (const std::bad_alloc&) {
+        return std::string();
     }
-    return out + "]";
 }

@@ -3,6 +3,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include "cli/run_state.h"
 
@@ -20,13 +21,43 @@ constexpr FailureEntry FAILURES[] = {
     {"unreachable", 3}, {"untrusted_listener", 1},
 };
 
-// The human texts begin or end with newlines that only a terminal needs.
-std::string trimmed(const std::string& text) {
-    const size_t first = text.find_first_not_of("\n ");
-    if (first == std::string::npos) {
-        return "";
+// What a JSON run prints when it cannot even build its own object.
+constexpr const char* OUT_OF_MEMORY_OBJECT =
+    "{\"version\": 1, \"ok\": false, \"error\": \"internal\", \"message\": \"Unable to allocate "
+    "memory.\"}";
+
+[[noreturn]] void out_of_memory() {
+    puts(OUT_OF_MEMORY_OBJECT);
+    exit(json_exit_status(Failure::internal));
+}
+
+// The human texts begin or end with newlines (and a blank) that only a
+// terminal needs; `text` is trimmed in place.
+char* trimmed(char* text) {
+    while (*text == '\n' || *text == ' ') {
+        text++;
     }
-    return text.substr(first, text.find_last_not_of("\n ") - first + 1);
+    size_t length = strlen(text);
+    while (length > 0 && (text[length - 1] == '\n' || text[length - 1] == ' ')) {
+        text[--length] = '\0';
+    }
+    return text;
+}
+
+// JSON mode: the failure object for `message` (malloc'd, freed here), then
+// the exit.
+[[noreturn]] void fail_json(Failure failure, char* message, const JsonWriter& extra) {
+    if (message == nullptr) {
+        out_of_memory();
+    }
+    JsonWriter fields;
+    fields.boolean("ok", false)
+        .text("error", failure_code(failure))
+        .text("message", trimmed(message))
+        .merge(extra);
+    free(message);
+    emit(fields);
+    exit(json_exit_status(failure));
 }
 
 }  // namespace
@@ -46,35 +77,37 @@ bool json_mode() {
 void emit(const JsonWriter& fields) {
     JsonWriter line;
     line.number("version", 1).merge(fields);
-    puts(line.object().c_str());
+    std::string text = line.object();
+    if (text.empty()) {
+        out_of_memory();
+    }
+    puts(text.c_str());
     fflush(stdout);
 }
 
-void fail(Failure failure, const std::string& human_text, const JsonWriter& extra) {
+// Human mode allocates nothing here: the texts are written as they are.
+void fail(Failure failure, const char* human_text, const JsonWriter& extra) {
     if (!json_mode()) {
-        fputs(human_text.c_str(), stderr);
+        fputs(human_text, stderr);
         exit(run_state().human_failure_status);
     }
-    JsonWriter fields;
-    fields.boolean("ok", false)
-        .text("error", failure_code(failure))
-        .text("message", trimmed(human_text).c_str())
-        .merge(extra);
-    emit(fields);
-    exit(json_exit_status(failure));
+    fail_json(failure, strdup(human_text), extra);
 }
 
 void failf(Failure failure, const JsonWriter& extra, const char* format, ...) {
     va_list arguments;
     va_start(arguments, format);
+    if (!json_mode()) {
+        vfprintf(stderr, format, arguments);
+        va_end(arguments);
+        exit(run_state().human_failure_status);
+    }
     char* text = nullptr;
     if (vasprintf(&text, format, arguments) < 0) {
         text = nullptr;
     }
     va_end(arguments);
-    std::string human_text = text != nullptr ? text : format;
-    free(text);
-    fail(failure, human_text, extra);
+    fail_json(failure, text, extra);
 }
 
 void report_success(const char* human_text, const JsonWriter& extra) {

@@ -3,8 +3,6 @@
 // output ({"version": 1, ...}) and the scripting exit statuses.
 #pragma once
 
-#include <string>
-
 #include "cli/json_writer.h"
 #include "core/module.h"
 
@@ -28,13 +26,15 @@ int json_exit_status(Failure failure);
 
 bool json_mode();
 
-// {"version": 1, <fields>} on one line of standard output, flushed.
+// {"version": 1, <fields>} on one line of standard output, flushed. A
+// writer that ran out of memory ends the run as an "internal" failure.
 void emit(const JsonWriter& fields);
 
 // Ends the run. Human mode: `human_text` on standard error and the run's
 // human failure status. JSON mode: {"version": 1, "ok": false, "error",
 // "message" (the human text without its newlines), <extra>}.
-[[noreturn]] void fail(Failure failure, const std::string& human_text,
+// Nothing here throws; human mode allocates nothing.
+[[noreturn]] void fail(Failure failure, const char* human_text,
                        const JsonWriter& extra = JsonWriter());
 [[noreturn]] void failf(Failure failure, const JsonWriter& extra, const char* format, ...)
     SYLV_PRINTF(3, 4);

@@ -1,6 +1,7 @@
 #include "cli/responses.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -150,17 +151,22 @@ constexpr size_t kListingBlock = 65536;
 
 class ListingWriter {
 public:
-    void text(const char* part) { bytes(part, strlen(part)); }
+    // A literal, whose length is known here.
+    template <size_t N>
+    void text(const char (&part)[N]) {
+        bytes(part, N - 1);
+    }
     void number(int value) {
         char digits[16];
-        const int length = snprintf(digits, sizeof digits, "%d", value);
-        bytes(digits, static_cast<size_t>(length));
+        const auto result = std::to_chars(digits, digits + sizeof digits, value);
+        bytes(digits, static_cast<size_t>(result.ptr - digits));
     }
     // label, then value, then a newline.
-    void line(const char* label, const char* value) {
+    template <size_t N>
+    void line(const char (&label)[N], const char* value) {
         text(label);
-        text(value);
-        bytes("\n", 1);
+        bytes(value, strlen(value));
+        text("\n");
     }
     void flush() {
         fwrite(block_, 1, used_, stdout);

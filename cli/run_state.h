@@ -31,7 +31,9 @@ struct RunState {
     int enabling_progress_count;
     int sync_started;
 
-    // Chosen on the command line (--json, --wait, --no-wait).
+    // Chosen on the command line: the strict reading (a scripting option is
+    // there), --json, --wait, --no-wait.
+    bool scripting;
     bool json;
     int64_t wait_seconds;  // 0: each command's own time-out
     bool no_wait;

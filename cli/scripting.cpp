@@ -2,9 +2,11 @@
 
 #include <getopt.h>
 
+#include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -44,20 +46,32 @@ constexpr struct option SCRIPTING_OPTIONS[] = {
 };
 
 constexpr int64_t WAIT_LIMIT = 86400;
+constexpr const char* ALLOCATION_FAILURE = "Unable to allocate memory.\n";
+
+constexpr size_t OPTIONS_CAPACITY = 48;
+constexpr int STACK_ARGUMENTS = 64;
 
 // The human options with distinct values for the long-only ones, then the
-// scripting options, then the all-zero end.
-std::vector<struct option> all_options() {
-    std::vector<struct option> options;
-    for (const struct option* o = human_long_options(); o->name != nullptr; o++) {
-        options.push_back(*o);
+// scripting options, then the all-zero end. Built on the stack: the human
+// interface's runs allocate what they always did.
+using AllOptions = std::array<struct option, OPTIONS_CAPACITY>;
+
+AllOptions all_options() {
+    AllOptions options{};
+    size_t count = 0;
+    constexpr size_t human_room = OPTIONS_CAPACITY - std::size(SCRIPTING_OPTIONS) - 1;
+    for (const struct option* o = human_long_options(); o->name != nullptr && count < human_room;
+         o++) {
+        options[count] = *o;
         if (o->val == 0) {
-            options.back().val = LONG_ONLY_BASE + static_cast<int>(options.size() - 1);
+            options[count].val = LONG_ONLY_BASE + static_cast<int>(count);
         }
+        count++;
     }
-    options.insert(options.end(), std::begin(SCRIPTING_OPTIONS), std::end(SCRIPTING_OPTIONS));
-    options.push_back({nullptr, 0, nullptr, 0});
-    return options;
+    for (const struct option& o : SCRIPTING_OPTIONS) {
+        options[count++] = o;
+    }
+    return options;  // the rest stays all-zero
 }
 
 // Everything the command line said, before anything runs.
@@ -146,7 +160,7 @@ void take(Invocation* in, int value) {
     in->given += static_cast<char>(value);
 }
 
-int long_only_value(const std::vector<struct option>& options, const char* name) {
+int long_only_value(const AllOptions& options, const char* name) {
     for (const struct option& o : options) {
         if (o.name != nullptr && strcmp(o.name, name) == 0) {
             return o.val;
@@ -157,7 +171,7 @@ int long_only_value(const std::vector<struct option>& options, const char* name)
 
 [[noreturn]] void usage_error(const std::string& reason) {
     if (json_mode()) {
-        fail(Failure::usage, reason + "\n");
+        fail(Failure::usage, (reason + "\n").c_str());
     }
     fprintf(stderr, "%s\n", reason.c_str());
     print_usage();
@@ -270,7 +284,7 @@ void save_traceability(const Invocation& in) {
     }
 }
 
-void dispatch(const Invocation& in, const std::vector<struct option>& options) {
+void dispatch(const Invocation& in, const AllOptions& options) {
     const int command = in.command;
     if (command == long_only_value(options, "saveTraceabilityConfig")) {
         save_traceability(in);
@@ -327,26 +341,36 @@ void dispatch(const Invocation& in, const std::vector<struct option>& options) {
     }
 }
 
-}  // namespace
-
-bool wants_scripting(int argc, char** argv) {
-    std::vector<struct option> options = all_options();
-    std::vector<char*> copy(argv, argv + argc);
+// getopt permutes what it reads: the scan reads a copy, so the human reading
+// later sees argv as it came.
+bool scan_for_scripting(int argc, char** argv) {
+    AllOptions options = all_options();
+    char* on_stack[STACK_ARGUMENTS];
+    char** copy = argc <= STACK_ARGUMENTS
+                      ? on_stack
+                      : static_cast<char**>(malloc(sizeof(char*) * static_cast<size_t>(argc)));
+    if (copy == nullptr) {
+        fail(Failure::internal, ALLOCATION_FAILURE);
+    }
+    memcpy(copy, argv, sizeof(char*) * static_cast<size_t>(argc));
     const int reporting = opterr;
     opterr = 0;
     optind = 0;
     bool found = false;
     int value;
-    while ((value = getopt_long(argc, copy.data(), SHORT_OPTIONS, options.data(), nullptr)) != -1) {
+    while ((value = getopt_long(argc, copy, SHORT_OPTIONS, options.data(), nullptr)) != -1) {
         found = found || (value >= OPTION_JSON && value <= OPTION_CHECK);
     }
     opterr = reporting;
     optind = 0;
+    if (copy != on_stack) {
+        free(copy);
+    }
     return found;
 }
 
-int run_scripting(int argc, char** argv) {
-    std::vector<struct option> options = all_options();
+int run_strictly(int argc, char** argv) {
+    AllOptions options = all_options();
     Invocation in{};
     int value;
     while ((value = getopt_long(argc, argv, SHORT_OPTIONS, options.data(), nullptr)) != -1) {
@@ -357,6 +381,7 @@ int run_scripting(int argc, char** argv) {
     }
     RunState& state = run_state();
     state.json = in.json;
+    state.scripting = true;
     state.stop_when_unreachable = in.json;
     // A key from a file or the environment stands for -k; only an add takes one.
     if (in.command == 'a' && in.api_key == nullptr &&
@@ -371,4 +396,20 @@ int run_scripting(int argc, char** argv) {
     state.wait_seconds = in.wait != nullptr ? wait_seconds(in.wait) : 0;
     dispatch(in, options);
     return 0;
+}
+
+}  // namespace
+
+bool wants_scripting(int argc, char** argv) {
+    return scan_for_scripting(argc, argv);
+}
+
+// The strict reading allocates; running out of memory there is reported,
+// never thrown at main. (Callbacks run from the loop never throw.)
+int run_scripting(int argc, char** argv) {
+    try {
+        return run_strictly(argc, argv);
+    } catch (const std::bad_alloc&) {
+        fail(Failure::internal, ALLOCATION_FAILURE);
+    }
 }

@@ -1,6 +1,5 @@
 #include "cli/startup.h"
 
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 
@@ -58,14 +57,6 @@ void finish(FILE* stream, const char* text, int status) {
     exit(status);
 }
 
-void finishf(FILE* stream, int status, const char* format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    vfprintf(stream, format, arguments);
-    va_end(arguments);
-    exit(status);
-}
-
 // The init result is not checked: a second init keeps the first base, and a
 // base that could not be made fails the dispatcher creation just after.
 IpcClientConfig* start_transfer_agent_client() {
@@ -88,7 +79,10 @@ IpcClientConfig* start_transfer_agent_client(int32_t reconnection_policy) {
              "failure\n");
     }
     CallbackEvent.subscribe(dispatcher, IPC_EVENT_PLEASE_DISCONNECT, busy_callback);
-    CallbackEvent.subscribe(dispatcher, NET_EVENT_CONNECTED, connected_callback);
+    // The human interface needs neither (and keeps its allocations as they were).
+    if (run_state().scripting) {
+        CallbackEvent.subscribe(dispatcher, NET_EVENT_CONNECTED, connected_callback);
+    }
     if (run_state().stop_when_unreachable) {
         CallbackEvent.subscribe(dispatcher, NET_EVENT_CONNECTION_FAILED, unreachable_callback);
     }

@@ -9,7 +9,6 @@
 #include <cstdio>
 
 #include "core/callback_event.h"
-#include "core/module.h"
 #include "ipc/ipc_config.h"
 
 // Where the Transfer Agent listens, and how the connection is retried.
@@ -50,5 +49,3 @@ void agent_timeout_callback(evutil_socket_t fd, short flags, void* argument);
 
 // Writes `text` whole to `stream`, then ends the process with `status`.
 [[noreturn]] void finish(FILE* stream, const char* text, int status);
-// printf-style variant of finish.
-[[noreturn]] void finishf(FILE* stream, int status, const char* format, ...) SYLV_PRINTF(3, 4);

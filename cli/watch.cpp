@@ -183,6 +183,8 @@ void watch_signals_and_connection() {
 
 // ---- --check -------------------------------------------------------------------
 
+// When the check began: its latency runs from before the connection to the
+// answer.
 timespec check_started{};
 
 double elapsed_ms() {
@@ -192,6 +194,7 @@ double elapsed_ms() {
            static_cast<double>(now.tv_nsec - check_started.tv_nsec) / 1e6;
 }
 
+// The get_proxy answer: well formed, the agent is there (status 0).
 char* check_response(JsonValue* data) {
     ProxyAnswer proxy{};
     if (read_proxy_answer(data, &proxy) != nullptr) {
@@ -206,8 +209,9 @@ char* check_response(JsonValue* data) {
     exit(0);
 }
 
-// A connection closed after it was made: the handshake was refused or the
-// peer hung up, so whatever listens is not a Transfer Agent.
+// The verdict without an answer: nothing connected (nothing listening), a
+// connection closed after it was made (the handshake was refused or the peer
+// hung up: not a Transfer Agent), or one still open and silent (no answer).
 [[noreturn]] void check_failed() {
     const RunState& state = run_state();
     if (!state.connected) {

@@ -1,9 +1,10 @@
 // One-pass JSON parser into an arena per document.
 //
 // The largest documents the tool reads are service lists: one string per
-// service, each holding a JSON text of its own. So strings are found with a
-// 16-byte scan, copied whole when they need no decoding, and every value is
-// a 16-byte node in the arena: one allocation per document, not per value.
+// service, each holding a JSON text of its own, with an escaped quote every
+// few bytes. So strings are decoded in one pass, 16 bytes at a time between
+// escapes, straight into the arena, and every value is a 16-byte node there:
+// one allocation per document, not per value.
 //
 // Bounds: a peer may send up to 16 MiB. At most kMaxValues values (4 MiB of
 // nodes), kMaxDepth levels (the parser recurses once per level) and
@@ -66,11 +67,6 @@ void* allocate(Arena& arena, size_t size) {
     void* place = arena.cursor;
     arena.cursor += size;
     return place;
-}
-
-// Gives back the unused tail of the last allocation, `place`, keeping `used`.
-void shrink_last(Arena& arena, char* place, size_t used) {
-    arena.cursor = place + round_up(used);
 }
 
 void free_chunks(Arena& arena) {
@@ -174,6 +170,12 @@ int32_t hex4(const char* in, const char* end) {
         value = value << 4 | digit;
     }
     return value;
+}
+
+// Keys are NUL-terminated, so the first bytes compare even for empty keys,
+// and most keys of an object differ there: memcmp is rarely needed.
+bool same_key(const Member& member, const char* key, size_t size) {
+    return member.key_size == size && member.key[0] == key[0] && memcmp(member.key, key, size) == 0;
 }
 
 class Parser {
@@ -317,85 +319,56 @@ private:
         return true;
     }
 
-    // Moves p_ past the string opened at p_. Sets *plain when it holds no
-    // escape and no byte outside ASCII; false when it never ends or holds a
-    // control character.
-    bool find_string_end(bool* plain) {
-        *plain = true;
-        ++p_;
-        for (;;) {
+    // Copies 16 bytes from in to out (both have room) and returns how many
+    // of them come before the first quote, backslash, control character or
+    // byte outside ASCII.
+    static size_t plain_run(const char* in, char* out) {
 #ifdef __SSE2__
-            const __m128i quote = _mm_set1_epi8('"');
-            const __m128i backslash = _mm_set1_epi8('\\');
-            const __m128i space = _mm_set1_epi8(0x20);
-            while (end_ - p_ >= 16) {
-                const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p_));
-                // Signed compare: below 0x20 also catches every byte >= 0x80.
-                const __m128i special = _mm_or_si128(
-                    _mm_or_si128(_mm_cmpeq_epi8(bytes, quote), _mm_cmpeq_epi8(bytes, backslash)),
-                    _mm_cmplt_epi8(bytes, space));
-                const int mask = _mm_movemask_epi8(special);
-                if (mask != 0) {
-                    p_ += __builtin_ctz(static_cast<unsigned>(mask));
-                    break;
-                }
-                p_ += 16;
-            }
-#endif
-            if (p_ == end_) {
-                return false;
-            }
-            const auto byte = static_cast<uint8_t>(*p_);
-            if (byte == '"') {
-                ++p_;
-                return true;
-            }
-            if (byte < 0x20) {
-                return false;
-            }
-            if (byte == '\\' || byte >= 0x80) {
-                *plain = false;
-                p_ += byte == '\\' && end_ - p_ > 1 ? 2 : 1;
-            } else {
-                ++p_;
-            }
+        const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out), bytes);
+        // Signed compare: below 0x20 also catches every byte >= 0x80.
+        const int mask =
+            _mm_movemask_epi8(_mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(bytes, _mm_set1_epi8('"')),
+                                                        _mm_cmpeq_epi8(bytes, _mm_set1_epi8('\\'))),
+                                           _mm_cmplt_epi8(bytes, _mm_set1_epi8(0x20))));
+        return mask == 0 ? 16 : static_cast<size_t>(__builtin_ctz(static_cast<unsigned>(mask)));
+#else
+        size_t run = 0;
+        while (run < 16 && is_plain(in[run])) {
+            out[run] = in[run];
+            ++run;
         }
+        return run;
+#endif
     }
 
-    // Decodes the string body [in, end) into out, which has room for
-    // `room` bytes. Returns the end of what was written, or null for a bad
-    // escape; *full is set (and null returned) when room ran out.
-    char* decode(const char* in, const char* end, char* out, size_t room, bool* full) {
-        char* const limit = out + room;
-        while (in < end) {
-            if (limit - out < 4) {
-                *full = true;
-                return nullptr;
-            }
-            const auto byte = static_cast<uint8_t>(*in);
-            if (byte == '\\') {
-                in = escape(in, end, &out);
-                if (in == nullptr) {
-                    return nullptr;
-                }
-            } else if (byte < 0x80) {
-                *out++ = *in++;
-            } else {
-                size_t bad = 0;
-                const auto* at = reinterpret_cast<const uint8_t*>(in);
-                const size_t length =
-                    utf8_sequence(at, reinterpret_cast<const uint8_t*>(end), &bad);
-                if (length == 0) {
-                    out = put_utf8(out, kReplacement);
-                    in += bad;
-                } else {
-                    memcpy(out, in, length);
-                    out += length;
-                    in += length;
-                }
-            }
+    static bool is_plain(char c) {
+        const auto byte = static_cast<uint8_t>(c);
+        return byte >= 0x20 && byte < 0x80 && byte != '"' && byte != '\\';
+    }
+
+    // The character a one-letter escape stands for, or 0 when not one.
+    static char escaped(char letter) {
+        switch (letter) {
+            case '"':
+                return '"';
+            case '\\':
+                return '\\';
+            case '/':
+                return '/';
+            case 'b':
+                return '\b';
+            case 'f':
+                return '\f';
+            case 'n':
+                return '\n';
+            case 'r':
+                return '\r';
+            case 't':
+                return '\t';
+            default:
+                return 0;
         }
-        return out;
     }
 
     // One escape at `in`; writes its character at *out. Returns the next
@@ -405,10 +378,8 @@ private:
             return nullptr;
         }
         const char letter = in[1];
-        static constexpr char kFrom[] = "\"\\/bfnrt";
-        static constexpr char kTo[] = "\"\\/\b\f\n\r\t";
-        if (const char* found = letter != '\0' ? strchr(kFrom, letter) : nullptr) {
-            *(*out)++ = kTo[found - kFrom];
+        if (const char character = escaped(letter)) {
+            *(*out)++ = character;
             return in + 2;
         }
         if (letter != 'u') {
@@ -433,38 +404,82 @@ private:
         return in;
     }
 
-    // The string at p_ into the arena. Decoding never grows the text except
-    // where one or two bad bytes become the three of U+FFFD: only then is
-    // the room tripled.
-    bool string(const char** text, uint32_t* size) {
-        const char* body = p_ + 1;
-        bool plain = true;
-        if (!find_string_end(&plain)) {
+    // Moves the string being decoded, [*place, *out), to a new chunk with
+    // room for twice as much; false when memory runs out.
+    bool grow(char** place, char** out, char** limit) {
+        const size_t kept = static_cast<size_t>(*out - *place);
+        const size_t room = 2 * static_cast<size_t>(*limit - *place) + 64;
+        if (!add_chunk(arena_, room, room)) {
             return false;
         }
-        const size_t raw = static_cast<size_t>(p_ - 1 - body);
-        for (const size_t room : {raw + 4, 3 * raw + 4}) {
-            auto* place = static_cast<char*>(allocate(arena_, room + 1));
-            if (place == nullptr) {
-                return false;
-            }
-            char* out = place + raw;
-            bool full = false;
-            if (plain) {
-                memcpy(place, body, raw);
-            } else if ((out = decode(body, body + raw, place, room, &full)) == nullptr) {
-                shrink_last(arena_, place, 0);
-                if (full)
-                    continue;
-                return false;
-            }
-            *out = '\0';
-            *text = place;
-            *size = static_cast<uint32_t>(out - place);
-            shrink_last(arena_, place, *size + 1);
-            return true;
+        memcpy(arena_.cursor, *place, kept);
+        *place = arena_.cursor;
+        *out = *place + kept;
+        *limit = arena_.end;
+        return true;
+    }
+
+    // One byte at `in` that plain_run stopped at, other than the closing
+    // quote, into *out. Returns the next input byte, or null when the
+    // string is not JSON.
+    const char* special(const char* in, char** out) {
+        const auto byte = static_cast<uint8_t>(*in);
+        if (byte == '\\') {
+            return escape(in, end_, out);
         }
-        return false;
+        if (byte < 0x20) {
+            return nullptr;
+        }
+        if (byte < 0x80) {
+            *(*out)++ = *in;
+            return in + 1;
+        }
+        size_t bad = 0;
+        const auto* at = reinterpret_cast<const uint8_t*>(in);
+        const size_t length = utf8_sequence(at, reinterpret_cast<const uint8_t*>(end_), &bad);
+        if (length == 0) {
+            *out = put_utf8(*out, kReplacement);
+            return in + bad;
+        }
+        memcpy(*out, in, length);
+        *out += length;
+        return in + length;
+    }
+
+    // The string at p_, decoded in one pass into the rest of the arena's
+    // chunk (grown when it runs out), which then keeps just what it holds.
+    bool string(const char** text, uint32_t* size) {
+        const char* in = p_ + 1;
+        char* place = arena_.cursor;
+        char* out = place;
+        char* limit = arena_.end;
+        for (;;) {
+            if (limit - out < 20 && !grow(&place, &out, &limit)) {
+                return false;
+            }
+            if (end_ - in >= 16) {
+                const size_t run = plain_run(in, out);
+                in += run;
+                out += run;
+                if (run == 16) {
+                    continue;
+                }
+            } else if (in == end_) {
+                return false;
+            }
+            if (*in == '"') {
+                break;
+            }
+            if ((in = special(in, &out)) == nullptr) {
+                return false;
+            }
+        }
+        *out = '\0';
+        *text = place;
+        *size = static_cast<uint32_t>(out - place);
+        arena_.cursor = place + round_up(*size + 1);
+        p_ = in + 1;
+        return true;
     }
 
     // Moves the last `count` entries of `stack` into the arena.
@@ -528,7 +543,7 @@ private:
     long repeated(size_t base, const char* key, uint32_t size) {
         comparisons_ += members_.size() - base;
         for (size_t i = base; i < members_.size(); ++i) {
-            if (members_[i].key_size == size && memcmp(members_[i].key, key, size) == 0) {
+            if (same_key(members_[i], key, size)) {
                 return static_cast<long>(i);
             }
         }
@@ -639,7 +654,7 @@ const Node* find_member(const Node* object, const char* key) {
     const size_t size = strlen(key);
     for (uint32_t i = 0; i < object->size; ++i) {
         const Member& member = object->members[i];
-        if (member.key_size == size && memcmp(member.key, key, size) == 0) {
+        if (same_key(member, key, size)) {
             return &member.value;
         }
     }

@@ -41,6 +41,25 @@ Result guarded(Result fallback, Body&& body) noexcept {
     }
 }
 
+// nlohmann's destructor allocates a stack to take apart a non-empty array
+// or object, and a failed allocation there ends the process. Emptying the
+// containers bottom-up first leaves it nothing to allocate.
+void dismantle(Json& json) noexcept {
+    if (json.is_array()) {
+        auto& items = json.get_ref<Json::array_t&>();
+        for (Json& item : items) {
+            dismantle(item);
+        }
+        items.clear();
+    } else if (json.is_object()) {
+        auto& members = json.get_ref<Json::object_t&>();
+        for (auto& entry : members) {
+            dismantle(entry.second);
+        }
+        members.clear();
+    }
+}
+
 // What a member lookup found: a parsed node or a built value, or neither.
 struct Found {
     const Node* node;
@@ -120,7 +139,9 @@ int add_member(JsonValue* object, const char* key, Json item) {
     if (!object->json.is_object()) {
         return -1;
     }
-    object->json[key] = std::move(item);
+    Json& slot = object->json[key];
+    dismantle(slot);  // a value already under key
+    slot = std::move(item);
     return 0;
 }
 
@@ -280,9 +301,14 @@ int json_serialize(const JsonValue* value, char* buffer, size_t size) {
     }
     return guarded(-2, [&] {
         constexpr auto replace = Json::error_handler_t::replace;
-        const std::string text = value->document != nullptr
-                                     ? to_json(*value->node).dump(-1, ' ', false, replace)
-                                     : value->json.dump(-1, ' ', false, replace);
+        std::string text;
+        if (value->document != nullptr) {
+            Json built = to_json(*value->node);
+            text = built.dump(-1, ' ', false, replace);
+            dismantle(built);
+        } else {
+            text = value->json.dump(-1, ' ', false, replace);
+        }
         if (text.size() >= size || text.size() > INT_MAX) {
             return -3;
         }
@@ -428,6 +454,7 @@ int json_is_key_present(const JsonValue* value, const char* key) {
 void json_free_value(JsonValue* value) {
     if (value != nullptr) {
         sylvshared::release(value->document);
+        dismantle(value->json);
         delete value;
     }
 }
