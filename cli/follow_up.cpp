@@ -31,7 +31,7 @@ Ack find_ack(const TenantList& list, Reason* reason) {
         if (!is_string_item(list.items[i])) {
             continue;
         }
-        JsonValue* tenant = json_parse(list.items[i]->text);
+        JsonValue* tenant = parse_tenant(list.items[i]);
         if (tenant == nullptr) {
             continue;
         }
@@ -113,7 +113,7 @@ Step enabling_step(const JsonListItem* item, Reason* reason) {
     if (!is_string_item(item)) {
         return Step::bad_format;
     }
-    JsonValue* tenant = json_parse(item->text);
+    JsonValue* tenant = parse_tenant(item);
     if (tenant == nullptr) {
         return Step::next;
     }
@@ -149,7 +149,7 @@ Step disabling_step(const JsonListItem* item, Reason*) {
     if (!is_string_item(item)) {
         return Step::bad_format;
     }
-    JsonValue* tenant = json_parse(item->text);
+    JsonValue* tenant = parse_tenant(item);
     if (tenant == nullptr) {
         return Step::next;
     }

@@ -79,8 +79,7 @@ char* list_response_json(JsonValue* data) {
     std::vector<std::string> services;
     if (read_tenant_list(data, &list)) {
         for (int i = 0; i < list.count; i++) {
-            JsonValue* tenant =
-                is_string_item(list.items[i]) ? json_parse(list.items[i]->text) : nullptr;
+            JsonValue* tenant = parse_tenant(list.items[i]);
             if (tenant == nullptr) {
                 release_tenant_list(&list);
                 fail(Failure::bad_answer, BAD_LISTING);

@@ -225,13 +225,13 @@ void to_upper_case(char* text) {
 }  // namespace
 
 const ParsingModule Parsing = {
-    get_next_token,
-    parse_ip_address,
-    parse_port,
-    parse_ip_address_and_port,
-    parse_clear_services,
-    is_valid_ipv4_format,
-    is_valid_domain_label,
-    is_valid_domain_name,
-    to_upper_case,
+    .get_next_token = get_next_token,
+    .parse_ip_address = parse_ip_address,
+    .parse_port = parse_port,
+    .parse_ip_address_and_port = parse_ip_address_and_port,
+    .parse_clear_services = parse_clear_services,
+    .is_valid_ipv4_format = is_valid_ipv4_format,
+    .is_valid_domain_label = is_valid_domain_label,
+    .is_valid_domain_name = is_valid_domain_name,
+    .to_upper_case = to_upper_case,
 };

@@ -16,9 +16,9 @@ struct FailureEntry {
 
 // Indexed by Failure.
 constexpr FailureEntry FAILURES[] = {
-    {"usage", 2},       {"bad_argument", 1},       {"refused", 1}, {"failed", 1},
-    {"bad_answer", 1},  {"internal", 1},           {"timeout", 3}, {"busy", 3},
-    {"unreachable", 3}, {"untrusted_listener", 1},
+    {"usage", 2},       {"bad_argument", 1},       {"refused", 1},      {"failed", 1},
+    {"bad_answer", 1},  {"internal", 1},           {"timeout", 3},      {"busy", 3},
+    {"unreachable", 3}, {"untrusted_listener", 1}, {"not_an_agent", 3},
 };
 
 // What a JSON run prints when it cannot even build its own object.

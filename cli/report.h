@@ -19,6 +19,8 @@ enum class Failure {
     unreachable,   // no connection could be made (3)
     // Before an add, another user's socket holds the agent's port (1).
     untrusted_listener,
+    // --check: what listens on the agent's port does not speak its protocol (3).
+    not_an_agent,
 };
 
 const char* failure_code(Failure failure);

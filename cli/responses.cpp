@@ -240,7 +240,7 @@ AddOutcome scan_added_tenants(const TenantList& list, char (&onion_address)[ONIO
         if (!is_string_item(list.items[i])) {
             return AddOutcome::bad_format;
         }
-        JsonValue* tenant = json_parse(list.items[i]->text);
+        JsonValue* tenant = parse_tenant(list.items[i]);
         if (tenant == nullptr) {
             return AddOutcome::keep_waiting;
         }
@@ -289,7 +289,7 @@ char* list_response(JsonValue* data) {
         if (!is_string_item(list.items[i])) {
             continue;
         }
-        JsonValue* tenant = json_parse(list.items[i]->text);
+        JsonValue* tenant = parse_tenant(list.items[i]);
         if (tenant == nullptr) {
             break;
         }

@@ -15,8 +15,13 @@ struct TenantList {
 };
 
 // Reads data's "tenants" list into `list`. False when data is null or the
-// member is missing or not a list (nothing to release then).
+// member is missing or not a list (nothing to release then). Memory running
+// out ends the run with "Unable to allocate memory." (status 1).
 bool read_tenant_list(const JsonValue* data, TenantList* list);
+// The service object an element holds, owned by the caller; null when the
+// element is missing, not a string or not JSON. Memory running out ends the
+// run as read_tenant_list does.
+JsonValue* parse_tenant(const JsonListItem* item);
 void release_tenant_list(TenantList* list);
 
 // True for a present element of string type.

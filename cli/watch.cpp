@@ -79,7 +79,7 @@ void print_event_line(const char* name, const char* status, const char* synchron
 // An element the tool cannot read is skipped: one bad element must not end
 // a watch.
 void print_tenant_event(const JsonListItem* item) {
-    JsonValue* tenant = is_string_item(item) ? json_parse(item->text) : nullptr;
+    JsonValue* tenant = parse_tenant(item);
     if (tenant == nullptr) {
         return;
     }
@@ -198,7 +198,7 @@ double elapsed_ms() {
 char* check_response(JsonValue* data) {
     ProxyAnswer proxy{};
     if (read_proxy_answer(data, &proxy) != nullptr) {
-        fail(Failure::bad_answer, NOT_AN_AGENT);
+        fail(Failure::not_an_agent, NOT_AN_AGENT);
     }
     const double latency = elapsed_ms();
     if (json_mode()) {
@@ -218,7 +218,7 @@ char* check_response(JsonValue* data) {
         fail(Failure::unreachable, NOTHING_LISTENING);
     }
     if (state.connection == nullptr || closed_for_good(state.connection)) {
-        fail(Failure::bad_answer, NOT_AN_AGENT);
+        fail(Failure::not_an_agent, NOT_AN_AGENT);
     }
     fail(Failure::timeout, NO_ANSWER);
 }
@@ -280,5 +280,5 @@ void check_agent() {
     IpcConfig.add_command(config, "get_proxy", build_empty_request, nullptr, check_response);
     run_ipc_client(config);
     // The answer did not match the request (wrong command or id).
-    fail(Failure::bad_answer, NOT_AN_AGENT);
+    fail(Failure::not_an_agent, NOT_AN_AGENT);
 }

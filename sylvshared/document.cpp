@@ -15,6 +15,7 @@
 #include "document.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -46,6 +47,7 @@ bool add_chunk(Arena& arena, size_t size, size_t grown) {
     const size_t wanted = std::max(size, std::min(std::max(grown, kMinChunk), kMaxChunk));
     auto* chunk = static_cast<Chunk*>(malloc(round_up(sizeof(Chunk)) + wanted));
     if (chunk == nullptr) {
+        arena.out_of_memory = true;
         return false;
     }
     chunk->next = arena.chunks;
@@ -178,13 +180,38 @@ bool same_key(const Member& member, const char* key, size_t size) {
     return member.key_size == size && member.key[0] == key[0] && memcmp(member.key, key, size) == 0;
 }
 
+// Elements and members of the open containers, moved into the arena when
+// each closes. One pair per thread, kept between documents: most are small.
+struct ParseStacks {
+    std::vector<Node> items;
+    std::vector<Member> members;
+};
+
+// A pointer rather than the stacks themselves: a thread_local with a
+// destructor registers it at first use, which allocates, and glibc aborts
+// when that fails. The pair lives as long as its thread.
+thread_local ParseStacks* parse_stacks = nullptr;
+
+// The calling thread's stacks, emptied; null when they cannot be made.
+ParseStacks* empty_parse_stacks() {
+    if (parse_stacks == nullptr) {
+        parse_stacks = new (std::nothrow) ParseStacks;
+    }
+    if (parse_stacks != nullptr) {
+        parse_stacks->items.clear();
+        parse_stacks->members.clear();
+    }
+    return parse_stacks;
+}
+
 class Parser {
 public:
-    Parser(const char* text, size_t length, Arena& arena)
-        : p_(text), end_(text + length), arena_(arena) {
-        items_.clear();
-        members_.clear();
-    }
+    Parser(const char* text, size_t length, Arena& arena, ParseStacks& stacks)
+        : p_(text),
+          end_(text + length),
+          arena_(arena),
+          items_(stacks.items),
+          members_(stacks.members) {}
     // A hostile document may have grown the stacks to megabytes: let go.
     ~Parser() {
         if (items_.capacity() > kKeptEntries)
@@ -209,10 +236,8 @@ private:
     uint64_t values_ = 0;
     uint64_t comparisons_ = 0;
     int depth_ = 0;
-    // Elements and members of the open containers, moved into the arena
-    // when each closes. Kept between documents: most are small.
-    static thread_local std::vector<Node> items_;
-    static thread_local std::vector<Member> members_;
+    std::vector<Node>& items_;
+    std::vector<Member>& members_;
 
     void skip_space() {
         while (p_ < end_ && (*p_ == ' ' || *p_ == '\n' || *p_ == '\r' || *p_ == '\t')) {
@@ -592,9 +617,6 @@ private:
     }
 };
 
-thread_local std::vector<Node> Parser::items_;
-thread_local std::vector<Member> Parser::members_;
-
 }  // namespace
 
 Document* new_document(size_t first_chunk) {
@@ -620,17 +642,24 @@ Document* parse_document(const char* text, size_t length) {
     // text holds most documents whole; untouched pages of it cost nothing.
     Document* document = new_document(2 * length + 256);
     if (document == nullptr) {
+        errno = ENOMEM;
         return nullptr;
     }
     bool parsed = false;
-    try {
-        Parser parser(text, length, document->arena);
-        parsed = parser.document(document->root);
-    } catch (...) {  // the parse stacks ran out of memory
-        parsed = false;
+    bool out_of_memory = true;
+    ParseStacks* stacks = empty_parse_stacks();
+    if (stacks != nullptr) {
+        try {
+            Parser parser(text, length, document->arena, *stacks);
+            parsed = parser.document(document->root);
+            out_of_memory = document->arena.out_of_memory;
+        } catch (...) {  // the parse stacks ran out of memory
+            parsed = false;
+        }
     }
     if (!parsed) {
         release(document);
+        errno = out_of_memory ? ENOMEM : EINVAL;
         return nullptr;
     }
     return document;

@@ -40,6 +40,7 @@ struct Arena {
     Chunk* chunks;
     char* cursor;
     char* end;
+    bool out_of_memory;  // a chunk could not be had
 };
 
 struct Document {

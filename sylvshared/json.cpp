@@ -6,6 +6,7 @@
 // a null or negative result, never an exception, a print or an exit.
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -272,20 +273,22 @@ int to_int(int64_t number) {
 extern "C" {
 
 // New value owned by the caller, or null for invalid JSON or a document
-// past the parse bounds. Invalid UTF-8 in strings reads as U+FFFD.
+// past the parse bounds (errno EINVAL) or when memory ran out (ENOMEM).
+// Invalid UTF-8 in strings reads as U+FFFD.
 JsonValue* json_parse(const char* text) {
     if (text == nullptr) {
         return nullptr;
     }
-    return guarded<JsonValue*>(nullptr, [&]() -> JsonValue* {
-        Document* document = sylvshared::parse_document(text, strlen(text));
-        if (document == nullptr) {
-            return nullptr;
-        }
-        JsonValue* value = new_view(document, &document->root);
-        sylvshared::release(document);  // the handle holds it now
-        return value;
-    });
+    Document* document = sylvshared::parse_document(text, strlen(text));
+    if (document == nullptr) {
+        return nullptr;  // errno set by the parse
+    }
+    JsonValue* value = new_view(document, &document->root);
+    sylvshared::release(document);  // the handle holds it now
+    if (value == nullptr) {
+        errno = ENOMEM;
+    }
+    return value;
 }
 
 // Compact text into buffer. A text that does not fit is refused whole and

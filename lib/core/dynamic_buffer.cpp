@@ -30,7 +30,9 @@ void copy_out(const RingBuffer* buffer, uint64_t offset, uint8_t* destination, u
     memcpy(destination + first, buffer->data, count - first);
 }
 
-// New empty buffer; a missing lock is only found at the first locked call.
+// New empty buffer, or null. A buffer whose lock cannot be made is refused
+// here: used, it would stop the process at its first locked call with no
+// word to the user.
 RingBuffer* buffer_create(uint32_t initial_capacity) {
     auto* buffer = static_cast<RingBuffer*>(calloc(1, sizeof(RingBuffer)));
     if (buffer == nullptr) {
@@ -46,6 +48,12 @@ RingBuffer* buffer_create(uint32_t initial_capacity) {
     }
     buffer->capacity = capacity;
     buffer->lock = Mutex.create();
+    if (buffer->lock == nullptr) {
+        Logger.fatal("Could not create the lock of a DynamicBuffer");
+        free(buffer->data);
+        free(buffer);
+        return nullptr;
+    }
     return buffer;
 }
 

@@ -29,8 +29,8 @@ struct RingBuffer {
 };
 
 struct DynamicBufferModule {
-    // New buffer of `initial_capacity` bytes (0 means 2048), or null. A lock
-    // that cannot be made is only found at the first locked call.
+    // New buffer of `initial_capacity` bytes (0 means 2048), or null when
+    // its storage or its lock cannot be made.
     RingBuffer* (*create)(uint32_t initial_capacity);
     EmptySlot unused;
     // Queues `count` bytes, growing exactly when needed. DYNAMIC_BUFFER_OK, or

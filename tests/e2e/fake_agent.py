@@ -166,8 +166,8 @@ class FakeAgent:
                 if self._stop.is_set():
                     return
                 continue
-            if opcode == ap.OP_PONG:
-                self.pongs.append(payload)
+            if opcode == ap.OP_PONG:  # the tool's pongs go unmasked
+                self.pongs.append(("masked", payload) if conn.last_control_masked else payload)
             elif opcode == ap.OP_PING:
                 conn.send_pong(payload)
             elif opcode == ap.OP_CLOSE:

@@ -313,7 +313,7 @@ for name, script, stdout, lines, stderr, seconds in [
          [dict(ok=True, latency_ms=NUMBER)], "", (0, 1.9)),
         ("silent", {}, "", [failure("timeout", ANY, 3)],
          "Transfer Agent did not answer within 2 seconds.\n", after(2)),
-        ("not_websocket", "plain", "", [failure("bad_answer", ANY, 1)],
+        ("not_websocket", "plain", "", [failure("not_an_agent", ANY, 3)],
          "The program listening on 127.0.0.1:11038 is not a Transfer Agent.\n", (0, 3)),
         ("nothing", None, "", [failure("unreachable", ANY, 3)],
          "Nothing is listening on 127.0.0.1:11038.\n", (0, 1.9))]:
@@ -322,7 +322,7 @@ for name, script, stdout, lines, stderr, seconds in [
     add(JsonCase("check_" + name, ["--check"], stdout=stdout, stderr=stderr,
                  status=3 if stderr else 0, **fields))
     both_ends("check_" + name, ["--check"], lines,
-              status=0 if lines[0].get("ok") else 1 if plain else 3, **fields)
+              status=0 if lines[0].get("ok") else 3, **fields)
 
 
 def main(argv):

@@ -251,6 +251,7 @@ class Connection:
         while True:
             frame = self.read_frame()
             if frame.opcode >= OP_CLOSE:
+                self.last_control_masked = frame.masked
                 return frame.opcode, frame.payload
             if frame.opcode == OP_CONTINUATION:
                 if self._fragments is None:

@@ -32,7 +32,8 @@ typedef struct JsonListItem {
 /* New value from NUL-terminated text, or null when it is not valid JSON,
  * nests deeper than 128 levels, holds more than 262,144 values or objects
  * too large to check for repeated keys quickly. Each byte sequence inside a
- * string that is not UTF-8 reads as U+FFFD. */
+ * string that is not UTF-8 reads as U+FFFD. On failure errno is ENOMEM when
+ * memory ran out, EINVAL otherwise. */
 JsonValue* json_parse(const char* text);
 /* Writes the compact text and its NUL into buffer. Returns its length, or a
  * negative value (buffer left empty) when it does not fit or on bad input.
