@@ -1,7 +1,6 @@
 #include "network/network.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -212,6 +211,11 @@ ssize_t send_queued(networkConnection* connection, evutil_socket_t fd, int* erro
         *error = dead ? errno : 0;
         if (sent == static_cast<ssize_t>(size)) {
             event_del(connection->write_event);  // drained: stop asking
+        } else if (!dead && event_add(connection->write_event, nullptr) != 0) {
+            // Bytes left with nothing to send them: drop, as a dead socket.
+            Logger.error("Unable to watch connection %p for writing",
+                         static_cast<void*>(connection));
+            *error = EIO;
         }
     }
     Mutex.unlock(connection->lock);
@@ -243,6 +247,10 @@ void on_writable(evutil_socket_t fd, short /*what*/, void* argument) {
 
 // Queues bytes for the write event. Refused until the connection has
 // succeeded and after it closed, so nothing waits in a queue nobody drains.
+// Bytes queued while the write event is idle make it active, so the loop
+// sends them on its next round without polling the socket first (the
+// socket nearly always has room); it is watched only once a send falls
+// short. Everything queued before that round leaves in one send().
 int send_bytes(networkConnection* connection, const void* bytes, uint64_t length) {
     if (connection == nullptr || bytes == nullptr) {
         return NETWORK_ERR_FAILED;
@@ -252,12 +260,13 @@ int send_bytes(networkConnection* connection, const void* bytes, uint64_t length
     if (connection->state != NETWORK_CONNECTED) {
         Logger.trace("Connection %p is not connected: nothing queued",
                      static_cast<void*>(connection));
-    } else if (event_add(connection->write_event, nullptr) != 0) {
-        Logger.error("Unable to watch connection %p for writing", static_cast<void*>(connection));
     } else if (DynamicBuffer.append(connection->sending_queue, bytes, length) != 0) {
         Logger.error("Unable to queue %llu bytes on connection %p",
                      static_cast<unsigned long long>(length), static_cast<void*>(connection));
     } else {
+        if (!event_pending(connection->write_event, EV_WRITE, nullptr)) {
+            event_active(connection->write_event, EV_WRITE, 0);
+        }
         result = NETWORK_OK;
     }
     Mutex.unlock(connection->lock);
@@ -386,7 +395,9 @@ void perform_connection(networkConnection* connection) {
     connection->address.sin_family = AF_INET;
     connection->address.sin_addr.s_addr = inet_addr(config->ip);
     connection->address.sin_port = htons(config->port);
-    const int fd = socket(AF_INET, config->socket_kind == 0 ? SOCK_STREAM : SOCK_DGRAM, 0);
+    // Non-blocking from the start: no fcntl round trip.
+    const int kind = config->socket_kind == 0 ? SOCK_STREAM : SOCK_DGRAM;
+    const int fd = socket(AF_INET, kind | SOCK_NONBLOCK, 0);
     if (fd < 0) {
         Logger.error("Unable to init socket: %s. Connection aborted", strerror(errno));
         reconnect(connection);
@@ -395,7 +406,6 @@ void perform_connection(networkConnection* connection) {
     connection->socket = fd;
     connection->state = NETWORK_CONNECTING;
     reset_attempt(connection);
-    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL, 0) | O_NONBLOCK);
     signal(SIGPIPE, SIG_IGN);
     if (connection->protocol_state == nullptr && connection->initial_protocol_state != nullptr) {
         Logger.error("Unable to copy the initial protocol state. Connection aborted");

@@ -234,7 +234,7 @@ int send_data(networkConnection* connection, JsonValue* value, int data_type, bo
         json_free_value(value);
         return WS_ERR_REFUSED;
     }
-    char text[WS_SEND_BUFFER_SIZE] = {};
+    char text[WS_SEND_BUFFER_SIZE];  // only the serialised length is read
     const int length = json_serialize(value, text, sizeof text);
     json_free_value(value);
     if (length < 0) {

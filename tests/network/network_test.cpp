@@ -15,6 +15,7 @@
 int socket_error = 0;
 int send_error = 0;
 int failed_sends = 0;
+int sends = 0;  // non-empty send() calls, failed or not
 extern "C" int __real_socket(int domain, int type, int protocol);
 extern "C" ssize_t __real_send(int fd, const void* bytes, size_t count, int flags);
 extern "C" int __wrap_socket(int domain, int type, int protocol) {
@@ -22,11 +23,15 @@ extern "C" int __wrap_socket(int domain, int type, int protocol) {
     return socket_error != 0 ? -1 : __real_socket(domain, type, protocol);
 }
 extern "C" ssize_t __wrap_send(int fd, const void* bytes, size_t count, int flags) {
+    sends += count > 0 ? 1 : 0;
     if (send_error == 0 || count == 0) {
         return __real_send(fd, bytes, count, flags);
     }
     ++failed_sends;
     errno = send_error;
+    if (send_error == EAGAIN) {
+        send_error = 0;  // a full socket: the next try goes through
+    }
     return -1;
 }
 
@@ -94,7 +99,7 @@ protected:
 
     void SetUp() override {
         seen = &observed;
-        socket_error = send_error = failed_sends = 0;
+        socket_error = send_error = failed_sends = sends = 0;
         observed.base = base = CallbackEvent.new_event_base();
         dispatcher = CallbackEvent.create(base, DISPATCHER_EVENT_COUNT);
         for (uint32_t id = NET_EVENT_CONNECT_RESULT; id <= NET_EVENT_CLOSED; ++id) {
@@ -252,6 +257,25 @@ TEST_F(NetworkTest, QueuedBytesArriveWholeAndInOrder) {
     EXPECT_EQ(Network.send(connection, "tail", 4), NETWORK_OK);
     run();
     EXPECT_EQ(observed.received.substr(observed.expected - 4), "tail");
+}
+
+void send_into_full_socket(networkConnection* connection) {
+    send_error = EAGAIN;
+    EXPECT_EQ(Network.send(connection, "first ", 6), NETWORK_OK);
+    EXPECT_EQ(Network.send(connection, "second", 6), NETWORK_OK);
+}
+
+// A send refused for want of room keeps the bytes, in order, for the next
+// writable event; what one callback queues leaves in one send().
+TEST_F(NetworkTest, RefusedSendKeepsTheBytesForTheNextWritableEvent) {
+    observed.expected = 12;
+    observed.on_connected = send_into_full_socket;
+    start(true, 3, 0, Network.create_protocol_state(nullptr, nullptr, nullptr, nullptr));
+    run();
+    EXPECT_EQ(observed.received, "first second");
+    EXPECT_EQ(failed_sends, 1);
+    EXPECT_EQ(sends, 2) << "the refused send, then both blocks at once";
+    EXPECT_EQ(connection->state, NETWORK_CONNECTED);
 }
 
 void send_into_dead_socket(networkConnection* connection) {
