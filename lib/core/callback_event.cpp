@@ -79,6 +79,26 @@ EventDispatcher* dispatcher_create(struct event_base* base, uint32_t event_count
 // end a few milliseconds before its time. With poll it costs no system call.
 constexpr int kBaseFlags = EVENT_BASE_FLAG_IGNORE_ENV | EVENT_BASE_FLAG_PRECISE_TIMER;
 
+// libevent's own messages (a failed allocation, a broken back-end) go to
+// the Logger like the library's: by default libevent writes them to
+// standard error, which is the tool's and scripts read.
+void log_libevent_message(int severity, const char* message) {
+    switch (severity) {
+        case EVENT_LOG_DEBUG:
+            Logger.debug("libevent: %s", message);
+            break;
+        case EVENT_LOG_MSG:
+            Logger.info("libevent: %s", message);
+            break;
+        case EVENT_LOG_WARN:
+            Logger.warn("libevent: %s", message);
+            break;
+        default:
+            Logger.error("libevent: %s", message);
+            break;
+    }
+}
+
 // Event base with 10 priority levels, so clean-ups can run after deliveries.
 // A base without them is refused: setting a priority on it would abort.
 // libevent's EVENT_* variables are not read: each costs four set-uid checks
@@ -86,6 +106,7 @@ constexpr int kBaseFlags = EVENT_BASE_FLAG_IGNORE_ENV | EVENT_BASE_FLAG_PRECISE_
 // poll, not epoll: a base watches one or two sockets, and epoll's own
 // descriptor and one epoll_ctl per change cost more than they save.
 struct event_base* new_event_base() {
+    event_set_log_callback(log_libevent_message);
     struct event_config* config = event_config_new();
     if (config == nullptr || event_config_set_flag(config, kBaseFlags) != 0 ||
         event_config_avoid_method(config, "epoll") != 0) {
