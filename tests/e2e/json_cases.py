@@ -25,6 +25,7 @@ sys.path.insert(0, HERE)
 from cases import (ACKED, ADD, BUSY, DISABLING, KEY, LISTING, NO_AGENT, NO_ANSWER,  # noqa: E402
                    PROGRESS, PROXY, REQUESTED, USAGE, Case, ack, after, listing, tenant)
 from fake_agent import FakeAgent, event, evict, raw, reply, wait  # noqa: E402
+from run_case import tool_env  # noqa: E402
 
 ANY = object()  # matches any value of a field
 NUMBER = object()  # matches any JSON number
@@ -82,8 +83,7 @@ class PlainServer:
 
 
 def check(case, binary):
-    env = dict(os.environ, LSAN_OPTIONS="print_suppressions=0:suppressions="
-               + os.path.join(HERE, "..", "lsan.supp"))
+    env = tool_env()
     server = PlainServer() if case.plain_server else (
         None if case.agent is None else FakeAgent(case.agent))
     with server or contextlib.nullcontext():

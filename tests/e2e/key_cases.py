@@ -9,7 +9,7 @@ import tempfile
 
 from cases import ADDED, BAD_KEY, KEY, SUBSCRIBE, USAGE, add_data, added, event, tenant
 from fake_agent import FakeAgent
-from run_case import check_sent
+from run_case import check_sent, tool_env
 
 WEB1 = ["--a", "web1", "-p", "127.0.0.1:443"]  # "--a" still abbreviates --add
 OK = dict(stdout=ADDED, agent=added(event(tenant("web1", onion_address="w.onion"))),
@@ -53,8 +53,7 @@ def run(name, binary):
             with open(path, "w") as key_file:
                 key_file.write(text)
             os.chmod(path, mode)
-        env = {k: v for k, v in os.environ.items() if not k.startswith("SYLVANE_")}
-        env.update(env_extra)
+        env = tool_env(**env_extra)
         agent = FakeAgent(expected.get("agent", {}))
         with agent:
             result = subprocess.run(["sylvane-service"] + WEB1 + [a.format(file=path) for a in args],

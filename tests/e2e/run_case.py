@@ -46,6 +46,17 @@ def check_sent(received, expected):
     return faults
 
 
+def tool_env(**extra):
+    """The environment every case runs the tool in: the shared leak list for
+    sanitizer builds, and none of the user's SYLVANE_* variables, which would
+    change what an add sends or checks."""
+    env = {k: v for k, v in os.environ.items() if not k.startswith("SYLVANE_")}
+    env["LSAN_OPTIONS"] = ("print_suppressions=0:suppressions="
+                           + os.path.join(HERE, "..", "lsan.supp"))
+    env.update(extra)
+    return env
+
+
 def run_tool(binary, args, env=None, poll=False, limit=40, prefix=()):
     """(status, stdout, stderr, settled, peak KiB, exited): seconds to the last
     output (a sanitizer's leak check at exit can take seconds on a busy machine)
@@ -79,8 +90,7 @@ def run_tool(binary, args, env=None, poll=False, limit=40, prefix=()):
 
 
 def check(case, binary, showing=False, prefix=()):
-    env = dict(os.environ, LSAN_OPTIONS="print_suppressions=0:suppressions="
-               + os.path.join(HERE, "..", "lsan.supp"))
+    env = tool_env()
     polled = case.peak_mib is not None and not fake_agent.SANITIZED
     agent = None if case.agent is None else fake_agent.FakeAgent(case.agent)
     with agent or contextlib.nullcontext():

@@ -19,7 +19,7 @@ import tempfile
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.realpath(__file__)), "..", "e2e"))
 import cases  # noqa: E402
 from fake_agent import FakeAgent  # noqa: E402
-from run_case import run_tool  # noqa: E402
+from run_case import run_tool, tool_env  # noqa: E402
 
 # End-to-end cases whose command and agent make a normal run; their agents'
 # scripts answer distinct commands, so one agent serves them all at once.
@@ -48,7 +48,7 @@ def main(argv):
     if len(argv) != (5 if every > 1 else 3):
         sys.stderr.write("usage: sweep.py [--every K] SHIM BINARY\n")
         return 2
-    env, binary = dict(os.environ, LD_PRELOAD=os.path.realpath(argv[-2])), argv[-1]
+    env, binary = tool_env(LD_PRELOAD=os.path.realpath(argv[-2])), argv[-1]
     chosen = [next(c for c in cases.CASES if c.name == name) for name in COMMANDS]
     script = {command: actions for case in chosen for command, actions in case.agent.items()}
     jobs = concurrent.futures.ThreadPoolExecutor(int(os.environ.get("SYLV_FAULT_JOBS", 12)))
