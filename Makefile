@@ -32,9 +32,12 @@ check: test test-asan
 # Every allocation of a normal run of each main command fails in turn, one
 # run per point, against the fake agent in a private network namespace; the
 # table says how each run ended and the target fails if one died or hung.
+# It runs the tool's twin with libc loaded dynamically, which the shim can
+# interpose.
 faults: build
 	unshare -rn sh -c 'ip link set lo up && exec "$$0" "$$@"' python3 tests/faults/sweep.py \
-		$(BUILD)/tests/faults/libfailmalloc.so $(BUILD)/cli/sylvane-service
+		$(BUILD)/tests/faults/libfailmalloc.so \
+		$(BUILD)/tests/sylvane-service-dynamic
 
 # A short tour of the tool against the Transfer Agent simulator; builds
 # only the tool.

@@ -156,6 +156,26 @@ size_t allowed_uids(uid_t* allowed) {
     return count;
 }
 
+// The account name of `uid` from /etc/passwd, into `name`; empty when the
+// file has no such entry. Read directly rather than through getpwuid: the
+// tool is linked statically, and static glibc can only reach NSS by loading
+// modules of its own exact version at run time. A user known only to a
+// directory service is named by uid alone.
+void account_name(uid_t uid, char* name, size_t size) {
+    name[0] = '\0';
+    FILE* file = fopen("/etc/passwd", "re");
+    if (file == nullptr) {
+        return;
+    }
+    while (const passwd* entry = fgetpwent(file)) {
+        if (entry->pw_uid == uid) {
+            snprintf(name, size, "%s", entry->pw_name);
+            break;
+        }
+    }
+    fclose(file);
+}
+
 void guard(uint16_t port) {
     uid_t allowed[ALLOWED_LIMIT];
     size_t allowed_count = allowed_uids(allowed);
@@ -181,16 +201,16 @@ void guard(uint16_t port) {
         int found = find_foreign_listener(text, table.ipv6, port, allowed, allowed_count, &owner);
         free(text);
         if (found == AGENT_LISTENER_FOREIGN) {
-            const passwd* account = getpwuid(owner);
+            char name[64];
+            account_name(owner, name, sizeof name);
             failf(
                 Failure::untrusted_listener,
                 JsonWriter().number("listener_uid", static_cast<int64_t>(owner)),
                 "Not sending the API key: the socket listening on %s:%u belongs to uid %ju%s%s%s, "
                 "not to root or to you. If that is the Transfer Agent, allow it with "
                 "--agent-uid %ju or %s=%ju.\n",
-                TRANSFER_AGENT_IP, port, static_cast<uintmax_t>(owner),
-                account != nullptr ? " (" : "", account != nullptr ? account->pw_name : "",
-                account != nullptr ? ")" : "", static_cast<uintmax_t>(owner), AGENT_UID_VARIABLE,
+                TRANSFER_AGENT_IP, port, static_cast<uintmax_t>(owner), name[0] != '\0' ? " (" : "",
+                name, name[0] != '\0' ? ")" : "", static_cast<uintmax_t>(owner), AGENT_UID_VARIABLE,
                 static_cast<uintmax_t>(owner));
         }
     }
