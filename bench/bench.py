@@ -5,7 +5,8 @@ Every ratio compares the tool with bench/raw_client doing the same exchange
 against bench/native_agent, an agent that answers at once with a pre-built
 answer, on 127.0.0.1:11038 (run this in a private network namespace, as
 run.sh does). The two commands run in turn, A B A B, so that the machine's
-load falls on both alike; wall times and peak memory come from
+load falls on both alike (a third, the same client fully static, joins them
+as context); wall times and peak memory come from
 bench_command (wait4), the rest from Google Benchmark.
 """
 
@@ -122,18 +123,20 @@ def verdict(value, limit):
 def measure(tool, build):
     """Headline rows, detail rows and the per-service costs of the listings."""
     raw = os.path.join(build, "raw_client")
+    raw_static = os.path.join(build, "raw_client_static")
     headline, detail, per_service = [], [], []
     for label, args, command, services, runs, target, rss_target in CASES:
         with Agent(build, services):
             problem = listed(tool, args, services)
             if problem:
-                headline.append("| %s | not measured: %s | | | | | |" % (label, problem))
+                headline.append("| %s | not measured: %s | | | | | | |" % (label, problem))
                 continue
-            t, r = side_by_side(build, runs, [tool] + args, [raw, command])
+            t, r, s = side_by_side(build, runs, [tool] + args, [raw, command],
+                                   [raw_static, command])
         ratio = t[0] / r[0]
-        headline.append("| %s | **%.2f** | %s | %.2f | %.1f | %s | %.1f |" % (
+        headline.append("| %s | **%.2f** | %s | %.2f | %.1f | %s | %.1f | %.2f |" % (
             label, ratio, verdict(ratio, target), t[4] / r[4], t[2] / MIB,
-            verdict(t[2] / MIB, rss_target) if rss_target else "-", r[2] / MIB))
+            verdict(t[2] / MIB, rss_target) if rss_target else "-", r[2] / MIB, t[0] / s[0]))
         detail.append("| %s | %d | %.2f | %.2f | %.2f | %.2f | %.2f | %.2f | %d | %d | %d |" % (
             label, runs, t[0], t[1], r[0], r[1], t[4], r[4], t[2], r[2], t[3] + r[3]))
         if services >= 1000 and command == "get_tenants":
@@ -150,15 +153,17 @@ def main(argv):
              "- Machine: " + machine(),
              "- Agent: bench/native_agent, answering every request at once with a pre-built "
              "answer; the raw client (bench/raw_client) connects, upgrades, sends the same "
-             "two frames and reads the same answer without decoding it.",
-             "- Method: tool and raw client run in turn (A B A B) against the same agent; "
-             "ratio = tool median / raw median of wall times. The CPU ratio (user + system "
-             "time, medians) is context: the machine's load moves it far less than wall "
-             "times.", "",
+             "two frames and reads the same answer without decoding it. It loads libc "
+             "dynamically, as a client written in C would; the same client fully static "
+             "(bench/raw_client_static), as the tool is by default, gives the last column.",
+             "- Method: tool, raw client and static raw client run in turn (A B C A B C) "
+             "against the same agent; ratio = tool median / raw median of wall times. The "
+             "CPU ratio (user + system time, medians) is context: the machine's load moves "
+             "it far less than wall times.", "",
              "## Headline: the tool against the raw client", "",
              "| Command | ratio of medians | time | CPU ratio | tool peak RSS MiB | memory "
-             "| raw peak RSS MiB |",
-             "|---|---|---|---|---|---|---|"] + headline + [""]
+             "| raw peak RSS MiB | ratio to the static raw client |",
+             "|---|---|---|---|---|---|---|---|"] + headline + [""]
     if per_service:
         lines += ["Cost of listing, the tool's time minus the raw client's, per 1,000 services "
                   "(constant when the cost grows linearly):", "",

@@ -495,6 +495,12 @@ private:
             if (*in == '"') {
                 break;
             }
+            // An escaped quote: in a service list, one every few bytes.
+            if (*in == '\\' && end_ - in >= 2 && in[1] == '"') {
+                *out++ = '"';
+                in += 2;
+                continue;
+            }
             if ((in = special(in, &out)) == nullptr) {
                 return false;
             }

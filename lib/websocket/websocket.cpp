@@ -518,27 +518,34 @@ void run_outcome(networkConnection* connection, const FrameOutcome& outcome,
     }
 }
 
-// Gives the receive queue room for the whole payload and its NUL at once.
-// The payload comes in reads of at most 4096 bytes, and the exact-fit queue
-// would otherwise reallocate and copy everything queued at each of them,
-// which for a list of thousands of services costs seconds.
-void reserve_payload(RingBuffer* queue, uint64_t payload_length) {
+// Gives the connection a receive queue with room for the whole payload and
+// its NUL at once. The payload comes in reads of at most 4096 bytes, and the
+// exact-fit queue would otherwise reallocate and copy everything queued at
+// each of them, which for a list of thousands of services costs seconds. A
+// new queue of that capacity takes the old one's place, with what it held:
+// growing the old one would first copy (and fault in) a payload of filler.
+void reserve_payload(networkConnection* connection, uint64_t payload_length) {
+    RingBuffer* queue = connection->receive_queue;
     const uint64_t room_needed = payload_length + 1;
     if (queue == nullptr || queue->capacity >= room_needed) {
         return;
     }
-    const uint32_t queued = DynamicBuffer.size(queue);
-    Owned kept(static_cast<uint8_t*>(malloc(queued + 1)));
-    // Fresh pages from calloc are not touched until the payload lands.
-    Owned room(static_cast<uint8_t*>(calloc(room_needed, 1)));
-    if (!kept || !room) {
+    RingBuffer* roomy = DynamicBuffer.create(static_cast<uint32_t>(room_needed));
+    if (roomy == nullptr) {
         return;  // the queue then grows read by read
     }
-    DynamicBuffer.peek(queue, kept.get(), queued);
-    DynamicBuffer.clear(queue);
-    DynamicBuffer.append(queue, room.get(), room_needed);
-    DynamicBuffer.clear(queue);
-    DynamicBuffer.append(queue, kept.get(), queued);
+    const uint32_t queued = DynamicBuffer.size(queue);
+    if (queued > 0) {
+        Owned kept(static_cast<uint8_t*>(malloc(queued)));
+        if (!kept) {
+            DynamicBuffer.free(roomy);
+            return;
+        }
+        DynamicBuffer.peek(queue, kept.get(), queued);
+        DynamicBuffer.append(roomy, kept.get(), queued);  // fits: no allocation
+    }
+    DynamicBuffer.free(queue);
+    connection->receive_queue = roomy;
 }
 
 // Header step. Returns 1 when the header is complete and the payload can be
@@ -581,7 +588,7 @@ int read_header(networkConnection* connection, websocketPeerDescriptor* descript
         call_disconnect(connection, on_disconnect);
         return -1;
     }
-    reserve_payload(queue, descriptor->payload_length);
+    reserve_payload(connection, descriptor->payload_length);
     return descriptor->payload_length == 0 ? 1 : 0;
 }
 
