@@ -522,30 +522,21 @@ void run_outcome(networkConnection* connection, const FrameOutcome& outcome,
 // its NUL at once. The payload comes in reads of at most 4096 bytes, and the
 // exact-fit queue would otherwise reallocate and copy everything queued at
 // each of them, which for a list of thousands of services costs seconds. A
-// new queue of that capacity takes the old one's place, with what it held:
-// growing the old one would first copy (and fault in) a payload of filler.
+// new, empty queue of that capacity takes the old one's place: growing the
+// old one would first copy (and fault in) a payload of filler. Headers are
+// read to their exact size, so nothing is queued here; if something were,
+// the old queue stays and grows read by read.
 void reserve_payload(networkConnection* connection, uint64_t payload_length) {
     RingBuffer* queue = connection->receive_queue;
     const uint64_t room_needed = payload_length + 1;
-    if (queue == nullptr || queue->capacity >= room_needed) {
+    if (queue == nullptr || queue->capacity >= room_needed || DynamicBuffer.size(queue) != 0) {
         return;
     }
     RingBuffer* roomy = DynamicBuffer.create(static_cast<uint32_t>(room_needed));
-    if (roomy == nullptr) {
-        return;  // the queue then grows read by read
+    if (roomy != nullptr) {
+        DynamicBuffer.free(queue);
+        connection->receive_queue = roomy;
     }
-    const uint32_t queued = DynamicBuffer.size(queue);
-    if (queued > 0) {
-        Owned kept(static_cast<uint8_t*>(malloc(queued)));
-        if (!kept) {
-            DynamicBuffer.free(roomy);
-            return;
-        }
-        DynamicBuffer.peek(queue, kept.get(), queued);
-        DynamicBuffer.append(roomy, kept.get(), queued);  // fits: no allocation
-    }
-    DynamicBuffer.free(queue);
-    connection->receive_queue = roomy;
 }
 
 // Header step. Returns 1 when the header is complete and the payload can be
