@@ -13,7 +13,6 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
-#include <array>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -21,74 +20,16 @@
 #include <string>
 #include <string_view>
 
+#include "fill.h"
+
+#include "websocket/websocket.h"
+
 namespace {
 
 constexpr uint16_t kPort = 11038;
 constexpr size_t kMaxHandshake = 16384;
 // Client frames are small requests; anything larger is not a client of ours.
 constexpr uint64_t kMaxRequest = 1 << 20;
-
-// SHA-1 of `text` (FIPS 180-4), for the handshake's accept value only.
-std::array<uint8_t, 20> sha1(const std::string& text) {
-    uint32_t h[5] = {0x67452301, 0xEFCDAB89, 0x98BADCFE, 0x10325476, 0xC3D2E1F0};
-    std::string message = text;
-    message += '\x80';
-    while (message.size() % 64 != 56) {
-        message += '\0';
-    }
-    const uint64_t bits = static_cast<uint64_t>(text.size()) * 8;
-    for (int shift = 56; shift >= 0; shift -= 8) {
-        message += static_cast<char>(bits >> shift);
-    }
-    const auto rotl = [](uint32_t x, int n) { return x << n | x >> (32 - n); };
-    for (size_t block = 0; block < message.size(); block += 64) {
-        uint32_t w[80];
-        for (int i = 0; i < 16; ++i) {
-            const auto* p = reinterpret_cast<const uint8_t*>(message.data() + block + 4 * i);
-            w[i] = uint32_t{p[0]} << 24 | uint32_t{p[1]} << 16 | uint32_t{p[2]} << 8 | p[3];
-        }
-        for (int i = 16; i < 80; ++i) {
-            w[i] = rotl(w[i - 3] ^ w[i - 8] ^ w[i - 14] ^ w[i - 16], 1);
-        }
-        uint32_t a = h[0], b = h[1], c = h[2], d = h[3], e = h[4];
-        for (int i = 0; i < 80; ++i) {
-            uint32_t f = 0, k = 0;
-            if (i < 20) {
-                f = (b & c) | (~b & d), k = 0x5A827999;
-            } else if (i < 40) {
-                f = b ^ c ^ d, k = 0x6ED9EBA1;
-            } else if (i < 60) {
-                f = (b & c) | (b & d) | (c & d), k = 0x8F1BBCDC;
-            } else {
-                f = b ^ c ^ d, k = 0xCA62C1D6;
-            }
-            const uint32_t next = rotl(a, 5) + f + e + k + w[i];
-            e = d, d = c, c = rotl(b, 30), b = a, a = next;
-        }
-        h[0] += a, h[1] += b, h[2] += c, h[3] += d, h[4] += e;
-    }
-    std::array<uint8_t, 20> digest{};
-    for (int i = 0; i < 20; ++i) {
-        digest[i] = static_cast<uint8_t>(h[i / 4] >> (24 - 8 * (i % 4)));
-    }
-    return digest;
-}
-
-std::string base64(const uint8_t* bytes, size_t size) {
-    static constexpr char kAlphabet[] =
-        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    std::string out;
-    for (size_t i = 0; i < size; i += 3) {
-        const uint32_t chunk = uint32_t{bytes[i]} << 16 |
-                               (i + 1 < size ? uint32_t{bytes[i + 1]} << 8 : 0) |
-                               (i + 2 < size ? bytes[i + 2] : 0);
-        out += kAlphabet[chunk >> 18 & 63];
-        out += kAlphabet[chunk >> 12 & 63];
-        out += i + 1 < size ? kAlphabet[chunk >> 6 & 63] : '=';
-        out += i + 2 < size ? kAlphabet[chunk & 63] : '=';
-    }
-    return out;
-}
 
 // Service i, as the listing carries it: one JSON object as text.
 std::string service(unsigned i) {
@@ -160,19 +101,6 @@ bool send_all(int fd, iovec* parts, int count) {
     return true;
 }
 
-// Reads until `buffer` holds at least `count` bytes; false on EOF or error.
-bool fill(int fd, std::string& buffer, size_t count) {
-    char chunk[16384];
-    while (buffer.size() < count) {
-        const ssize_t n = recv(fd, chunk, sizeof chunk, 0);
-        if (n <= 0) {
-            return false;
-        }
-        buffer.append(chunk, static_cast<size_t>(n));
-    }
-    return true;
-}
-
 // Reads the upgrade request and answers it in one send.
 bool handshake(int fd, std::string& buffer) {
     size_t end = 0;
@@ -190,11 +118,16 @@ bool handshake(int fd, std::string& buffer) {
     key += strlen("\r\nSec-WebSocket-Key:");
     key += strspn(key, " \t");
     const std::string nonce(key, strcspn(key, " \t\r"));
-    const auto digest = sha1(nonce + "258EAFA5-E914-47DA-95CA-C5AB0DC85B11");
+    uint64_t accept_length = 0;
+    char* accept = WebSocket.compute_websocket_accept(nonce.c_str(), &accept_length);
+    if (accept == nullptr) {
+        return false;
+    }
     const std::string answer =
         "HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
         "Sec-WebSocket-Accept: " +
-        base64(digest.data(), digest.size()) + "\r\n\r\n";
+        std::string(accept, accept_length) + "\r\n\r\n";
+    free(accept);
     return send(fd, answer.data(), answer.size(), MSG_NOSIGNAL) ==
            static_cast<ssize_t>(answer.size());
 }

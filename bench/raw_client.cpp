@@ -15,6 +15,8 @@
 #include <string>
 #include <string_view>
 
+#include "fill.h"
+
 namespace {
 
 constexpr char kRequest[] =
@@ -50,19 +52,6 @@ std::string masked_text(const std::string& text) {
         frame += static_cast<char>(text[i] ^ key[i % 4]);
     }
     return frame;
-}
-
-// Reads until `buffer` holds at least `count` bytes.
-bool fill(int fd, std::string& buffer, size_t count) {
-    char chunk[65536];
-    while (buffer.size() < count) {
-        const ssize_t n = recv(fd, chunk, sizeof chunk, 0);
-        if (n <= 0) {
-            return false;
-        }
-        buffer.append(chunk, static_cast<size_t>(n));
-    }
-    return true;
 }
 
 // Next server frame (unmasked, unfragmented): drops the previous frame from

@@ -158,9 +158,9 @@ size_t allowed_uids(uid_t* allowed) {
 
 // The account name of `uid` from /etc/passwd, into `name`; empty when the
 // file has no such entry. Read directly rather than through getpwuid: the
-// tool is linked statically, and static glibc can only reach NSS by loading
-// modules of its own exact version at run time. A user known only to a
-// directory service is named by uid alone.
+// tool is linked statically by default, and static glibc can only reach NSS
+// by loading modules of its own exact version at run time. A user known only
+// to a directory service is named by uid alone.
 void account_name(uid_t uid, char* name, size_t size) {
     name[0] = '\0';
     FILE* file = fopen("/etc/passwd", "re");
