@@ -39,20 +39,14 @@ LISTED = (0, line(ok=True, services=[{'service': 'web', 'status': 'connected', '
 WEB = dict(name='web', target='127.0.0.1:8080')
 
 
-def run(tmp_path, monkeypatch, module, params, answers, check=False, diff=False, path=False):
+def run(tmp_path, monkeypatch, module, params, answers, check=False, diff=False):
     """Runs a module's main() against the fake tool; returns (result, calls)
     where each call is (arguments, standard input, SYLVANE_API_KEY)."""
     for n, (rc, out) in enumerate(answers):
         (tmp_path / ('answer.%d.rc' % n)).write_text(str(rc))
         (tmp_path / ('answer.%d.out' % n)).write_text(out + '\n')
     monkeypatch.setenv('FAKE_SYLVANE_DIR', str(tmp_path))
-    if path:
-        (tmp_path / 'bin').mkdir()
-        os.symlink(os.path.abspath(FAKE), str(tmp_path / 'bin' / 'sylvane-service'))
-        monkeypatch.setenv('PATH', str(tmp_path / 'bin') + os.pathsep + os.environ['PATH'])
-    else:
-        params = dict(params, executable=os.path.abspath(FAKE))
-    args = dict(params, _ansible_check_mode=check, _ansible_diff=diff)
+    args = dict(params, executable=os.path.abspath(FAKE), _ansible_check_mode=check, _ansible_diff=diff)
     monkeypatch.setattr(basic, '_ANSIBLE_ARGS', json.dumps({'ANSIBLE_MODULE_ARGS': args}).encode())
     mod = importlib.import_module('ansible_collections.sylvane.transfer_agent.plugins.modules.' + module)
     with pytest.raises(SystemExit):
@@ -83,8 +77,6 @@ CASES = [
     ('other services left alone', 'service', WEB,
      [plan(change('not_managed', OLD, None, service='db'), change('unchanged', OLD, OLD), pending=False)],
      False, False, dict(changed=False), [['--diff', '-']]),
-    ('check mode plans only', 'service', dict(WEB, state='enabled'), [plan(change('enable', OLD, NEW))],
-     True, False, dict(changed=True), [['--diff', '-']]),
     ('diff: update then enable', 'service', dict(name='web', target='127.0.0.1:9090', state='enabled'),
      [plan(change('update', {'target': '127.0.0.1:8080'}, {'target': '127.0.0.1:9090'}),
            change('enable', dict(OLD, target='127.0.0.1:9090'), NEW))],
@@ -114,10 +106,6 @@ CASES = [
     ('unreachable', 'info', {}, [(3, line(ok=False, error='unreachable', message='Transfer Agent process did '
                                           'not respond in expected time. Please retry.'))],
      False, False, dict(failed=True, error='unreachable', rc=3), [['-l']]),
-    ('busy', 'proxy', dict(address='10.0.0.1:3128', type='HTTP'),
-     [(3, line(ok=False, error='busy', message='Another program is executing an operation.'))],
-     False, False, dict(failed=True, error='busy', msg='Another program is executing an operation.'),
-     [['--diff', '-']]),
     ('not JSON', 'info', {}, [(0, 'Service list:')], False, False, dict(failed=True, rc=0), [['-l']]),
     ('pending is not success for other commands', 'info', {}, [(4, line(ok=True, services=[]))],
      False, False, dict(failed=True, rc=4), [['-l']]),
@@ -145,10 +133,6 @@ CASES = [
      False, False, dict(failed=True, changed=True, not_tried=[{'object': 'service', 'service': 'web',
                                                                 'action': 'enable'}]),
      [['--diff', '/etc/sylvane/services.yml'], ['--apply', '/etc/sylvane/services.yml']]),
-    ('bad file', 'apply', dict(src='/etc/x.yml'),
-     [(1, line(ok=False, error='bad_argument', message='/etc/x.yml:3:5: unknown key "tagret"'))],
-     False, False, dict(failed=True, error='bad_argument', msg='/etc/x.yml:3:5: unknown key "tagret"'),
-     [['--diff', '/etc/x.yml']]),
     ('info', 'info', {}, [LISTED, (0, line(ok=True, proxy={'type': 'HTTP', 'enabled': False}))],
      False, False, dict(changed=False, proxy={'type': 'HTTP', 'enabled': False},
                         services={'web': json.loads(LISTED[1])['services'][0]}), [['-l'], ['-g']]),
@@ -186,11 +170,6 @@ def test_apply_document_drops_unset_proxy_fields(tmp_path, monkeypatch):
     dummy, calls = run(tmp_path, monkeypatch, 'apply', params, [plan(pending=False)])
     assert json.loads(calls[0][1]) == {'version': 1, 'services': params['services'],
                                        'proxy': {'address': '10.0.0.1:3128', 'type': 'HTTP'}}
-
-
-def test_found_on_path(tmp_path, monkeypatch):
-    result, calls = run(tmp_path, monkeypatch, 'info', {}, [LISTED, LISTED], path=True)
-    assert not result.get('failed') and len(calls) == 2
 
 
 # Argument handling refused before the tool is run.
