@@ -5,7 +5,7 @@ JOBS       ?= $(shell nproc)
 # Time-outs in the end-to-end tests mostly wait, so run more tests than cores.
 TEST_JOBS  ?= $(shell echo $$(( $$(nproc) * 3 )))
 
-.PHONY: all deps build build-asan test test-asan check faults demo package clean format fuzz bench
+.PHONY: all deps build build-asan install test test-asan check faults demo package clean format fuzz bench
 
 all: build
 
@@ -19,6 +19,11 @@ build: deps
 build-asan: deps
 	cmake -S . -B $(ASAN_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Debug -DSYLV_SANITIZE=ON
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
+
+# The tool, its documentation and the Ansible collection (under
+# /usr/share/ansible/collections, where Ansible looks); PREFIX defaults to /usr/local.
+install: build
+	cmake --install $(BUILD) $(if $(PREFIX),--prefix $(PREFIX))
 
 test: build
 	ctest --test-dir $(BUILD) --output-on-failure -j $(TEST_JOBS)

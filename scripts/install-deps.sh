@@ -3,8 +3,9 @@
 # missing. Runs apt-get through sudo when not root.
 set -euo pipefail
 
+# ansible-core and python3-pytest: the Ansible collection's tests.
 packages=(g++ cmake ninja-build pkg-config libevent-dev nlohmann-json3-dev libgtest-dev
-          python3 iproute2 "$@")
+          python3 iproute2 ansible-core python3-pytest "$@")
 
 missing=()
 for p in "${packages[@]}"; do

@@ -18,11 +18,17 @@ fail() { echo "FAIL: $*"; status=1; }
 
 contents=$(dpkg-deb -c "$deb")
 doc=./usr/share/doc/sylvane-service
+# Where Ansible finds collections without ANSIBLE_COLLECTIONS_PATH.
+collections=/usr/share/ansible/collections
+collection=.$collections/ansible_collections/sylvane/transfer_agent
 for path in ./usr/bin/sylvane-service ./usr/share/man/man1/sylvane-service.1.gz \
     ./usr/share/bash-completion/completions/sylvane-service \
     ./usr/share/zsh/vendor-completions/_sylvane-service \
     ./usr/share/fish/vendor_completions.d/sylvane-service.fish \
-    $doc/copyright $doc/changelog.Debian.gz $doc/json.md.gz; do
+    $doc/copyright $doc/changelog.Debian.gz $doc/json.md.gz \
+    $collection/galaxy.yml $collection/meta/runtime.yml \
+    $collection/plugins/module_utils/sylvane_service.py \
+    $collection/plugins/modules/{service,proxy,apply,info}.py; do
     grep -q " $path\$" <<<"$contents" || fail "$path missing from the package"
 done
 
@@ -30,6 +36,8 @@ field() { dpkg-deb -f "$deb" "$1"; }
 [[ $(field Package) == sylvane-service ]] || fail "wrong package name"
 [[ $(field Maintainer) == *\<*@*\> ]] || fail "maintainer without an address: $(field Maintainer)"
 [[ $(field Recommends) == *bash-completion* ]] || fail "bash-completion not recommended"
+[[ $(field Suggests) == *ansible* ]] || fail "ansible not suggested"
+[[ $(field Depends) != *ansible* ]] || fail "the package depends on Ansible: $(field Depends)"
 dpkg-deb -x "$deb" "$work/root"
 # A library the binary loads must be a dependency, and one it has linked in
 # (the default static runtime) must not be.
@@ -50,6 +58,16 @@ zcat "$work/root/usr/share/man/man1/sylvane-service.1.gz" | cmp -s - "$source/do
     fail "packaged man page differs from docs/sylvane-service.1"
 usage=$("$work/root/usr/bin/sylvane-service" -h) || fail "packaged binary: -h exited non-zero"
 [[ $usage == Usage:* ]] || fail "packaged binary does not print its usage"
+
+# ansible-doc finds the modules in the unpacked tree at the default place.
+if command -v ansible-doc >/dev/null; then
+    for module in service proxy apply info; do
+        ANSIBLE_COLLECTIONS_PATH=$work/root$collections ansible-doc -t module \
+            sylvane.transfer_agent.$module >/dev/null 2>"$work/doc.err" ||
+            fail "ansible-doc sylvane.transfer_agent.$module: $(cat "$work/doc.err")"
+    done
+fi
+grep -q '__pycache__\|/tests/' <<<"$contents" && fail "the package holds the collection's tests or caches"
 
 if command -v lintian >/dev/null; then
     verdict=$(lintian "$deb" 2>&1 | grep -E '^[EW]: ')
