@@ -1,8 +1,9 @@
 // Frame reader fed an arbitrary byte stream cut into arbitrary chunks: each
 // call of the stand-in `read` hands over (part of) the next chunk, as one
 // recv() would. The frame reader must never read outside what it was given,
-// deliver more than it received, ask for more than receive_data allows, or
-// leak, whatever the peer sends.
+// deliver more than it received, ask for more than receive_data allows
+// (receive_payload: more than a frame may hold), or leak, whatever the peer
+// sends.
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <cstdint>
@@ -26,11 +27,27 @@ struct Feed {
 
 Feed* feed = nullptr;
 
+int64_t feed_bytes(networkConnection* connection, int64_t max_size);
+
 // Same contract as Network.receive_data on a socket holding the chunks.
 int64_t fake_read(networkConnection* connection, int64_t max_size) {
     if (max_size > NETWORK_RECEIVE_MAX) {
         __builtin_trap();  // the real one ends the process here
     }
+    return feed_bytes(connection, max_size);
+}
+
+// Network.receive_payload's: any size, but never past a frame's bound (the
+// wrapped count of a short payload goes through fake_read).
+int64_t fake_payload_read(networkConnection* connection, int64_t max_size) {
+    if (static_cast<uint64_t>(max_size) > WS_MAX_MESSAGE_SIZE) {
+        __builtin_trap();
+    }
+    return feed_bytes(connection, max_size);
+}
+
+// One recv() of at most max_size bytes from the chunks.
+int64_t feed_bytes(networkConnection* connection, int64_t max_size) {
     if (max_size < 0) {
         return -2;
     }
@@ -79,6 +96,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Feed state;
     feed = &state;
     const bool require_mask = input.ConsumeBool();
+    const bool bulk = input.ConsumeBool();  // the tool's read_frame_bulk, or read_frame
     while (input.remaining_bytes() > 0) {
         const size_t length = input.ConsumeIntegralInRange<size_t>(1, 300);
         std::vector<uint8_t> chunk = input.ConsumeBytes<uint8_t>(length);
@@ -94,8 +112,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // Each call is one readable event; every call takes at least one byte
     // while the peer has some, so this bound is never the one that stops.
     for (size_t calls = 0; calls <= size + 2; ++calls) {
-        const int result = WebSocket.read_frame(&connection, descriptor, require_mask, fake_read,
-                                                on_disconnect, on_message);
+        const int result =
+            bulk ? WebSocket.read_frame_bulk(&connection, descriptor, require_mask, fake_read,
+                                             fake_payload_read, on_disconnect, on_message)
+                 : WebSocket.read_frame(&connection, descriptor, require_mask, fake_read,
+                                        on_disconnect, on_message);
         if (result < 0 || state.closed || state.disconnected) {
             break;
         }

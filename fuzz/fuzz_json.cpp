@@ -1,11 +1,13 @@
 // The JSON value interface on arbitrary text: parsing, every getter on the
-// parsed value, list reading as the front end does it, and serialising into
-// buffers that are too small and large enough.
+// parsed value, list reading as the front end does it, walk_tenants against
+// the getters, and serialising into buffers that are too small and large
+// enough.
 #include <cstdint>
 #include <cstring>
 #include <string>
 
 #include "sylvshared/json.h"
+#include "sylvshared/tenants.h"
 
 namespace {
 
@@ -97,6 +99,70 @@ void check_value(const JsonValue* value, const char* extra_key, int depth) {
     }
 }
 
+// The walk's reading of one element against the getters on its own document.
+void check_element(const JsonListItem* item, sylvshared::TenantElement element,
+                   const sylvshared::TenantFields* fields) {
+    using sylvshared::TenantElement;
+    if (item->type != JSON_LIST_ITEM_STRING) {
+        if (element != TenantElement::not_string || fields != nullptr)
+            __builtin_trap();
+        return;
+    }
+    JsonValue* value = json_parse(item->text);
+    if ((value != nullptr) != (element == TenantElement::service) ||
+        (fields != nullptr) != (value != nullptr)) {
+        __builtin_trap();
+    }
+    if (value == nullptr) {
+        return;
+    }
+    const sylvshared::TenantText* texts[] = {
+        &fields->name,          &fields->uuid,         &fields->status, &fields->ip_address,
+        &fields->onion_address, &fields->synchronized, &fields->reason};
+    const char* keys[] = {"tenant_name",   "uuid",         "status", "ip_address",
+                          "onion_address", "synchronized", "reason"};
+    for (int i = 0; i < 7; ++i) {
+        for (const size_t size : kTextSizes) {
+            char walked[256] = {};
+            char got[256] = {};
+            if (sylvshared::copy_field(*texts[i], walked, size) !=
+                    json_get_string_value(value, keys[i], got, size) ||
+                strcmp(walked, got) != 0) {
+                __builtin_trap();
+            }
+        }
+    }
+    if (fields->port.value != json_get_int_value(value, "port") ||
+        fields->port.present != (json_is_key_present(value, "port") == 1) ||
+        fields->virtual_port.value != json_get_int_value(value, "virtual_port") ||
+        fields->virtual_port.present != (json_is_key_present(value, "virtual_port") == 1) ||
+        fields->ack != json_get_bool_value(value, "ack")) {
+        __builtin_trap();
+    }
+    json_free_value(value);
+}
+
+// walk_tenants over data's "tenants" visits what json_get_list_value lists.
+void check_walk(const JsonValue* data) {
+    int count = -1;
+    JsonListItem** items = json_get_list_value(data, "tenants", &count);
+    int visits = 0;
+    const int result = sylvshared::walk_tenants(
+        data,
+        [&](int index, sylvshared::TenantElement element, const sylvshared::TenantFields* fields) {
+            if (items == nullptr || index != visits++ || index >= count) {
+                __builtin_trap();
+            }
+            check_element(items[index], element, fields);
+            return true;
+        });
+    if ((result == sylvshared::TENANTS_WALKED) != (items != nullptr) ||
+        (items != nullptr && visits != count)) {
+        __builtin_trap();
+    }
+    json_free_list_value(items, count);
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -107,7 +173,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     JsonValue* value = json_parse(text.c_str());
     if (value != nullptr) {
         check_value(value, key.c_str(), 0);
+        check_walk(value);
     }
     json_free_value(value);
+    // The text as one element of a built list, as a service of a listing.
+    JsonValue* answer = json_create_json_object();
+    JsonValue* list = json_create_json_list();
+    json_add_string_to_list(list, text.c_str());
+    json_add_child_to_object(answer, "tenants", list);
+    check_walk(answer);
+    json_free_value(list);
+    json_free_value(answer);
     return 0;
 }

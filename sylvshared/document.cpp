@@ -437,7 +437,9 @@ private:
         if (!add_chunk(arena_, room, room)) {
             return false;
         }
-        memcpy(arena_.cursor, *place, kept);
+        if (kept > 0) {  // an arena without chunks has no place yet
+            memcpy(arena_.cursor, *place, kept);
+        }
         *place = arena_.cursor;
         *out = *place + kept;
         *limit = arena_.end;
@@ -643,6 +645,36 @@ char* copy_text(Document* document, const char* text, size_t size) {
     return place;
 }
 
+bool parse_into(Arena& arena, const char* text, size_t length, Node& root) {
+    bool parsed = false;
+    bool out_of_memory = true;
+    ParseStacks* stacks = empty_parse_stacks();
+    if (stacks != nullptr) {
+        try {
+            Parser parser(text, length, arena, *stacks);
+            parsed = parser.document(root);
+            out_of_memory = arena.out_of_memory;
+        } catch (...) {  // the parse stacks ran out of memory
+            parsed = false;
+        }
+    }
+    if (!parsed) {
+        errno = out_of_memory ? ENOMEM : EINVAL;
+    }
+    return parsed;
+}
+
+void reset_arena(Arena& arena, bool keep) {
+    Chunk* only = arena.chunks;
+    if (!keep || only == nullptr || only->next != nullptr) {
+        free_chunks(arena);
+        return;
+    }
+    // The one chunk starts right after its header (see add_chunk).
+    arena.cursor = reinterpret_cast<char*>(only) + round_up(sizeof(Chunk));
+    arena.out_of_memory = false;
+}
+
 Document* parse_document(const char* text, size_t length) {
     // Strings decode to no more than their text, so one chunk of twice the
     // text holds most documents whole; untouched pages of it cost nothing.
@@ -651,21 +683,10 @@ Document* parse_document(const char* text, size_t length) {
         errno = ENOMEM;
         return nullptr;
     }
-    bool parsed = false;
-    bool out_of_memory = true;
-    ParseStacks* stacks = empty_parse_stacks();
-    if (stacks != nullptr) {
-        try {
-            Parser parser(text, length, document->arena, *stacks);
-            parsed = parser.document(document->root);
-            out_of_memory = document->arena.out_of_memory;
-        } catch (...) {  // the parse stacks ran out of memory
-            parsed = false;
-        }
-    }
-    if (!parsed) {
+    if (!parse_into(document->arena, text, length, document->root)) {
+        const int error = errno;
         release(document);
-        errno = out_of_memory ? ENOMEM : EINVAL;
+        errno = error;
         return nullptr;
     }
     return document;
@@ -680,6 +701,17 @@ void release(Document* document) {
         free_chunks(document->arena);
         delete document;
     }
+}
+
+size_t utf8_cut(std::string_view text, size_t limit) {
+    if (text.size() <= limit) {
+        return text.size();
+    }
+    size_t cut = limit;
+    while (cut > 0 && (static_cast<unsigned char>(text[cut]) & 0xC0) == 0x80) {
+        --cut;
+    }
+    return cut;
 }
 
 const Node* find_member(const Node* object, const char* key) {

@@ -5,6 +5,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
+
+#include "sylvshared/json.h"
 
 namespace sylvshared {
 
@@ -64,11 +67,25 @@ Document* parse_document(const char* text, size_t length);
 Document* new_document(size_t first_chunk);
 // NUL-terminated copy of `size` bytes in the document's arena, or null.
 char* copy_text(Document* document, const char* text, size_t size);
+// Parses `length` bytes of text into `arena` (kept between texts by a
+// caller that reads many small ones) with the bounds and U+FFFD rule of
+// parse_document; `root` points into the arena. False when the text is not
+// JSON or passes a bound (errno EINVAL) or memory runs out (ENOMEM).
+bool parse_into(Arena& arena, const char* text, size_t length, Node& root);
+// Empties an arena for the next text, keeping its first chunk when it is
+// the only one; reset_arena(arena, false) frees it all.
+void reset_arena(Arena& arena, bool keep);
 void retain(Document* document);
 // Drops one reference; the last one frees the arena. Null is ignored.
 void release(Document* document);
 // The member `key` of an object node, or null (last of repeated keys wins at
 // parse time, so there is one).
 const Node* find_member(const Node* object, const char* key);
+
+// Length of text cut to at most limit bytes without splitting a UTF-8
+// sequence, so the cut text stays valid.
+size_t utf8_cut(std::string_view text, size_t limit);
+// The node a handle views, or null for a built value (json.cpp).
+const Node* parsed_node(const JsonValue* value);
 
 }  // namespace sylvshared

@@ -30,6 +30,10 @@ struct JsonValue {
     Json json;
 };
 
+const Node* sylvshared::parsed_node(const JsonValue* value) {
+    return value != nullptr && value->document != nullptr ? value->node : nullptr;
+}
+
 namespace {
 
 // Runs body, turning any exception into fallback.
@@ -157,19 +161,6 @@ int append(JsonValue* list, Json item) {
     }
     list->json.push_back(std::move(item));
     return 0;
-}
-
-// Length of text cut to at most limit bytes without splitting a UTF-8
-// sequence, so the cut text stays valid JSON string content.
-size_t utf8_cut(std::string_view text, size_t limit) {
-    if (text.size() <= limit) {
-        return text.size();
-    }
-    size_t cut = limit;
-    while (cut > 0 && (static_cast<unsigned char>(text[cut]) & 0xC0) == 0x80) {
-        --cut;
-    }
-    return cut;
 }
 
 JsonValue* new_built(Json json) {
@@ -377,7 +368,7 @@ int json_get_string_value(const JsonValue* value, const char* key, char* buffer,
         if (!string_of(member(value, key), &text)) {
             return -1;
         }
-        size_t length = utf8_cut(text, std::min<size_t>(size - 1, INT_MAX));
+        size_t length = sylvshared::utf8_cut(text, std::min<size_t>(size - 1, INT_MAX));
         memcpy(buffer, text.data(), length);
         buffer[length] = '\0';
         return static_cast<int>(length);

@@ -186,6 +186,43 @@ void buffer_free(RingBuffer* buffer) {
     free(buffer);
 }
 
+// Free bytes in one run from write_index: up to the end of the storage while
+// the unread bytes do not wrap, else up to read_index.
+uint64_t room_in_one_run(const RingBuffer* buffer) {
+    if (buffer->length == buffer->capacity) {
+        return 0;
+    }
+    if (buffer->length == 0 || buffer->write_index > buffer->read_index) {
+        return buffer->capacity - buffer->write_index;
+    }
+    return buffer->read_index - buffer->write_index;
+}
+
+// `produce` writes into the storage itself; the lock is held meanwhile.
+int64_t buffer_append_in_place(RingBuffer* buffer, uint64_t count, BufferProducer produce,
+                               void* context) {
+    if (buffer == nullptr || produce == nullptr) {
+        return DYNAMIC_BUFFER_ERR_FAILED;
+    }
+    lock_or_exit(buffer);
+    if (buffer->length == 0) {  // the whole storage is one run again
+        buffer->read_index = 0;
+        buffer->write_index = 0;
+    }
+    int64_t written = DYNAMIC_BUFFER_ERR_FAILED;
+    if (room_in_one_run(buffer) >= count) {
+        written = produce(context, buffer->data + buffer->write_index, count);
+    }
+    if (written > 0) {
+        const uint64_t added = std::min<uint64_t>(static_cast<uint64_t>(written), count);
+        buffer->length += static_cast<uint32_t>(added);
+        buffer->write_index =
+            static_cast<uint32_t>((buffer->write_index + added) % buffer->capacity);
+    }
+    Mutex.unlock(buffer->lock);
+    return written;
+}
+
 }  // namespace
 
 const DynamicBufferModule DynamicBuffer = {
@@ -198,4 +235,5 @@ const DynamicBufferModule DynamicBuffer = {
     .size = buffer_size,
     .clear = buffer_clear,
     .free = buffer_free,
+    .append_in_place = buffer_append_in_place,
 };

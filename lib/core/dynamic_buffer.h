@@ -28,6 +28,9 @@ struct RingBuffer {
     Lock* lock;       // owned
 };
 
+// Writes up to `room` bytes at `into`; returns how many, or a negative value.
+using BufferProducer = int64_t (*)(void* context, uint8_t* into, uint64_t room);
+
 struct DynamicBufferModule {
     // New buffer of `initial_capacity` bytes (0 means 2048), or null when
     // its storage or its lock cannot be made.
@@ -55,6 +58,14 @@ struct DynamicBufferModule {
     void (*clear)(RingBuffer* buffer);
     // Releases storage, lock and record; null is ignored.
     void (*free)(RingBuffer* buffer);
+    // Lets `produce` write up to `count` bytes straight after the unread
+    // ones, with no copy, and queues what it wrote. Only when the storage has
+    // `count` free bytes in one run there (it never grows here). Returns
+    // produce's result: the count written, or a negative value (nothing
+    // queued); DYNAMIC_BUFFER_ERR_FAILED without calling it for a null
+    // buffer or producer, or too little room in one run.
+    int64_t (*append_in_place)(RingBuffer* buffer, uint64_t count, BufferProducer produce,
+                               void* context);
 };
 
 extern const DynamicBufferModule DynamicBuffer;

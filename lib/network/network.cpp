@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -305,6 +306,47 @@ int64_t receive_data(networkConnection* connection, int64_t max_size) {
     return received;
 }
 
+// recv() of up to `room` bytes straight into the receive queue's storage.
+// The result (0 or less: closed or failed) stays for the caller's log.
+struct Reception {
+    int socket;
+    bool tried;
+    ssize_t received;
+};
+
+int64_t receive_into(void* context, uint8_t* into, uint64_t room) {
+    auto* reception = static_cast<Reception*>(context);
+    reception->tried = true;
+    reception->received = recv(reception->socket, into, room, 0);
+    return reception->received;
+}
+
+// A payload's bytes, as many as the socket holds up to max_size, in one
+// recv() straight into the receive queue: no stack buffer, no copy, and a
+// payload of megabytes takes a handful of loop rounds instead of one per
+// 4096 bytes. When the queue has no run of max_size free bytes, one
+// receive_data of at most NETWORK_RECEIVE_MAX instead.
+int64_t receive_payload(networkConnection* connection, int64_t max_size) {
+    if (connection == nullptr || connection->protocol_state == nullptr ||
+        connection->receive_queue == nullptr || max_size < 0) {
+        return NETWORK_ERR_INCOMPLETE;
+    }
+    Reception reception{connection->socket, false, 0};
+    const int64_t received = DynamicBuffer.append_in_place(
+        connection->receive_queue, static_cast<uint64_t>(max_size), receive_into, &reception);
+    if (received > 0) {
+        return received;
+    }
+    if (!reception.tried) {
+        return receive_data(connection, std::min(max_size, NETWORK_RECEIVE_MAX));
+    }
+    // Closed outside append_in_place: the state's unset callback may use the queue.
+    Logger.trace("recv() failed on %s:%d. recv() returned %d", get_ip(connection),
+                 static_cast<int>(get_port(connection)), static_cast<int>(reception.received));
+    close_and_reconnect(connection);
+    return NETWORK_ERR_FAILED;
+}
+
 // The attempt succeeded: swap the connect event for the (idle) writer, start
 // reading, announce it, then let the protocol state begin. Without its
 // events the connection is useless: the retry policy takes over.
@@ -468,4 +510,5 @@ const NetworkModule Network = {
     .unused_2 = empty_slot,
     .unused_3 = empty_slot,
     .clean_retry_event = clean_retry_event,
+    .receive_payload = receive_payload,
 };

@@ -167,6 +167,12 @@ struct NetworkModule {
     EmptySlot unused_3;
     // Removes and frees a pending retry timer.
     void (*clean_retry_event)(networkConnection* connection);
+    // receive_data for a large payload: one recv() of up to max_size bytes,
+    // with no upper bound, straight into the receive queue when it has a run
+    // of max_size free bytes (the frame reader makes one for each large
+    // payload), else receive_data of at most NETWORK_RECEIVE_MAX. Same
+    // results as receive_data; never ends the process.
+    int64_t (*receive_payload)(networkConnection* connection, int64_t max_size);
 };
 
 extern const NetworkModule Network;

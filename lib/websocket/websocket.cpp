@@ -583,10 +583,13 @@ int read_header(networkConnection* connection, websocketPeerDescriptor* descript
     return descriptor->payload_length == 0 ? 1 : 0;
 }
 
-// Reads and handles at most one frame: 0 handled or waiting, -1 drop.
-int read_frame(networkConnection* connection, websocketPeerDescriptor* descriptor,
-               bool require_mask, WebSocketReadFunction read, DisconnectCallback on_disconnect,
-               MessageCallback on_message) {
+// Reads and handles at most one frame: 0 handled or waiting, -1 drop. What
+// is left of a payload beyond WS_MAX_PAYLOAD_READ goes through read_payload
+// in one request when there is one, else through read in pieces.
+int read_frame_bulk(networkConnection* connection, websocketPeerDescriptor* descriptor,
+                    bool require_mask, WebSocketReadFunction read,
+                    WebSocketReadFunction read_payload, DisconnectCallback on_disconnect,
+                    MessageCallback on_message) {
     if (connection == nullptr) {
         return 0;
     }
@@ -604,10 +607,16 @@ int read_frame(networkConnection* connection, websocketPeerDescriptor* descripto
     // Unsigned on purpose: bytes of a following frame already queued make
     // this wrap, and the read then takes what is there into this payload.
     uint64_t count = descriptor->payload_length - DynamicBuffer.size(queue);
+    WebSocketReadFunction reader = read;
     if (count > WS_MAX_PAYLOAD_READ) {
-        count = WS_MAX_PAYLOAD_READ;
+        const bool missing = count <= descriptor->payload_length;  // not the wrapped count
+        if (missing && read_payload != nullptr) {
+            reader = read_payload;
+        } else {
+            count = WS_MAX_PAYLOAD_READ;
+        }
     }
-    if (count != 0 && read(connection, static_cast<int64_t>(count)) < 1) {
+    if (count != 0 && reader(connection, static_cast<int64_t>(count)) < 1) {
         Logger.trace("Client disconnected");
         call_disconnect(connection, on_disconnect);
         return 0;
@@ -629,6 +638,13 @@ int read_frame(networkConnection* connection, websocketPeerDescriptor* descripto
     // From here the descriptor may be freed by the callbacks.
     run_outcome(connection, outcome, on_disconnect, on_message);
     return outcome.result;
+}
+
+int read_frame(networkConnection* connection, websocketPeerDescriptor* descriptor,
+               bool require_mask, WebSocketReadFunction read, DisconnectCallback on_disconnect,
+               MessageCallback on_message) {
+    return read_frame_bulk(connection, descriptor, require_mask, read, nullptr, on_disconnect,
+                           on_message);
 }
 
 }  // namespace
@@ -709,4 +725,5 @@ const WebSocketModule WebSocket = {
     .create_peer_descriptor = create_peer_descriptor,
     .destroy_peer_descriptor = destroy_peer_descriptor,
     .send_data = send_data,
+    .read_frame_bulk = read_frame_bulk,
 };

@@ -76,7 +76,8 @@ struct websocketPeerDescriptor {
     char expected_accept[WS_EXPECTED_ACCEPT_SIZE + 1];  // set by the handshake
 };
 
-// Network.receive_data or a stand-in that appends to the receive queue.
+// Network.receive_data (or receive_payload) or a stand-in that appends to
+// the receive queue.
 using WebSocketReadFunction = int64_t (*)(networkConnection* connection, int64_t max_size);
 
 struct WebSocketModule {
@@ -108,6 +109,14 @@ struct WebSocketModule {
     // WS_OK sent (or nothing to send); WS_ERR_REFUSED missing argument;
     // WS_ERR_SERIALIZE (over 15000 bytes); WS_ERR_DATA_TYPE; WS_ERR_MEMORY.
     int (*send_data)(networkConnection* connection, JsonValue* value, int data_type, bool masked);
+    // read_frame, except that what is left of a payload beyond
+    // WS_MAX_PAYLOAD_READ is asked of `read_payload` in one request
+    // (Network.receive_payload), so a large message comes in a few reads.
+    // A null read_payload makes it read_frame.
+    int (*read_frame_bulk)(networkConnection* connection, websocketPeerDescriptor* descriptor,
+                           bool require_mask, WebSocketReadFunction read,
+                           WebSocketReadFunction read_payload, DisconnectCallback on_disconnect,
+                           MessageCallback on_message);
 };
 
 extern const WebSocketModule WebSocket;

@@ -67,8 +67,9 @@ void framing_read(evutil_socket_t /*fd*/, short /*events*/, void* argument) {
         return;
     }
     const WebSocketCallbacks& callbacks = callbacks_of(connection);
-    if (WebSocket.read_frame(connection, descriptor_of(connection), false, Network.receive_data,
-                             callbacks.on_disconnect, callbacks.on_message) < 0) {
+    if (WebSocket.read_frame_bulk(connection, descriptor_of(connection), false,
+                                  Network.receive_data, Network.receive_payload,
+                                  callbacks.on_disconnect, callbacks.on_message) < 0) {
         Network.close_connection(connection);
     }
 }

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <numeric>
 #include <vector>
@@ -58,6 +59,36 @@ const Bytes kWrapped = {106, 107, 108, 109, 110, 111, 6, 7, 8, 9, 100, 101, 102,
 INSTANTIATE_TEST_SUITE_P(Capacity16, DynamicBufferAppend,
                          ::testing::Values(AppendCase{12, 8, kWrapped},
                                            AppendCase{15, 0, left_then(15)}));
+
+// A producer writing `room` bytes 100, 101, ... and counting its calls.
+int produced_calls = 0;
+int64_t produce(void* /*context*/, uint8_t* into, uint64_t room) {
+    ++produced_calls;
+    const Bytes bytes = sequence(100, room);
+    std::copy(bytes.begin(), bytes.end(), into);
+    return static_cast<int64_t>(room);
+}
+
+// Room in one run after the unread bytes (6 here, up to the end of the
+// storage) or none: the producer is not called and nothing changes. An
+// empty buffer is one run from index 0 again.
+TEST(DynamicBuffer, AppendInPlaceOnlyIntoOneRun) {
+    RingBuffer* buffer = two_left_of_sixteen();
+    produced_calls = 0;
+    EXPECT_EQ(DynamicBuffer.append_in_place(buffer, 7, produce, nullptr),
+              DYNAMIC_BUFFER_ERR_FAILED);
+    EXPECT_EQ(produced_calls, 0);
+    EXPECT_EQ(DynamicBuffer.append_in_place(buffer, 6, produce, nullptr), 6);
+    Bytes unread(8);
+    EXPECT_EQ(DynamicBuffer.read(buffer, unread.data(), 99), 8u);
+    EXPECT_EQ(unread, left_then(6));
+    DynamicBuffer.free(buffer);
+    buffer = two_left_of_sixteen();
+    DynamicBuffer.read(buffer, nullptr, 2);  // empty, at index 10
+    EXPECT_EQ(DynamicBuffer.append_in_place(buffer, 16, produce, nullptr), 16);
+    EXPECT_EQ(storage(buffer), sequence(100, 16));
+    DynamicBuffer.free(buffer);
+}
 
 TEST(DynamicBuffer, OffsetDataIsCopiedPeekedAndCleared) {
     RingBuffer* buffer = two_left_of_sixteen();

@@ -151,6 +151,22 @@ INSTANTIATE_TEST_SUITE_P(
              false}),
     [](const auto& test) { return std::string(test.param.name); });
 
+// A payload past 4096 bytes is asked for whole in one request by the bulk
+// reader, and in reads of at most 4096 (checked by `read`) by read_frame.
+TEST(ReadFrame, LargePayloadInOneRequestOnlyInBulk) {
+    std::vector<uint8_t> frame = hex("82 7f 00 00 00 00 00 01 86 a0");  // 100,000 bytes
+    const std::string payload(100'000, 'p');
+    frame.insert(frame.end(), payload.begin(), payload.end());
+    for (const bool bulk : {true, false}) {
+        ScriptedPeer peer;
+        peer.bulk = bulk;
+        peer.write(frame);
+        ASSERT_EQ(peer.record.messages, (std::vector<Message>{{payload, 1}}));
+        EXPECT_EQ(peer.payload_reads,
+                  bulk ? std::vector<int64_t>{100'000} : std::vector<int64_t>{});
+    }
+}
+
 TEST(ReadFrame, DrainedSocketIsToldNotDropped) {
     ScriptedPeer peer;
     EXPECT_EQ(peer.read_frame_once(), 0);

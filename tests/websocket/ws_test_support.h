@@ -62,11 +62,25 @@ struct ScriptedPeer {
         current->taken += count;
         return count == 0 ? -1 : static_cast<int64_t>(count);
     }
+    // receive_payload's stand-in: any size, but never the wrapped count of a
+    // payload shorter than what is queued.
+    static int64_t read_payload(networkConnection* target, int64_t max_size) {
+        EXPECT_LE(static_cast<uint64_t>(max_size), WS_MAX_MESSAGE_SIZE);
+        current->payload_reads.push_back(max_size);
+        const size_t count = std::min<size_t>(max_size, current->script.size() - current->taken);
+        DynamicBuffer.append(target->receive_queue, current->script.data() + current->taken, count);
+        current->taken += count;
+        return count == 0 ? -1 : static_cast<int64_t>(count);
+    }
+    // As the tool reads (read_frame_bulk), or with bulk false as read_frame.
     int read_frame_once() {
         current = this;
         recorder = &record;
-        const int result = WebSocket.read_frame(&connection, descriptor, require_mask, read,
-                                                record_disconnect, record_message);
+        const int result =
+            bulk ? WebSocket.read_frame_bulk(&connection, descriptor, require_mask, read,
+                                             read_payload, record_disconnect, record_message)
+                 : WebSocket.read_frame(&connection, descriptor, require_mask, read,
+                                        record_disconnect, record_message);
         dropped = dropped || result < 0;
         return result;
     }
@@ -79,6 +93,8 @@ struct ScriptedPeer {
 
     inline static ScriptedPeer* current = nullptr;
     bool require_mask;
+    bool bulk = true;
+    std::vector<int64_t> payload_reads;  // sizes asked of read_payload
     bool dropped = false;
     Recorder record;
     std::vector<uint8_t> script;
