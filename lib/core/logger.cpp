@@ -23,11 +23,13 @@ constexpr size_t LINE_SIZE = 1024;
 constexpr int FLUSH_BELOW_LEVEL = LOG_INFO;
 // A message is formatted once, at most this long, for both sinks.
 constexpr size_t MESSAGE_SIZE = 4096;
-// Room for a message whose every byte is escaped as "\xNN", its head and
-// the cut mark.
-constexpr size_t TRACE_LINE_SIZE = 4 * MESSAGE_SIZE + 128;
 constexpr char CUT_MARK[] = " [...]";
 constexpr char REDACTED[] = "[redacted]";
+// A redacted message: a secret cut at the message's end still gets its mark.
+constexpr size_t REDACTED_SIZE = MESSAGE_SIZE + sizeof REDACTED;
+// Room for a message whose every byte is escaped as "\xNN", its head and
+// the cut mark.
+constexpr size_t TRACE_LINE_SIZE = 4 * REDACTED_SIZE + 128;
 constexpr size_t SECRET_CAPACITY = 8;
 
 struct LoggerRecord {
@@ -264,7 +266,7 @@ SYLV_PRINTF(2, 0) void log_write(uint8_t level, const char* format, va_list argu
     const int body = vsnprintf(formatted, sizeof formatted, format, arguments);
     size_t length = std::min<size_t>(std::max(body, 0), sizeof formatted - 1);
     bool cut = body >= static_cast<int>(sizeof formatted);
-    char redacted[MESSAGE_SIZE];
+    char redacted[REDACTED_SIZE];
     const char* message = formatted;
     if (g_secret_count > 0) {
         length = redact(formatted, length, &cut, redacted, sizeof redacted);
