@@ -60,7 +60,7 @@ std::string line_safe(const std::string& text, size_t room) {
         uint32_t code_point = 0;
         const size_t sequence = utf8_sequence(bytes + i, text.size() - i, &code_point);
         const bool unsafe = sequence == 0 || utf8_is_control(code_point) || code_point == '|';
-        const size_t width = unsafe ? 1 : sequence;
+        const size_t width = unsafe ? 1 : sequence;  // bytes it takes in the line
         if (out.size() + width > room - 3 && text.size() - i > room - out.size()) {
             return out + "...";
         }
@@ -69,7 +69,7 @@ std::string line_safe(const std::string& text, size_t room) {
         } else {
             out.append(text, i, sequence);
         }
-        i += width;
+        i += sequence != 0 ? sequence : 1;
     }
     return out;
 }
@@ -154,7 +154,7 @@ PluginVerdict answered_verdict(const PluginArguments& arguments,
         }
     }
     const double seconds = observation.response_seconds;
-    std::string timing = "agent answered in " + seconds_text(seconds);
+    std::string timing = "answered in " + seconds_text(seconds);
     if (arguments.has_critical && plugin_range_alerts(arguments.critical, seconds)) {
         state = PLUGIN_CRITICAL;
         timing =
@@ -171,8 +171,8 @@ PluginVerdict answered_verdict(const PluginArguments& arguments,
     std::string problems = critical_problems;
     problems += (problems.empty() || warning_problems.empty() ? "" : ", ") + warning_problems;
     const std::string text = (problems.empty() ? "" : problems + "; ") + timing + ", " +
-                             std::to_string(observation.services.size()) + " services, " +
-                             std::to_string(connected) + " connected";
+                             std::to_string(connected) + " of " +
+                             std::to_string(observation.services.size()) + " services connected";
     return PluginVerdict{
         state, status_text(state, text) + " | " + performance_data(arguments, observation)};
 }
@@ -260,8 +260,10 @@ int read_arguments(int argc, char** argv, PluginArguments* arguments, std::strin
         }
         if (option == ':' || option == '?') {
             // optopt names a short option; a long one is the argument just read.
-            const std::string name =
-                optopt != 0 ? std::string("-") + static_cast<char>(optopt) : argv[optind - 1];
+            const char* word = argv[optind - 1];
+            const std::string name = strncmp(word, "--", 2) == 0
+                                         ? std::string(word)
+                                         : std::string("-") + static_cast<char>(optopt);
             *error = (option == ':' ? "missing value for " : "unknown option ") + name;
             return -1;
         }
