@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(g++ cmake ninja-build pkg-config libevent-dev nlohmann-json3-dev libgtest-dev
-          python3 iproute2 "$@")
+          python3 iproute2 prometheus "$@")
 
 missing=()
 for p in "${packages[@]}"; do
