@@ -254,13 +254,12 @@ void write_trace_line(const char* stamp, const char* tag, const char* message, s
     write_whole(line, used);
 }
 
-// Shared by every level: formats the message once, hides the secrets, and
-// hands it to each sink whose threshold it reaches. errno is kept for the
-// caller, which may be about to read it.
-SYLV_PRINTF(2, 0) void log_write(uint8_t level, const char* format, va_list arguments) {
-    if (level < g_floor) {
-        return;
-    }
+// Formats the message once, hides the secrets, and hands it to each sink
+// whose threshold it reaches. errno is kept for the caller, which may be
+// about to read it. Out of line: its buffers' stack set-up is paid only by
+// calls that write.
+SYLV_PRINTF(2, 0)
+__attribute__((noinline)) void write_line(uint8_t level, const char* format, va_list arguments) {
     const int saved_errno = errno;
     char formatted[MESSAGE_SIZE];
     const int body = vsnprintf(formatted, sizeof formatted, format, arguments);
@@ -286,6 +285,13 @@ SYLV_PRINTF(2, 0) void log_write(uint8_t level, const char* format, va_list argu
         write_trace_line(stamp, tag, message, length, cut);
     }
     errno = saved_errno;
+}
+
+// Shared by every level: one compare while no sink takes the level.
+SYLV_PRINTF(2, 0) void log_write(uint8_t level, const char* format, va_list arguments) {
+    if (level >= g_floor) {
+        write_line(level, format, arguments);
+    }
 }
 
 template <LogLevel level>
