@@ -75,6 +75,7 @@ int send_request(networkConnection* connection, JsonValue* request) {
         json_free_value(request);
         return IPC_ERR_FAILED;
     }
+    Logger.debug("Sending request %s", check);
     if (WebSocketClient.send(connection, request) < 0) {
         // The command stays pending; the conversation's time-out settles it.
         Logger.error("Unable to send IPC request");
@@ -120,6 +121,7 @@ void connection_established_callback(networkConnection* connection) {
         Logger.error("Unable to parse connection_string in connection_established_callback().");
         return;
     }
+    Logger.debug("Sending the announcement %s", ANNOUNCEMENT);
     WebSocketClient.send(connection, announcement);
     if (execute_command(connection, config_of(connection)) != IPC_OK) {
         ipc_client_disconnect(connection);
@@ -274,6 +276,7 @@ void receive_message(networkConnection* connection, const uint8_t* bytes) {
     if (connection == nullptr || connection->config == nullptr || bytes == nullptr) {
         return;
     }
+    Logger.debug("Received message %s", reinterpret_cast<const char*>(bytes));
     char command_name[RECEIVED_COMMAND_SIZE] = {};
     TextPtr text;
     Outcome outcome =

@@ -380,8 +380,8 @@ void on_connect_completed(evutil_socket_t fd, short /*what*/, void* argument) {
         on_connected(connection);
         return;
     }
-    Logger.debug("Connection attempt to %s:%u failed", get_ip(connection),
-                 static_cast<unsigned>(connection->config->port));
+    Logger.info("Connection attempt to %s:%u failed: %s", get_ip(connection),
+                static_cast<unsigned>(connection->config->port), strerror(errno));
     reconnect(connection);
 }
 
@@ -445,6 +445,7 @@ void perform_connection(networkConnection* connection) {
         reconnect(connection);
         return;
     }
+    Logger.info("Connecting to %s:%u", config->ip, static_cast<unsigned>(config->port));
     connection->socket = fd;
     connection->state = NETWORK_CONNECTING;
     reset_attempt(connection);

@@ -274,6 +274,8 @@ int send_data(networkConnection* connection, JsonValue* value, int data_type, bo
         Logger.error("Error while trying to send websocket data");
         return WS_ERR_MEMORY;
     }
+    Logger.debug("Sending a frame: opcode %u, %d bytes%s", opcode, length,
+                 masked ? ", masked" : "");
     const int queued = Network.send(connection, frame, frame_length);
     free(frame);
     if (queued != NETWORK_OK) {
@@ -569,6 +571,10 @@ int read_header(networkConnection* connection, websocketPeerDescriptor* descript
     DynamicBuffer.read(queue, descriptor->header, descriptor->expected_size);
     descriptor->header_complete = true;
     descriptor->payload_length = decode_payload_length(descriptor->header);
+    Logger.debug("Received a frame: opcode %u, fin %u, %llu bytes",
+                 descriptor->header[0] & kOpcodeBits,
+                 (descriptor->header[0] & kFinBit) != 0 ? 1u : 0u,
+                 static_cast<unsigned long long>(descriptor->payload_length));
     if (!masked && require_mask) {
         Logger.error("Received a frame from with no mask enabled. This should not happen");
         call_disconnect(connection, on_disconnect);

@@ -145,6 +145,11 @@ int send_upgrade_request(networkConnection* connection) {
     }
     uint8_t copied = 0;
     uint8_t* bytes = DynamicBuffer.get_data(request.get(), &copied);
+    if (bytes != nullptr) {
+        Logger.debug("WebSocket handshake request: %.*s",
+                     static_cast<int>(DynamicBuffer.size(request.get())),
+                     reinterpret_cast<const char*>(bytes));
+    }
     const int sent = bytes == nullptr
                          ? NETWORK_ERR_FAILED
                          : Network.send(connection, bytes, DynamicBuffer.size(request.get()));
@@ -183,6 +188,7 @@ int check_answer_text(networkConnection* connection) {
     if (copied == 1) {
         free(bytes);
     }
+    Logger.debug("WebSocket handshake answer: %.*s", static_cast<int>(text.size()), text.c_str());
     const size_t blank_line = text.find("\r\n\r\n");
     if (blank_line == std::string::npos) {
         Logger.trace("Not received HTTP header yet while handshaking websocket client");

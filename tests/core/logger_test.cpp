@@ -1,7 +1,10 @@
 #include "core/logger.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <cstdio>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
@@ -13,6 +16,9 @@
 #include "core/logger_clock.h"
 
 namespace {
+
+// What the trace keeps of a message before it marks it cut.
+constexpr size_t MESSAGE_ROOM = 4095;
 
 const std::string kStamp = "[A-Z][a-z]{2}_[0-9]{2}_[0-9]{2}_[0-9]{2}_[0-9]{2}\\.\\d{3} ";
 
@@ -67,6 +73,70 @@ TEST(LoggerClock, RoundsMillisecondsHalfToEvenAndCarries) {
         const size_t length = format_log_stamp(timeval{base, c.micros}, out, sizeof out);
         EXPECT_EQ(std::string(out, length), std::string(expected) + c.millis) << c.micros;
     }
+}
+
+// Runs `write_lines` with standard error sent to a file; returns what it got.
+template <typename WriteLines>
+std::string captured_stderr(WriteLines write_lines) {
+    FILE* sink = tmpfile();
+    const int saved = dup(STDERR_FILENO);
+    dup2(fileno(sink), STDERR_FILENO);
+    write_lines();
+    dup2(saved, STDERR_FILENO);
+    close(saved);
+    std::string text;
+    rewind(sink);
+    for (int c = fgetc(sink); c != EOF; c = fgetc(sink)) {
+        text += static_cast<char>(c);
+    }
+    fclose(sink);
+    return text;
+}
+
+// One line per call at or above the threshold, stamped and tagged, with
+// what a terminal would act on escaped and the secrets hidden, raw or as
+// JSON writes them; errno is the caller's afterwards.
+TEST(LoggerTrace, WritesEscapedLinesWithoutSecrets) {
+    const std::string key = "K3y\"with/quote";
+    const std::string long_text(MESSAGE_ROOM - 6, 'x');
+    const struct {
+        std::string message;
+        std::string line;
+    } cases[] = {
+        {"plain text", "[debug] plain text"},
+        {"a\nb\r\tc", "[debug] a\\nb\\r\\tc"},
+        {"\x1b]0;x\a", "[debug] \\x1B]0;x\\x07"},
+        {"\xe2\x80\xae evil \xc2\x85 \xff \xc0\xaf",
+         "[debug] \\u202E evil \\u0085 \\xFF \\xC0\\xAF"},
+        {"caf\xc3\xa9 \xe2\x82\xac", "[debug] caf\xc3\xa9 \xe2\x82\xac"},
+        {"key=" + key + " and again " + key + ".", "[debug] key=[redacted] and again [redacted]."},
+        {R"({"value":"K3y\"with/quote"})", R"([debug] {"value":"[redacted]"})"},
+        {long_text + key, "[debug] " + long_text + "[redacted] [...]"},
+    };
+    ASSERT_EQ(Logger.add_secret(key.c_str()), LOGGER_OK);
+    ASSERT_EQ(Logger.add_secret(R"(K3y\"with/quote)"), LOGGER_OK);
+    ASSERT_EQ(Logger.set_stderr_level(LOG_DEBUG), LOGGER_OK);
+    const std::string text = captured_stderr([&] {
+        Logger.trace("below the threshold");
+        for (const auto& c : cases) {
+            Logger.debug("%s", c.message.c_str());
+        }
+        close(STDERR_FILENO);  // the write fails
+        errno = ENOMEM;
+        Logger.debug("lost");
+        EXPECT_EQ(errno, ENOMEM);
+    });
+    Logger.set_stderr_level(LOG_OFF);
+    Logger.forget_secrets();
+    std::istringstream lines(text);
+    std::string line;
+    for (const auto& c : cases) {
+        ASSERT_TRUE(std::getline(lines, line));
+        EXPECT_TRUE(std::regex_search(line, std::regex("^" + kStamp))) << line;
+        EXPECT_EQ(std::regex_replace(line, std::regex("^" + kStamp), ""), c.line);
+    }
+    EXPECT_FALSE(std::getline(lines, line)) << line;
+    EXPECT_EQ(captured_stderr([] { Logger.fatal("closed"); }), "");
 }
 
 }  // namespace
