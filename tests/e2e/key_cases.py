@@ -31,7 +31,8 @@ CASES = {
     "file_missing": (["--api-key-file", "{file}"], None, 0, "", {}, dict(status=1, stderr=(
         "Could not read the API key from {file}: No such file or directory.\n"))),
     "file_short_key": (["--api-key-file", "{file}"], KEY[:75] + "\n", 0o600, "", {},
-                       dict(stderr=BAD_KEY, status=1)),
+                       dict(stderr="Bad API key from {file}: expected 76 bytes, got 75.\n",
+                            status=1)),
     "empty_environment_is_no_key": ([], None, 0, "", {"SYLVANE_API_KEY": ""}, dict(stdout=USAGE)),
     "json_environment": (["--json"], None, 0, "", {"SYLVANE_API_KEY": KEY}, dict(OK, stdout=(
         '{"version": 1, "service": "web1", "state": "added"}\n{"version": 1, "ok": true, '
