@@ -8,6 +8,8 @@
 
 #include "cli/command_line/option_table.h"
 #include "cli/commands/run.h"
+#include "cli/preflight/argument_texts.h"
+#include "cli/preflight/strict_address.h"
 
 namespace {
 
@@ -92,6 +94,49 @@ void check_waiting(const CommandRow& row, const Invocation& in) {
     }
 }
 
+// Each clear service of -u must be one the lenient reading would send as
+// written.
+bool strict_clear_services(std::string_view list) {
+    for (;;) {
+        const size_t comma = list.find(',');
+        if (!is_strict_clear_service(list.substr(0, comma))) {
+            return false;
+        }
+        if (comma == std::string_view::npos) {
+            return true;
+        }
+        list.remove_prefix(comma + 1);
+    }
+}
+
+// Values are refused rather than sent other than written: an address that
+// wraps or has something after it, a port with a sign or a tail, a name cut
+// or rewritten for its bytes. The human reading keeps its lenient rules.
+void check_values(const Invocation& in) {
+    const bool names_service = in.command == CommandId::add || in.command == CommandId::edit;
+    if (in.service_name != nullptr &&
+        !(names_service ? is_strict_service_name(in.service_name) : is_utf8(in.service_name))) {
+        bad_argument(Message::format(names_service
+                                         ? "The service name '%s' is not 1 to 255 bytes of UTF-8.\n"
+                                         : "The service name '%s' is not valid UTF-8.\n",
+                                     {in.service_name}));
+    }
+    if (in.address != nullptr &&
+        parse_strict_endpoint(in.address, nullptr) != EndpointError::none) {
+        bad_argument(in.command == CommandId::save_proxy ? BAD_C_MESSAGE : BAD_P_MESSAGE);
+    }
+    if (in.forwarding_port != nullptr && !parse_strict_port(in.forwarding_port, nullptr)) {
+        bad_argument(BAD_F_MESSAGE);
+    }
+    if (in.clear_services != nullptr && !strict_clear_services(in.clear_services)) {
+        bad_argument(BAD_U_MESSAGE);
+    }
+    if (in.command == CommandId::save_traceability &&
+        strcmp(in.traceability_target, "syslog") == 0 && !parse_strict_port(in.words[1], nullptr)) {
+        bad_argument(BAD_SYSLOG_PORT_MESSAGE);
+    }
+}
+
 }  // namespace
 
 void refuse_unless_well_formed(const CommandRow& row, const Invocation& in) {
@@ -110,10 +155,7 @@ void refuse_unless_well_formed(const CommandRow& row, const Invocation& in) {
     if (in.wait != nullptr && wait_seconds(in) == 0) {
         bad_argument("Bad value for --wait. Expected a whole number of seconds from 1 to 86400.\n");
     }
-    if (in.service_name != nullptr && as_sent(in.service_name) != in.service_name) {
-        bad_argument(
-            Message::format("The service name '%s' is not valid UTF-8.\n", {in.service_name}));
-    }
+    check_values(in);
 }
 
 int64_t wait_seconds(const Invocation& in) {
