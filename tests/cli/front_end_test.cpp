@@ -68,8 +68,9 @@ TEST(TerminalText, EscapesControlsAndOverridesOnly) {
         {"plain caf\xc3\xa9 \xe2\x80\x94 \\", "plain caf\xc3\xa9 \xe2\x80\x94 \\"},
         {"a\nb\tc\rd", "a\\x0ab\\x09c\\x0dd"},
         {"\x1b]0;x\x07\x7f", "\\x1b]0;x\\x07\\x7f"},
-        {"\xc2\x85\xc2\x9f\xc2\xa0", "\\u0085\\u009f\xc2\xa0"},            // C1, then NBSP
-        {"\xe2\x80\xaa\xe2\x80\xae\xe2\x80\xaf", "\\u202a\\u202e\xe2\x80\xaf"},  // LRE, RLO, not U+202F
+        {"\xc2\x85\xc2\x9f\xc2\xa0", "\\u0085\\u009f\xc2\xa0"},  // C1, then NBSP
+        {"\xe2\x80\xaa\xe2\x80\xae\xe2\x80\xaf",
+         "\\u202a\\u202e\xe2\x80\xaf"},  // LRE, RLO, not U+202F
         {"\xe2\x81\xa6\xe2\x81\xa9\xe2\x81\xa5", "\\u2066\\u2069\xe2\x81\xa5"},
         {"\xe2\x80", "\xe2\x80"},  // cut sequence: left as it is
     };
