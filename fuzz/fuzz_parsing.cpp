@@ -8,7 +8,7 @@
 #include <cstring>
 #include <string>
 
-#include "cli/parsing.h"
+#include "cli/preflight/address.h"
 #include "core/linked_list.h"
 #include "websocket/crypto.h"
 

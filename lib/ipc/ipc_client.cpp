@@ -27,17 +27,9 @@ struct JsonDeleter {
 };
 using JsonPtr = std::unique_ptr<JsonValue, JsonDeleter>;
 
-using TextPtr = MallocPtr<char>;
-
 IpcClientConfig* config_of(networkConnection* connection) {
     // The connection was created with an IpcClientConfig as its settings.
     return static_cast<IpcClientConfig*>(connection->config);
-}
-
-// Prints a callback's text on its own line, right away.
-void print_line(const char* text) {
-    printf("%s\n", text);
-    fflush(stdout);
 }
 
 bool is_empty(List* list) {
@@ -48,10 +40,12 @@ IpcCommand* head_command(IpcClientConfig* config) {
     return static_cast<IpcCommand*>(config->commands->head->item);
 }
 
-// A front-end callback; what it throws is logged and taken as "nothing to print".
-char* run_callback(ResponseCallback callback, JsonValue* data) {
-    return without_throwing<char*>("IpcClient response callback", nullptr,
-                                   [&] { return callback(data); });
+// A caller's callback; what it throws is logged.
+void run_callback(ResponseCallback callback, JsonValue* data) {
+    without_throwing("IpcClient response callback", 0, [&] {
+        callback(data);
+        return 0;
+    });
 }
 
 // Raises IPC_EVENT_DISCONNECTED, then closes the WebSocket connection. The
@@ -160,10 +154,9 @@ bool out_of_memory() {
     return true;
 }
 
-// Matches a response with the head command and runs its callback. `text`
-// receives what the callback returned.
+// Matches a response with the head command and runs its callback.
 Outcome handle_response(networkConnection* connection, const JsonValue* message,
-                        const char* command_name, int id, TextPtr& text) {
+                        const char* command_name, int id) {
     IpcClientConfig* config = config_of(connection);
     if (strcmp(command_name, EVICTION_COMMAND) == 0) {
         CallbackEvent.notify(connection->dispatcher, IPC_EVENT_PLEASE_DISCONNECT, connection);
@@ -192,7 +185,7 @@ Outcome handle_response(networkConnection* connection, const JsonValue* message,
         if (data == nullptr) {
             Logger.error("%s", MISSING_DATA);
         } else {
-            text.reset(run_callback(command->response_callback, data.get()));
+            run_callback(command->response_callback, data.get());
         }
     }
     return Outcome::Consumed;
@@ -201,7 +194,7 @@ Outcome handle_response(networkConnection* connection, const JsonValue* message,
 // Routes a message without id (or with a negative one): to its
 // subscription's callback, or handled as a response when it has none.
 Outcome handle_event(networkConnection* connection, const JsonValue* message,
-                     const char* command_name, int id, TextPtr& text) {
+                     const char* command_name, int id) {
     IpcClientConfig* config = config_of(connection);
     ListEntry* entry = LinkedList.find(config->subscriptions, subscription_has_event,
                                        const_cast<char*>(command_name));
@@ -211,7 +204,7 @@ Outcome handle_event(networkConnection* connection, const JsonValue* message,
     }
     const auto* subscription = static_cast<const SubscriptionRequest*>(entry->item);
     if (subscription->callback == nullptr) {
-        return handle_response(connection, message, command_name, id, text);
+        return handle_response(connection, message, command_name, id);
     }
     errno = 0;
     JsonPtr data(json_get_json_value(message, "data"));
@@ -222,15 +215,12 @@ Outcome handle_event(networkConnection* connection, const JsonValue* message,
         Logger.error("%s", MISSING_DATA);
         return Outcome::Consumed;
     }
-    TextPtr event_text(run_callback(subscription->callback, data.get()));
-    if (event_text != nullptr) {
-        print_line(event_text.get());
-    }
+    run_callback(subscription->callback, data.get());
     return Outcome::Handled;
 }
 
 Outcome handle_message(networkConnection* connection, const char* text_message,
-                       char (&command_name)[RECEIVED_COMMAND_SIZE], TextPtr& text) {
+                       char (&command_name)[RECEIVED_COMMAND_SIZE]) {
     errno = 0;
     JsonPtr message(json_parse(text_message));
     if (message == nullptr ||
@@ -243,9 +233,9 @@ Outcome handle_message(networkConnection* connection, const char* text_message,
     }
     int id = json_get_int_value(message.get(), "id");
     if (id < 0) {
-        return handle_event(connection, message.get(), command_name, id, text);
+        return handle_event(connection, message.get(), command_name, id);
     }
-    return handle_response(connection, message.get(), command_name, id, text);
+    return handle_response(connection, message.get(), command_name, id);
 }
 
 // The pending command is settled: drop it and send the next one, or end the
@@ -278,17 +268,12 @@ void receive_message(networkConnection* connection, const uint8_t* bytes) {
     }
     Logger.debug("Received message %s", reinterpret_cast<const char*>(bytes));
     char command_name[RECEIVED_COMMAND_SIZE] = {};
-    TextPtr text;
     Outcome outcome =
-        handle_message(connection, reinterpret_cast<const char*>(bytes), command_name, text);
+        handle_message(connection, reinterpret_cast<const char*>(bytes), command_name);
     if (outcome != Outcome::Consumed) {
         return;
     }
-    if (text != nullptr) {
-        print_line(text.get());
-        Logger.info("Executed command %s : %s", command_name, text.get());
-        text.reset();
-    }
+    Logger.info("Executed command %s", command_name);
     advance_queue(connection);
 }
 

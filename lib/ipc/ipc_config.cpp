@@ -18,7 +18,7 @@ int field_length(const char* field) {
 }
 
 JsonValue* request_subscription(void* subscriptions);
-char* subscription_response(JsonValue* data);
+void subscription_response(JsonValue* data);
 
 // New command record (malloc'd, freed with free()), or null when the name is
 // missing or too long.
@@ -255,9 +255,7 @@ JsonValue* request_subscription(void* subscriptions) {
 }
 
 // The answer lists each subscription's result; nothing here acts on it.
-char* subscription_response(JsonValue* /*data*/) {
-    return nullptr;
-}
+void subscription_response(JsonValue* /*data*/) {}
 
 }  // namespace
 

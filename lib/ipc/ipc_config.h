@@ -21,9 +21,9 @@ enum IpcResult : int {
 
 // Builds a request's "data" from user_data; null means no "data" key.
 using ExecutionCallback = JsonValue* (*)(void* user_data);
-// Handles a response's or an event's "data" (may be null). Returns a
-// malloc'd text to print, or null.
-using ResponseCallback = char* (*)(JsonValue* data);
+// Handles a response's or an event's "data" (may be null). The library
+// prints nothing: what the user sees is the caller's business.
+using ResponseCallback = void (*)(JsonValue* data);
 
 constexpr int IPC_COMMAND_NAME_LIMIT = 255;  // names must be shorter
 constexpr int IPC_SUBSCRIPTION_FIELD_SIZE = 255;
@@ -78,8 +78,8 @@ struct IpcConfigModule {
     // Builder of the "subscription" request: {"subscriptions": [names...]}.
     // `subscriptions` is a List* of SubscriptionRequest*. Null on a null list.
     JsonValue* (*request_subscription)(void* subscriptions);
-    // Response callback of "subscription": ignores the answer, returns null.
-    char* (*subscription_response)(JsonValue* data);
+    // Response callback of "subscription": ignores the answer.
+    void (*subscription_response)(JsonValue* data);
 };
 
 extern const IpcConfigModule IpcConfig;

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "cli/agent_listener.h"
+#include "cli/preflight/agent_listener.h"
 
 namespace {
 

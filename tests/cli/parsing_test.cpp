@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "cli/parsing.h"
+#include "cli/preflight/address.h"
 
 namespace {
 

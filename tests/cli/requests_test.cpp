@@ -5,8 +5,9 @@
 #include <cstring>
 #include <string>
 
-#include "cli/commands.h"
+#include "cli/commands/requests.h"
 #include "core/linked_list.h"
+#include "ipc/ipc_config.h"
 
 namespace {
 
@@ -88,21 +89,5 @@ INSTANTIATE_TEST_SUITE_P(
         BuilderCase{"syslog", build_traceability_request, &trace_syslog,
                     R"({"target":"syslog","address":"10.0.0.9","protocol":"UDP","port":514})"}),
     [](const testing::TestParamInfo<BuilderCase>& param_info) { return param_info.param.label; });
-
-// Arguments the command line never passes, refused before anything is sent.
-TEST(CommandGuards, RefuseWithTheirMessage) {
-    const std::string proxy_error = "An error occurred while saving proxy configuration.\n";
-    const std::string trace = "An error occurred while saving traceability configuration.";
-    EXPECT_EXIT(save_proxy_config(nullptr, "HTTP"), testing::ExitedWithCode(1),
-                testing::Eq(proxy_error));
-    EXPECT_EXIT(save_proxy_config("1.2.3.4:80", nullptr), testing::ExitedWithCode(1),
-                testing::Eq(proxy_error));
-    EXPECT_EXIT(
-        save_traceability_config(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr),
-        testing::ExitedWithCode(1), testing::Eq(trace + "\n"));
-    EXPECT_EXIT(
-        save_traceability_config("stdout", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr),
-        testing::ExitedWithCode(1), testing::Eq(trace + " Unknown target.\n"));
-}
 
 }  // namespace

@@ -16,6 +16,7 @@ OK = dict(stdout=ADDED, agent=added(event(tenant("web1", onion_address="w.onion"
           sent=[SUBSCRIBE, add_data()])
 OPEN = ("API key file {file} is accessible by group or others (mode 0640); refusing to use it. "
         "Run: chmod 600 {file}\n")
+NOT_A_FILE = dict(status=1, stderr="API key file {file} is not a regular file; refusing to use it.\n")
 # name: (arguments, key file text or None, its mode, stdin, environment, expected)
 CASES = {
     "file_crlf_first_line": (["--api-key-file", "{file}"], KEY + "\r\nnext line\n", 0o600,
@@ -31,7 +32,8 @@ CASES = {
     "file_missing": (["--api-key-file", "{file}"], None, 0, "", {}, dict(status=1, stderr=(
         "Could not read the API key from {file}: No such file or directory.\n"))),
     "file_short_key": (["--api-key-file", "{file}"], KEY[:75] + "\n", 0o600, "", {},
-                       dict(stderr=BAD_KEY, status=1)),
+                       dict(stderr="Bad API key from {file}: expected 76 bytes, got 75.\n",
+                            status=1)),
     "empty_environment_is_no_key": ([], None, 0, "", {"SYLVANE_API_KEY": ""}, dict(stdout=USAGE)),
     "json_environment": (["--json"], None, 0, "", {"SYLVANE_API_KEY": KEY}, dict(OK, stdout=(
         '{"version": 1, "service": "web1", "state": "added"}\n{"version": 1, "ok": true, '
@@ -39,6 +41,13 @@ CASES = {
     "json_file_too_open": (["--json", "--api-key-file", "{file}"], KEY, 0o640, "", {}, dict(
         stdout='{"version": 1, "ok": false, "error": "bad_argument", "message": "%s"}\n'
         % OPEN[:-1], status=1)),
+    # Only a regular file is read: no waiting on a FIFO, no chmod advice for a device.
+    "file_is_directory": (["--api-key-file", "{file}"], "<dir>", 0o700, "", {}, NOT_A_FILE),
+    "file_is_fifo": (["--api-key-file", "{file}"], "<fifo>", 0o600, "", {}, NOT_A_FILE),
+    "file_is_device": (["--api-key-file", "/dev/null"], None, 0, "", {}, dict(status=1, stderr=(
+        "API key file /dev/null is not a regular file; refusing to use it.\n"))),
+    "environment_short_key": ([], None, 0, "", {"SYLVANE_API_KEY": "short"}, dict(status=1, stderr=(
+        "Bad API key from SYLVANE_API_KEY: expected 76 bytes, got 5.\n"))),
     "bad_agent_uid": (["-k", KEY], None, 0, "", {"SYLVANE_AGENT_UID": "agent"},
                       dict(stderr="Bad agent uid agent (SYLVANE_AGENT_UID): expected a numeric "
                            "user id.\n", status=1)),
@@ -49,7 +58,11 @@ def run(name, binary):
     args, text, mode, stdin, env_extra, expected = CASES[name]
     with tempfile.TemporaryDirectory() as tmp:
         path = os.path.join(tmp, "key")
-        if text is not None:
+        if text == "<dir>":
+            os.mkdir(path, mode)
+        elif text == "<fifo>":
+            os.mkfifo(path, mode)
+        elif text is not None:
             with open(path, "w") as key_file:
                 key_file.write(text)
             os.chmod(path, mode)

@@ -104,3 +104,17 @@ for name, args, seconds, script, status, stderr, stdout in [
 LARGEST = (2 if SMALL else 16) * MIB - 4096
 CASES.append(Case("largest_message", ["-l"], LISTED, agent={"get_tenants": [
     reply_text(padded(LARGEST), fragment=8 * MIB)]}, peak_mib=4 * LARGEST / MIB + 8))
+
+# A listing of some 3 MB, as JSON: the services are written around, not
+# copied into, the final object, within the same bound.
+SERVICES = [dict(tenant_name="web%05d" % i, status="connected", uuid="%036d" % i,
+                 ip_address="10.0.%d.%d" % (i // 250, i % 250), port=443, virtual_port=8443,
+                 onion_address="%056d.onion" % i) for i in range(300 if SMALL else 14000)]
+LISTING_TEXT = json.dumps(listing(*SERVICES))
+SHOWN = [dict(service=s["tenant_name"], uuid=s["uuid"], status="connected",
+              ip_address=s["ip_address"], port=443, virtual_port=8443,
+              onion_address=s["onion_address"]) for s in SERVICES]
+CASES.append(Case("json_listing_of_3_mb", ["--json", "-l"],
+                  json.dumps(dict(version=1, ok=True, services=SHOWN)) + "\n",
+                  agent={"get_tenants": [reply_text(LISTING_TEXT)]},
+                  peak_mib=4 * len(LISTING_TEXT) / MIB + 8))

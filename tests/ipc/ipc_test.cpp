@@ -24,9 +24,7 @@ std::vector<uint32_t> events;  // dispatcher events, in order
 void record_event(uint32_t id, void*) {
     events.push_back(id);
 }
-char* print_data(JsonValue*) {
-    return nullptr;
-}
+void ignore_data(JsonValue*) {}
 JsonValue* no_data(void*) {
     return nullptr;
 }
@@ -49,11 +47,11 @@ TEST(IpcClient, EventsKeepTheQueueAndEvictionRaises47Then46) {
     auto* subscription = static_cast<SubscriptionRequest*>(calloc(1, sizeof(SubscriptionRequest)));
     strcpy(subscription->subscription_name, "services_subscription");
     strcpy(subscription->event_name, "tenants_event");
-    subscription->callback = print_data;
+    subscription->callback = ignore_data;
     List* list = LinkedList.create(subscription);
     IpcConfig.add_subscriptions(config, list);
     LinkedList.free(list, nullptr);
-    IpcConfig.add_command(config, "get_tenants", no_data, nullptr, print_data);
+    IpcConfig.add_command(config, "get_tenants", no_data, nullptr, ignore_data);
     networkConnection* connection = IpcClient.instantiate_ipc_client(config, nullptr, dispatcher);
     ASSERT_EQ(IpcClient.execute_command(connection, config), IPC_OK);  // not sent: not connected
     const int id = static_cast<IpcCommand*>(config->commands->head->item)->id;

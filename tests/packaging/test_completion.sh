@@ -12,7 +12,7 @@ done
 
 # Candidates as sorted base names, so that the shells' ways of showing paths
 # ("dir/", "dir", "/tmp/x/dir") compare equal.
-offered() { # shell command-line-words...
+candidates() { # shell command-line-words...: one candidate a line
     local shell=$1
     shift
     case $shell in
@@ -21,8 +21,9 @@ offered() { # shell command-line-words...
         zsh) zsh -f "$here/zsh_complete.zsh" "$contrib/zsh" "$*" ;;
         fish) fish --no-config -c "source $contrib/fish/sylvane-service.fish"'; complete -C "$argv"' \
             -- "$*" | cut -f1 ;;
-    esac | sed 's|/$||; s|.*/||' | grep . | sort -u | paste -sd' '
+    esac | sed 's|/$||; s|.*/||' | grep . | sort -u
 }
+offered() { candidates "$@" | paste -sd' '; }
 
 failures=0
 check() { # expected-words command-line-words... (ONLY="shells" to restrict)
@@ -46,6 +47,18 @@ trap 'rm -rf "$tmp"' EXIT
 mkdir "$tmp/logs" && touch "$tmp/logfile"
 check "logs" sylvane-service --saveTraceabilityConfig file "$tmp/log"
 check "logfile logs" sylvane-service -l --api-key-file "$tmp/log"
+# A file name with a blank is one candidate.
+touch "$tmp/my key" && mkdir "$tmp/my logs"
+for shell in ${shells[*]}; do
+    for words in "-l --api-key-file $tmp/my" "--saveTraceabilityConfig file $tmp/my"; do
+        name=$([[ $words == -l* ]] && echo "my key" || echo "my logs")
+        # shellcheck disable=SC2086
+        if ! candidates "$shell" sylvane-service $words | grep -qFx "$name"; then
+            printf 'FAIL (%s): [%s] does not offer [%s] whole\n' "$shell" "$words" "$name"
+            failures=$((failures + 1))
+        fi
+    done
+done
 check "HTTP HTTPS Socks5" sylvane-service -c 10.0.0.1:80 -t ""
 check "HTTP HTTPS" sylvane-service --proxyType HT
 # fish offers options where an option's argument is due.

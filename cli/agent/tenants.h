@@ -1,0 +1,68 @@
+// The one reader of the Transfer Agent's "tenants" lists (answers of
+// get_tenants, connect_tenants, disconnect_tenants and every
+// "tenants_event"): JSON lists whose elements are strings, each holding one
+// serialized JSON object. Each element is read whole into a Tenant value;
+// the human texts' length limits are the human printer's business.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "sylvshared/json.h"
+
+// The key naming a service, in answers, events and requests.
+constexpr const char* TENANT_NAME_KEY = "tenant_name";
+
+// One element: each text member as the agent sent it (a boolean reads as
+// "true" or "false"; text stops at an embedded NUL), absent when missing or
+// of another type.
+struct Tenant {
+    std::optional<std::string> name;
+    std::optional<std::string> status;
+    std::optional<std::string> ip_address;
+    std::optional<std::string> uuid;
+    std::optional<std::string> onion_address;
+    std::optional<std::string> reason;
+    std::optional<std::string> synchronized;
+    bool has_port = false;  // "port" is present, whatever its type
+    bool has_virtual_port = false;
+    int port = -1;  // the integer, or -1 when missing or not one
+    int virtual_port = -1;
+    int ack = -1;  // 1 true, 0 false, -1 missing or not a boolean
+};
+
+// A text member of any answer, read whole (see Tenant); absent when missing
+// or of another type. Throws std::bad_alloc when out of memory.
+std::optional<std::string> read_text(const JsonValue* object, const char* key);
+
+// What an element of the list is.
+enum class TenantElement {
+    tenant,        // a string holding a JSON object: read into the Tenant
+    not_a_string,  // a null, a number, an object...
+    not_json,      // a string that does not parse
+};
+
+enum class TenantWalk { next, stop };
+
+enum class TenantsRead {
+    walked,         // every element was shown to the visitor, or it stopped
+    missing,        // null data, or no "tenants" list
+    out_of_memory,  // the list or an element could not be read for want of memory
+};
+
+using TenantVisitor = TenantWalk (*)(TenantElement element, const Tenant& tenant, void* context);
+
+// Shows each element of data's "tenants" list to `visit`, in order, until it
+// says stop. The Tenant is empty unless the element is a tenant.
+TenantsRead read_tenants(const JsonValue* data, TenantVisitor visit, void* context);
+
+// The same with any callable `visit(TenantElement, const Tenant&)`.
+template <typename Visit>
+TenantsRead read_tenants(const JsonValue* data, Visit&& visit) {
+    return read_tenants(
+        data,
+        [](TenantElement element, const Tenant& tenant, void* context) {
+            return (*static_cast<Visit*>(context))(element, tenant);
+        },
+        &visit);
+}

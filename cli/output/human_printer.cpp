@@ -1,0 +1,216 @@
+// The human printer: the texts the tool has always written, byte for byte,
+// with untrusted words escaped (message.h). Successes go to standard output,
+// failures to standard error. The fields read from the agent are shown cut
+// to the limits the human texts have always had (the name excepted).
+
+#include <algorithm>
+#include <charconv>
+#include <cstring>
+#include <string>
+
+#include "cli/agent/tenants.h"
+#include "cli/output/output.h"
+#include "cli/output/printers.h"
+
+namespace {
+
+// Bytes shown of each field read from the agent.
+constexpr size_t STATUS_LIMIT = 254;
+constexpr size_t IP_ADDRESS_LIMIT = 39;
+constexpr size_t UUID_LIMIT = 36;
+constexpr size_t ONION_ADDRESS_LIMIT = 62;
+constexpr size_t REASON_LIMIT = 99;
+constexpr size_t PROXY_TYPE_LIMIT = 19;
+constexpr size_t PROXY_IP_ADDRESS_LIMIT = 16;
+
+constexpr const char* NO_SERVICES = "No registered services yet.\n";
+constexpr const char* OUT_OF_MEMORY = "Unable to allocate memory.\n";
+
+// The listing goes out in blocks of LISTING_BLOCK bytes, not in one write
+// per line: a list of thousands of services is written in a few calls.
+constexpr size_t LISTING_BLOCK = 65536;
+
+class ListingWriter {
+public:
+    ListingWriter() { block_.reserve(LISTING_BLOCK); }
+    // The tool's own words.
+    void text(std::string_view part) {
+        block_ += part;
+        flush_when_full();
+    }
+    // An untrusted field, cut to `limit` bytes (0: whole) and escaped.
+    void field(std::string_view value, size_t limit = 0) {
+        append_terminal_safe(block_,
+                             limit == 0 ? value : value.substr(0, utf8_prefix(value, limit)));
+        flush_when_full();
+    }
+    void number(int value) {
+        char digits[16];
+        const auto result = std::to_chars(digits, digits + sizeof digits, value);
+        text(std::string_view(digits, static_cast<size_t>(result.ptr - digits)));
+    }
+    void flush() {
+        write_checked(stdout, block_);
+        flush_checked(stdout);
+        block_.clear();
+    }
+
+private:
+    std::string block_;
+    void flush_when_full() {
+        if (block_.size() >= LISTING_BLOCK) {
+            flush();
+        }
+    }
+};
+
+std::string_view or_empty(const std::optional<std::string>& text) {
+    return text ? std::string_view(*text) : std::string_view();
+}
+
+const char* listed_status(std::string_view status) {
+    status = status.substr(0, utf8_prefix(status, STATUS_LIMIT));
+    if (status == "connected") {
+        return "Enabled";
+    }
+    if (status == "in progress") {
+        return "Enabling in progress";
+    }
+    if (status == "error") {
+        return "Error";
+    }
+    return "Disabled";
+}
+
+// One block of the listing; missing fields show as empty or "Unknown".
+void print_tenant(const Tenant& tenant, ListingWriter& out) {
+    const char* shown_status = listed_status(or_empty(tenant.status));
+    std::string_view ip_address = or_empty(tenant.ip_address);
+    out.text("----------------------------------------\nService:\t");
+    out.field(or_empty(tenant.name));
+    out.text("\nUuid:\t\t");
+    out.field(or_empty(tenant.uuid), UUID_LIMIT);
+    out.text("\nIP address:\t");
+    if (ip_address.empty()) {
+        out.text("Unknown");
+    } else {
+        out.field(ip_address, IP_ADDRESS_LIMIT);
+    }
+    out.text("\nPort:\t\t");
+    if (tenant.port < 1) {
+        out.text("Unknown");
+    } else {
+        out.number(tenant.port);
+    }
+    out.text("\nVirtual port:\t");
+    if (tenant.virtual_port == tenant.port) {
+        out.text("Not set");
+    } else {
+        out.number(tenant.virtual_port);
+    }
+    out.text("\nStatus:\t\t");
+    out.text(shown_status);
+    out.text("\n");
+    std::string_view onion = or_empty(tenant.onion_address);
+    if (!onion.empty() && strcmp(shown_status, "Enabled") == 0) {
+        out.text("Onion address:\t");
+        out.field(onion, ONION_ADDRESS_LIMIT);
+        out.text("\n");
+    }
+}
+
+// Elements that are not strings are skipped; the first that is not JSON
+// ends the listing there.
+void print_listing(const JsonValue* data) {
+    ListingWriter out;
+    int elements = 0;
+    TenantsRead read = read_tenants(data, [&](TenantElement element, const Tenant& tenant) {
+        elements++;
+        if (element == TenantElement::not_json) {
+            return TenantWalk::stop;
+        }
+        if (element == TenantElement::tenant) {
+            print_tenant(tenant, out);
+        }
+        return TenantWalk::next;
+    });
+    if (read == TenantsRead::out_of_memory) {
+        finish_out_of_memory();
+    }
+    if (elements == 0) {
+        out.text(NO_SERVICES);
+    }
+    out.flush();
+}
+
+void print_proxy(const ProxySettings& proxy) {
+    Message block("---------- Proxy configuration ----------\nIP address:\t");
+    block.quote(proxy.ip_address, PROXY_IP_ADDRESS_LIMIT).say("\nPort:\t\t");
+    block.say(std::to_string(proxy.port)).say("\nType:\t\t").quote(proxy.type, PROXY_TYPE_LIMIT);
+    block.say(proxy.enabled ? "\nStatus:\t\tEnabled\n" : "\nStatus:\t\tDisabled\n");
+    write_checked(stdout, block.shown());
+}
+
+// "web: connected (synchronized)", "db: error: <reason>", "web: in progress".
+void print_event(const Tenant& tenant) {
+    Message line;
+    line.quote(or_empty(tenant.name)).say(": ").quote(or_empty(tenant.status), STATUS_LIMIT);
+    if (tenant.reason && !tenant.reason->empty()) {
+        line.say(": ").quote(*tenant.reason, REASON_LIMIT);
+    }
+    if (tenant.synchronized == "true") {
+        line.say(" (synchronized)");
+    } else if (tenant.synchronized == "false") {
+        line.say(" (not synchronized)");
+    }
+    write_checked(stdout, line.say("\n").shown());
+}
+
+void progress(const Progress& step) {
+    if (step.event != nullptr) {
+        print_event(*step.event);
+    } else {
+        write_checked(stdout, step.text.shown());
+    }
+    flush_checked(stdout);
+}
+
+void human_notice(const char* text) {
+    write_checked(stderr, text);
+}
+
+int final(const Outcome& outcome, int human_failure_status) {
+    if (outcome.human) {
+        write_checked(stderr, outcome.human->err.shown());
+        write_checked(stdout, outcome.human->out.shown());
+        return outcome.human->status;
+    }
+    if (outcome.listing != nullptr) {
+        print_listing(outcome.listing);
+        return 0;
+    }
+    if (outcome.proxy != nullptr) {
+        print_proxy(*outcome.proxy);
+        return 0;
+    }
+    if (outcome.failure == Failure::none) {
+        write_checked(stdout, outcome.text.shown());
+        return 0;
+    }
+    write_checked(stderr, outcome.text.shown());
+    return human_failure_status != 0 ? human_failure_status : human_status(outcome.failure);
+}
+
+int out_of_memory() {
+    fputs(OUT_OF_MEMORY, stderr);
+    return human_status(Failure::internal);
+}
+
+}  // namespace
+
+const Printer HumanPrinter = {
+    .progress = progress,
+    .notice = human_notice,
+    .final = final,
+    .out_of_memory = out_of_memory,
+};
