@@ -3,7 +3,7 @@
 # missing. Runs apt-get through sudo when not root.
 set -euo pipefail
 
-packages=(g++ cmake ninja-build pkg-config libevent-dev nlohmann-json3-dev libgtest-dev
+packages=(g++ cmake ninja-build pkg-config libevent-dev nlohmann-json3-dev libgtest-dev libfyaml-dev
           python3 iproute2 "$@")
 
 missing=()
