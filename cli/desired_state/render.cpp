@@ -95,7 +95,7 @@ std::string yaml_scalar(std::string_view text) {
         } else if (code_point == '"' || code_point == '\\') {
             out += '\\';
             out += static_cast<char>(code_point);
-        } else if (is_dangerous(code_point) || code_point == 0xFEFF || code_point >= 0xFFFE) {
+        } else if (is_dangerous(code_point)) {
             append_escape(out, code_point);
         } else {
             out.append(text.substr(i, length));

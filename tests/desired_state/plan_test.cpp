@@ -85,16 +85,16 @@ TEST(Plan, ServicesTheFileDoesNotName) {
 
 TEST(Plan, ProxyActions) {
     const AgentProxy agent{
-        .type = "SOCKS5", .ip_address = "10.0.0.1", .port = 3128, .enabled = false};
+        .type = "Socks5", .ip_address = "10.0.0.1", .port = 3128, .enabled = false};
     // clang-format off
     const struct { const char* file; std::vector<std::string> expected; } cases[] = {
         {"{address: 10.0.0.1:3128, type: Socks5}",
-         {R"({"object": "proxy", "action": "unchanged", "before": {"address": "10.0.0.1:3128", "type": "SOCKS5", "enabled": false}, "after": {"address": "10.0.0.1:3128", "type": "SOCKS5"}})"}},
+         {R"({"object": "proxy", "action": "unchanged", "before": {"address": "10.0.0.1:3128", "type": "Socks5", "enabled": false}, "after": {"address": "10.0.0.1:3128", "type": "SOCKS5"}})"}},
         {"{address: 10.0.0.2:3128, type: HTTP, enabled: true}",
-         {R"({"object": "proxy", "action": "update", "before": {"address": "10.0.0.1:3128", "type": "SOCKS5"}, "after": {"address": "10.0.0.2:3128", "type": "HTTP"}})",
+         {R"({"object": "proxy", "action": "update", "before": {"address": "10.0.0.1:3128", "type": "Socks5"}, "after": {"address": "10.0.0.2:3128", "type": "HTTP"}})",
           R"({"object": "proxy", "action": "enable", "before": {"enabled": false}, "after": {"enabled": true}})"}},
         {"{address: 10.0.0.1:3128, type: socks5, enabled: false}",
-         {R"({"object": "proxy", "action": "unchanged", "before": {"address": "10.0.0.1:3128", "type": "SOCKS5", "enabled": false}, "after": {"address": "10.0.0.1:3128", "type": "SOCKS5", "enabled": false}})"}},
+         {R"({"object": "proxy", "action": "unchanged", "before": {"address": "10.0.0.1:3128", "type": "Socks5", "enabled": false}, "after": {"address": "10.0.0.1:3128", "type": "SOCKS5", "enabled": false}})"}},
     };
     // clang-format on
     for (const auto& c : cases) {

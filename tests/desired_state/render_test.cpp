@@ -17,7 +17,8 @@ AgentSnapshot awkward_agent() {
                            "line\nbreak\x1b]0;x\x07",
                            "\xe2\x80\xae"
                            "evil",
-                           "caf\xc3\xa9 \"q\" \\"};
+                           "caf\xc3\xa9 \"q\" \\",
+                           "\xef\xbf\xbe\xef\xbb\xbf"};
     const char* statuses[] = {"connected", "disconnected", "in progress", "error", "weird"};
     int port = 1;
     for (const char* name : names) {
@@ -44,7 +45,7 @@ TEST(DesiredStateRender, ExportRoundTrip) {
         ASSERT_TRUE(state.proxy.has_value());
         Plan plan = make_plan(state, agent, true);
         EXPECT_FALSE(plan.summary.pending()) << render_plan_text(plan) << text;
-        EXPECT_EQ(plan.summary.of(ChangeAction::unchanged), 8) << text;
+        EXPECT_EQ(plan.summary.of(ChangeAction::unchanged), 9) << text;
     }
 }
 
