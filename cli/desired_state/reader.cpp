@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <new>
+#include <unordered_map>
 
 #include "cli/desired_state/desired_state.h"
 #include "cli/desired_state/yaml_tree.h"
@@ -249,17 +250,17 @@ std::vector<DesiredService> read_services(const YamlNode& node) {
         refuse(node, "services: expected a mapping of service names to their settings, got " +
                          described(node));
     }
+    std::unordered_map<std::string_view, int> first_lines;  // a file may name thousands
     const auto& children = node.children;
     for (size_t i = 0; i < children.size(); i += 2) {
-        check_service_name(children[i]);
-        for (size_t j = 0; j < i; j += 2) {
-            if (children[j].text == children[i].text) {
-                refuse(children[i], "duplicate service " + quoted(children[i].text) +
-                                        " (first on line " + std::to_string(children[j].mark.line) +
-                                        ")");
-            }
+        const YamlNode& name = children[i];
+        check_service_name(name);
+        auto [first, added] = first_lines.emplace(name.text, name.mark.line);
+        if (!added) {
+            refuse(name, "duplicate service " + quoted(name.text) + " (first on line " +
+                             std::to_string(first->second) + ")");
         }
-        services.push_back(read_service(children[i], children[i + 1]));
+        services.push_back(read_service(name, children[i + 1]));
     }
     return services;
 }
