@@ -3,9 +3,9 @@
 # missing. Runs apt-get through sudo when not root.
 set -euo pipefail
 
-# ansible-core and python3-pytest: the Ansible collection's tests;
-# prometheus: promtool, which checks the metrics.
-packages=(g++ cmake ninja-build pkg-config libevent-dev nlohmann-json3-dev libgtest-dev
+# libfyaml-dev: the desired-state file; ansible-core and python3-pytest: the
+# Ansible collection's tests; prometheus: promtool, which checks the metrics.
+packages=(g++ cmake ninja-build pkg-config libevent-dev nlohmann-json3-dev libgtest-dev libfyaml-dev
           python3 iproute2 ansible-core python3-pytest prometheus "$@")
 
 missing=()

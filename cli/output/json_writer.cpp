@@ -113,3 +113,16 @@ std::string JsonWriter::object() const noexcept {
         return std::string();
     }
 }
+
+std::string json_array(const std::string* items, size_t count) noexcept {
+    try {
+        std::string out = "[";
+        for (size_t i = 0; i < count; i++) {
+            out += i == 0 ? "" : ", ";
+            out += items[i];
+        }
+        return out + "]";
+    } catch (const std::bad_alloc&) {
+        return std::string();
+    }
+}

@@ -33,3 +33,7 @@ private:
     std::string fields_;
     bool complete_ = true;
 };
+
+// `items`, each a complete JSON value, as one JSON array; empty when out of
+// memory.
+std::string json_array(const std::string* items, size_t count) noexcept;

@@ -5,7 +5,10 @@ the client sends and plays, for each received command, the actions that the
 script lists for it. A script maps a command name ("connection" for the
 announcement) to actions; "subscription" is answered with success unless the
 script says otherwise, other commands without actions get no answer, and
-actions under "handshake" replace the handshake answer.
+actions under "handshake" replace the handshake answer. A command that comes
+more than once on a connection (the steps of an apply) may play different
+actions each time (`turns`), and actions may answer from the request itself
+(`acknowledge`, `about_request`).
 """
 
 import json
@@ -95,6 +98,47 @@ def wait(seconds):
     return lambda _conn, _request: time.sleep(seconds)
 
 
+def request_names(request):
+    """The service names a request is about: "tenants" of connect and
+    disconnect, "name" of an add, "tenant_name" of an edit or a removal."""
+    data = request.get("data") or {}
+    names = data.get("tenants")
+    if isinstance(names, list):
+        return [n for n in names if isinstance(n, str)]
+    name = data.get("name", data.get("tenant_name"))
+    return [name] if isinstance(name, str) else []
+
+
+def acknowledge(ack=True, reason=None):
+    """Answers a connect or disconnect with one "ack" element per name asked."""
+    def element(name):
+        item = {"tenant_name": name, "ack": ack}
+        if reason is not None:
+            item["reason"] = reason
+        return json.dumps(item, ensure_ascii=False)
+    return lambda conn, request: send_json(conn, ap.response_message(
+        request["command"], request["id"], {"tenants": [element(n) for n in request_names(request)]}))
+
+
+def about_request(**fields):
+    """A "tenants_event" with one element per name the request is about,
+    each holding `fields` (status, synchronized, onion_address...)."""
+    return lambda conn, request: event(*[dict(tenant_name=n, **fields)
+                                         for n in request_names(request)])(conn, request)
+
+
+class turns(list):
+    """Actions per occurrence of a command on one connection: the first
+    request plays the first list, the second the second, and so on; the last
+    list plays again for any later one."""
+
+    def __init__(self, *action_lists):
+        super().__init__(action_lists)
+
+    def for_occurrence(self, number):
+        return self[min(number, len(self) - 1)] if self else []
+
+
 SUBSCRIBED = reply({"subscriptions": [
     {"subscription_name": "services_subscription", "result": True}]})
 
@@ -159,6 +203,7 @@ class FakeAgent:
         else:
             conn.handshake()
         conn.sock.settimeout(0.2)
+        seen = {}  # command -> how many times it came on this connection
         while True:
             try:
                 opcode, payload = conn.read_message()
@@ -180,6 +225,11 @@ class FakeAgent:
                     raise ap.ProtocolError("client sent bad JSON: %s" % err) from err
                 self.received.append(message)
                 conn.sock.settimeout(10.0)  # a slow reader may take a while to drain a send
-                for action in self.script.get(message.get("command"), []):
+                command = message.get("command")
+                actions = self.script.get(command, [])
+                if isinstance(actions, turns):
+                    actions = actions.for_occurrence(seen.get(command, 0))
+                seen[command] = seen.get(command, 0) + 1
+                for action in actions:
                     action(conn, message)
                 conn.sock.settimeout(0.2)

@@ -1,0 +1,215 @@
+// The plan: each desired service matched by name with the agent's, the
+// differences sorted into the groups a run carries out in turn.
+
+#include "cli/desired_state/plan.h"
+
+#include <string_view>
+#include <unordered_map>
+#include <unordered_set>
+
+namespace {
+
+// Changes in the groups of the plan's order, concatenated at the end.
+struct Groups {
+    std::vector<Change> creates, updates, toggles, removes, unchanged, not_managed;
+};
+
+// True for connected and in progress, false for disconnected, none else.
+std::optional<bool> enabled_by_status(const std::string& status) {
+    if (status == "connected" || status == "in progress") {
+        return true;
+    }
+    return status == "disconnected" ? std::optional<bool>(false) : std::nullopt;
+}
+
+std::string endpoint_text(const std::string& address, int64_t port) {
+    return address + ":" + std::to_string(port);
+}
+
+std::string upper_case(std::string text) {
+    for (char& c : text) {
+        c = c >= 'a' && c <= 'z' ? static_cast<char>(c - 32) : c;
+    }
+    return text;
+}
+
+// Everything the agent shows of a service.
+ChangeState agent_state(const AgentService& service) {
+    return ChangeState{.target = endpoint_text(service.ip_address, service.port),
+                       .virtual_port = service.virtual_port,
+                       .enabled = enabled_by_status(service.status),
+                       .status = service.status};
+}
+
+// Everything the file says of a service that the agent can show.
+ChangeState desired_state(const DesiredService& service) {
+    return ChangeState{.target = service.target.text(),
+                       .virtual_port = service.effective_virtual_port(),
+                       .enabled = service.enabled};
+}
+
+Change service_change(ChangeAction action, const std::string& name, size_t desired) {
+    return Change{
+        .object = ChangeObject::service, .action = action, .service = name, .desired = desired};
+}
+
+// The enable or disable that `want` asks of a service in `status` (empty
+// when the service is new), if any.
+std::optional<Change> toggle(const DesiredService& service, size_t index,
+                             const std::string* status) {
+    if (!service.enabled.has_value()) {
+        return std::nullopt;
+    }
+    std::optional<bool> now = status != nullptr ? enabled_by_status(*status) : false;
+    if (now == service.enabled) {
+        return std::nullopt;
+    }
+    Change change = service_change(*service.enabled ? ChangeAction::enable : ChangeAction::disable,
+                                   service.name, index);
+    change.before = ChangeState{.enabled = now};
+    if (status != nullptr) {
+        change.before->status = *status;
+    }
+    change.after = ChangeState{.enabled = service.enabled};
+    return change;
+}
+
+// The update, enable or disable, or unchanged entry of a service the agent has.
+void plan_existing(const DesiredService& service, size_t index, const AgentService& agent,
+                   Groups* groups) {
+    Change update = service_change(ChangeAction::update, service.name, index);
+    update.before.emplace();
+    update.after.emplace();
+    const std::string target_now = endpoint_text(agent.ip_address, agent.port);
+    if (target_now != service.target.text()) {
+        update.before->target = target_now;
+        update.after->target = service.target.text();
+    }
+    if (agent.virtual_port != service.effective_virtual_port()) {
+        update.before->virtual_port = agent.virtual_port;
+        update.after->virtual_port = service.effective_virtual_port();
+    }
+    const bool updated = update.before->target || update.before->virtual_port;
+    if (updated) {
+        groups->updates.push_back(std::move(update));
+    }
+    std::optional<Change> toggled = toggle(service, index, &agent.status);
+    if (toggled) {
+        groups->toggles.push_back(std::move(*toggled));
+    }
+    if (!updated && !toggled) {
+        Change same = service_change(ChangeAction::unchanged, service.name, index);
+        same.before = agent_state(agent);
+        same.after = desired_state(service);
+        groups->unchanged.push_back(std::move(same));
+    }
+}
+
+void plan_services(const DesiredState& desired, const AgentSnapshot& agent, bool prune,
+                   Groups* groups) {
+    std::unordered_map<std::string_view, const AgentService*> listed;
+    for (const AgentService& service : agent.services) {
+        listed.emplace(service.name, &service);  // the first of a name wins
+    }
+    std::unordered_set<std::string_view> named;
+    for (size_t i = 0; i < desired.services.size(); i++) {
+        const DesiredService& service = desired.services[i];
+        named.insert(service.name);
+        auto found = listed.find(service.name);
+        if (found != listed.end()) {
+            plan_existing(service, i, *found->second, groups);
+            continue;
+        }
+        Change create = service_change(ChangeAction::create, service.name, i);
+        create.after = desired_state(service);
+        groups->creates.push_back(std::move(create));
+        if (std::optional<Change> enable = toggle(service, i, nullptr)) {
+            groups->toggles.push_back(std::move(*enable));
+        }
+    }
+    for (const AgentService& service : agent.services) {
+        if (named.count(service.name) != 0 || listed[service.name] != &service) {
+            continue;
+        }
+        Change change{.object = ChangeObject::service,
+                      .action = prune ? ChangeAction::remove : ChangeAction::not_managed,
+                      .service = service.name,
+                      .before = agent_state(service)};
+        (prune ? groups->removes : groups->not_managed).push_back(std::move(change));
+    }
+}
+
+void plan_proxy(const DesiredProxy& desired, const std::optional<AgentProxy>& agent,
+                Groups* groups) {
+    Change update{.object = ChangeObject::proxy, .action = ChangeAction::update};
+    update.after.emplace();
+    if (agent) {
+        update.before.emplace();
+    }
+    const std::string address_now = agent ? endpoint_text(agent->ip_address, agent->port) : "";
+    if (!agent || address_now != desired.address.text()) {
+        update.after->address = desired.address.text();
+        if (agent) {
+            update.before->address = address_now;
+        }
+    }
+    if (!agent || upper_case(agent->type) != desired.type) {
+        update.after->type = desired.type;
+        if (agent) {
+            update.before->type = agent->type;
+        }
+    }
+    const bool updated = update.after->address || update.after->type;
+    if (updated) {
+        groups->updates.push_back(std::move(update));
+    }
+    const std::optional<bool> now = agent ? std::optional<bool>(agent->enabled) : std::nullopt;
+    const bool toggled = desired.enabled.has_value() && desired.enabled != now;
+    if (toggled) {
+        Change change{.object = ChangeObject::proxy,
+                      .action = *desired.enabled ? ChangeAction::enable : ChangeAction::disable,
+                      .before = ChangeState{.enabled = now},
+                      .after = ChangeState{.enabled = desired.enabled}};
+        groups->toggles.push_back(std::move(change));
+    }
+    if (!updated && !toggled) {
+        groups->unchanged.push_back(Change{
+            .object = ChangeObject::proxy,
+            .action = ChangeAction::unchanged,
+            .before = ChangeState{.address = address_now, .type = agent->type, .enabled = now},
+            .after = ChangeState{.address = desired.address.text(),
+                                 .type = desired.type,
+                                 .enabled = desired.enabled}});
+    }
+}
+
+}  // namespace
+
+const char* change_action_name(ChangeAction action) {
+    constexpr std::array<const char*, CHANGE_ACTION_COUNT> kNames{
+        "create", "update", "enable", "disable", "remove", "unchanged", "not_managed"};
+    return kNames[static_cast<size_t>(action)];
+}
+
+bool PlanSummary::pending() const {
+    return of(ChangeAction::create) + of(ChangeAction::update) + of(ChangeAction::enable) +
+               of(ChangeAction::disable) + of(ChangeAction::remove) >
+           0;
+}
+
+Plan make_plan(const DesiredState& desired, const AgentSnapshot& agent, bool prune) {
+    Groups groups;
+    plan_services(desired, agent, prune, &groups);
+    if (desired.proxy) {
+        plan_proxy(*desired.proxy, agent.proxy, &groups);
+    }
+    Plan plan;
+    for (std::vector<Change>* group : {&groups.creates, &groups.updates, &groups.toggles,
+                                       &groups.removes, &groups.unchanged, &groups.not_managed}) {
+        for (Change& change : *group) {
+            plan.summary.add(change.action);
+            plan.changes.push_back(std::move(change));
+        }
+    }
+    return plan;
+}

@@ -1,0 +1,91 @@
+// Plan: what must change for an agent to match a DesiredState, as an
+// ordered list of changes, each with what it shows before and after. Pure:
+// the agent's state comes in as values read from its listing and its proxy
+// query.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "cli/desired_state/desired_state.h"
+
+// One element of the agent's listing, as read (untrusted text).
+struct AgentService {
+    std::string name{};
+    std::string status{};  // "connected", "in progress", "disconnected", "error", ...
+    std::string ip_address{};
+    int64_t port = 0;
+    int64_t virtual_port = 0;
+};
+
+// The agent's answer to the proxy query.
+struct AgentProxy {
+    std::string type{};
+    std::string ip_address{};
+    int64_t port = 0;
+    bool enabled = false;
+};
+
+struct AgentSnapshot {
+    std::vector<AgentService> services{};  // in listing order
+    std::optional<AgentProxy> proxy{};     // absent when it was not asked for
+};
+
+enum class ChangeObject { service, proxy };
+// In the order of the summary's counts.
+enum class ChangeAction { create, update, enable, disable, remove, unchanged, not_managed };
+constexpr size_t CHANGE_ACTION_COUNT = 7;
+
+// The word for an action in JSON and in messages: "create" ... "not_managed".
+const char* change_action_name(ChangeAction action);
+
+// One side of a change; only the fields it shows are set.
+struct ChangeState {
+    std::optional<std::string> target{};    // a service's "ip_address:port"
+    std::optional<int64_t> virtual_port{};  // a service's
+    std::optional<std::string> address{};   // the proxy's "ip_address:port"
+    std::optional<std::string> type{};      // the proxy's
+    std::optional<bool> enabled{};
+    std::optional<std::string> status{};  // the agent's status word, read before
+};
+
+struct Change {
+    ChangeObject object = ChangeObject::service;
+    ChangeAction action = ChangeAction::unchanged;
+    std::string service{};                // empty for the proxy
+    std::optional<ChangeState> before{};  // absent for create
+    std::optional<ChangeState> after{};   // absent for remove and not_managed
+    // The file's service that a create, update, enable or disable carries
+    // out: an index into DesiredState::services.
+    std::optional<size_t> desired{};
+};
+
+struct PlanSummary {
+    std::array<int, CHANGE_ACTION_COUNT> counts{};
+
+    void add(ChangeAction action) { counts[static_cast<size_t>(action)]++; }
+    int of(ChangeAction action) const { return counts[static_cast<size_t>(action)]; }
+    // True when a create, update, enable, disable or remove is counted.
+    bool pending() const;
+};
+
+struct Plan {
+    // Creates; updates (services in file order, then the proxy); enables and
+    // disables (likewise); removes (agent order); unchanged (file order,
+    // then the proxy); not_managed (agent order).
+    std::vector<Change> changes{};
+    PlanSummary summary;
+};
+
+// How `agent` must change to match `desired`. Services the agent has and
+// the file does not name are removed with `prune`, else left alone as
+// not_managed. A service counts as enabled when its status is "connected"
+// or "in progress" and as disabled when "disconnected"; any other status
+// plans an enable or a disable whenever the file names `enabled`. Clear
+// services never cause an update: they cannot be read back. A name the
+// agent lists twice is planned once. May throw std::bad_alloc.
+Plan make_plan(const DesiredState& desired, const AgentSnapshot& agent, bool prune);
