@@ -25,6 +25,9 @@ constexpr const char* NO_ANSWER_IN_TIME = "Transfer Agent did not answer within 
 constexpr const char* NOT_AN_AGENT =
     "The program listening on 127.0.0.1:11038 is not a Transfer Agent";
 constexpr const char* AGENT_BUSY = "Transfer Agent is serving another client";
+// The agent did not answer, whatever the reason; the tool's own failures (a
+// file that cannot be written) keep the failure table's status.
+constexpr int AGENT_DOWN_STATUS = 3;
 
 // What this run saw, filled as the answers come; the clock starts before the
 // connection.
@@ -83,13 +86,15 @@ void write_or_fail(const std::string& text) {
     const char* path = running().invocation->metrics_file;
     if (running().invocation->command == CommandId::metrics) {
         Outcome outcome = Outcome::fail(failure, Message().say(why).say(".\n"));
-        outcome.human = HumanException{Message().say(text), outcome.text, 3};
+        outcome.human = HumanException{Message().say(text), outcome.text, AGENT_DOWN_STATUS};
         finish(outcome);
     }
     write_or_fail(text);
-    finish(Outcome::fail(
+    Outcome outcome = Outcome::fail(
         failure, Message().say(why).say(": wrote sylvane_agent_up 0 to ").quote(path).say(".\n"),
-        JsonWriter().text("file", path).boolean("agent_up", false)));
+        JsonWriter().text("file", path).boolean("agent_up", false));
+    outcome.human = HumanException{{}, outcome.text, AGENT_DOWN_STATUS};
+    finish(outcome);
 }
 
 }  // namespace
