@@ -198,13 +198,17 @@ def run_node_exporter(_name, binary):
     return faults
 
 
-# Exact outputs: --metrics --json is refused; --ver still abbreviates --version.
+# Exact outputs: --metrics --json is refused, a file that cannot be written is the tool's
+# failure (status 1, not the agent's 3); --ver still abbreviates --version.
 EXACT = [
     Case("metrics_json_refused", ["--metrics", "--json"], status=2, stdout=(
         '{"version": 1, "ok": false, "error": "usage", "message": "--metrics writes '
         "Prometheus's text format; with --json, use --metrics-file.\"}\n"), connects=False),
     Case("metrics_file_empty_name", ["--metrics-file", ""], status=1,
          stderr="--metrics-file needs a file name.\n", agent=SERVICES, connects=False),
+    Case("metrics_file_unwritable", ["--metrics-file", "/nonexistent/sylvane.prom"], status=1,
+         stderr="Could not create a temporary file beside /nonexistent/sylvane.prom: No such file "
+         "or directory.\n", agent=SERVICES),
     Case("version_abbreviated", ["--ver"], stdout="sylvane-service 0.1.0\n", connects=False),
     Case("verbose_alone_is_no_command", ["--verbose"], stdout=USAGE, connects=False),
 ]
