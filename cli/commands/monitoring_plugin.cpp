@@ -84,6 +84,8 @@ double elapsed_seconds() {
     conclude(Session.closed_for_good() ? AgentContact::malformed : AgentContact::silent);
 }
 
+// The get_tenants answer: the services it lists (elements that cannot be
+// read left out), and the time from the connection attempt to it.
 void on_listing(JsonValue* data) {
     try {
         const double seconds = elapsed_seconds();
@@ -107,6 +109,7 @@ void on_listing(JsonValue* data) {
     }
 }
 
+// The session's hooks and the -t timer: each ends the run with its verdict.
 void on_deadline(evutil_socket_t, short, void*) {
     conclude_unanswered();
 }
