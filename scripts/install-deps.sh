@@ -4,9 +4,10 @@
 set -euo pipefail
 
 # libfyaml-dev: the desired-state file; ansible-core and python3-pytest: the
-# Ansible collection's tests; prometheus: promtool, which checks the metrics.
+# Ansible collection's tests; prometheus: promtool, which checks the metrics;
+# prometheus-node-exporter: its textfile collector serves the metrics file in a test.
 packages=(g++ cmake ninja-build pkg-config libevent-dev nlohmann-json3-dev libgtest-dev libfyaml-dev
-          python3 iproute2 ansible-core python3-pytest prometheus "$@")
+          python3 iproute2 ansible-core python3-pytest prometheus prometheus-node-exporter "$@")
 
 missing=()
 for p in "${packages[@]}"; do

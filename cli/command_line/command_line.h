@@ -1,7 +1,9 @@
 // Reading the command line into an Invocation. Any scripting option
-// (--json, --version, --events, --check, --wait, --no-wait) selects the
-// strict reading; otherwise the human reading reads it as the tool always
-// has. Neither runs anything, and neither judges more than it must: the
+// (--json, --version, --events, --check, --wait, --no-wait, --metrics,
+// --metrics-file) selects the strict reading; otherwise the human reading
+// reads it as the tool always has. --verbose selects neither: both readings
+// take it, and the count comes from a first pass over the whole line.
+// Neither reading runs anything, and neither judges more than it must: the
 // strict reading's rules are the command rows' (cli/commands/).
 #pragma once
 

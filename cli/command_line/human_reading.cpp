@@ -126,6 +126,8 @@ Invocation read_humanly(int argc, char** argv) {
             case OPTION_AGENT_UID:
                 in.agent_uid = optarg;
                 break;
+            case OPTION_VERBOSE:
+                break;  // counted by read_command_line
             case 'h':
             case 'l':
             case 'g':

@@ -25,6 +25,8 @@ enum class CommandId {
     save_traceability,
     events,
     check,
+    metrics,       // --metrics: the exposition on standard output
+    metrics_file,  // --metrics-file PATH: the same, written atomically
 };
 
 enum class Reading {
@@ -53,6 +55,8 @@ struct Invocation {
     std::vector<const char*> words;
     const char* wait = nullptr;  // --wait's text
     bool no_wait = false;
+    const char* metrics_file = nullptr;  // --metrics-file's path
+    int verbosity = 0;                   // how many --verbose, wherever they stand
 
     // What only the strict reading judges.
     int commands_named = 0;      // how many commands the line named

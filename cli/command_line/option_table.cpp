@@ -89,8 +89,16 @@ constexpr OptionRow OPTION_TABLE_ROWS[] = {
     {"wait", 0, true, K::flag, true, C::help, OPTION_WAIT, nullptr},
     {"no-wait", 0, false, K::flag, true, C::help, OPTION_NO_WAIT, nullptr},
     {"check", 0, false, K::command, true, C::check, OPTION_CHECK, nullptr},
+    // Read by both readings wherever it stands; counted, never a command.
+    {"verbose", 0, false, K::flag, false, C::help, OPTION_VERBOSE, nullptr},
+    {"metrics", 0, false, K::command, true, C::metrics, OPTION_METRICS, nullptr},
+    {"metrics-file", 0, true, K::command, true, C::metrics_file, OPTION_METRICS_FILE, nullptr},
 };
 // clang-format on
+
+// "--v", "--ve" and "--ver" meant --version before --verbose made them
+// ambiguous, and still mean it.
+constexpr const char* VERSION_ABBREVIATIONS[] = {"v", "ve", "ver"};
 
 std::span<const OptionRow> option_table() {
     return OPTION_TABLE_ROWS;
@@ -124,6 +132,9 @@ GetoptArray getopt_options(bool scripting) {
         if (row.exact_alias != nullptr) {
             add(row.exact_alias, row);
         }
+    }
+    for (const char* abbreviation : VERSION_ABBREVIATIONS) {
+        add(abbreviation, *option_by_value(OPTION_VERSION));
     }
     for (const OptionRow& row : OPTION_TABLE_ROWS) {
         if (scripting && row.scripting) {

@@ -51,6 +51,9 @@ enum LongOnlyValue : int {
     OPTION_WAIT,
     OPTION_NO_WAIT,
     OPTION_CHECK,
+    OPTION_VERBOSE,
+    OPTION_METRICS,
+    OPTION_METRICS_FILE,
 };
 
 // The table, in getopt order: the human interface's options first (as it
@@ -62,7 +65,7 @@ const OptionRow* option_by_value(int value);
 
 // A getopt_long array: every option of the table (`scripting` true) or the
 // human interface's only, then the all-zero end.
-constexpr size_t GETOPT_CAPACITY = 32;
+constexpr size_t GETOPT_CAPACITY = 48;
 using GetoptArray = std::array<struct option, GETOPT_CAPACITY>;
 GetoptArray getopt_options(bool scripting);
 

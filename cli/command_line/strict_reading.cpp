@@ -67,6 +67,9 @@ void take(Invocation* in, int value) {
         case OPTION_NO_WAIT:
             in->no_wait = true;
             break;
+        case OPTION_METRICS_FILE:
+            in->metrics_file = optarg;
+            break;
         default:
             break;
     }
@@ -95,10 +98,20 @@ Invocation read_strictly(int argc, char** argv) {
     return in;
 }
 
+namespace {
+
+// What a first pass over the whole line finds: whether it holds a
+// scripting option, and how many --verbose it holds (both readings stop
+// early or skip, so neither can count them).
+struct LineScan {
+    bool strict = false;
+    int verbosity = 0;
+};
+
 // getopt permutes what it reads: the scan reads a copy, so the reading
 // proper later sees argv as it came. The copy lives on the stack for usual
 // command lines.
-bool wants_strict_reading(int argc, char** argv) {
+LineScan scan_line(int argc, char** argv) {
     GetoptArray options = getopt_options(true);
     char* on_stack[STACK_ARGUMENTS];
     std::vector<char*> on_heap;
@@ -111,20 +124,27 @@ bool wants_strict_reading(int argc, char** argv) {
     const int reporting = opterr;
     opterr = 0;
     optind = 0;
-    bool found = false;
+    LineScan found;
     int value;
     while ((value = getopt_long(argc, copy, SHORT_OPTIONS, options.data(), nullptr)) != -1) {
         const OptionRow* row = option_by_value(value);
-        found = found || (row != nullptr && row->scripting);
+        found.strict = found.strict || (row != nullptr && row->scripting);
+        found.verbosity += value == OPTION_VERBOSE ? 1 : 0;
     }
     opterr = reporting;
     optind = 0;
     return found;
 }
 
+}  // namespace
+
+bool wants_strict_reading(int argc, char** argv) {
+    return scan_line(argc, argv).strict;
+}
+
 Invocation read_command_line(int argc, char** argv) {
-    if (argc >= 2 && wants_strict_reading(argc, argv)) {
-        return read_strictly(argc, argv);
-    }
-    return read_humanly(argc, argv);
+    const LineScan scan = argc >= 2 ? scan_line(argc, argv) : LineScan{};
+    Invocation in = scan.strict ? read_strictly(argc, argv) : read_humanly(argc, argv);
+    in.verbosity = scan.verbosity;
+    return in;
 }

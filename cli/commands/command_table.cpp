@@ -102,6 +102,18 @@ constexpr CommandRow COMMANDS[] = {
      .on_over = check_over,
      .attempts = SINGLE_ATTEMPT, .needs = "", .accepts = "",
      .human_failure_status = WATCH_FAILURE},
+    {.id = CommandId::metrics, .shown_as = "--metrics", .prepare = start_metrics,
+     .agent_command = "get_tenants", .build = build_empty_request,
+     .on_answer = guarded<metrics_tenants_answer>,
+     .timeout_seconds = 4, .on_timeout = metrics_failed, .on_gave_up = metrics_failed,
+     .on_over = metrics_over, .on_busy = metrics_busy,
+     .attempts = SINGLE_ATTEMPT, .needs = "", .accepts = ""},
+    {.id = CommandId::metrics_file, .shown_as = "--metrics-file", .prepare = start_metrics,
+     .agent_command = "get_tenants", .build = build_empty_request,
+     .on_answer = guarded<metrics_tenants_answer>,
+     .timeout_seconds = 4, .on_timeout = metrics_failed, .on_gave_up = metrics_failed,
+     .on_over = metrics_over, .on_busy = metrics_busy,
+     .attempts = SINGLE_ATTEMPT, .needs = "", .accepts = ""},
 };
 // clang-format on
 

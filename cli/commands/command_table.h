@@ -36,6 +36,8 @@ struct CommandRow {
     // answer was unusable (silent, status 0, in the human interface).
     void (*on_over)() = nullptr;
     void (*before_run)() = nullptr;  // extra watches (signals, the latency clock); null: none
+    // The agent serves another client. Null: the busy message, as a failure.
+    void (*on_busy)() = nullptr;
     int32_t attempts = 0;
 
     // The strict reading's rules: option letters the command needs and

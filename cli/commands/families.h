@@ -1,7 +1,8 @@
 // The handlers of each family of commands, as the command table names
 // them: services.cpp (add, edit, remove, list), follow_up.cpp (enable,
 // disable), settings.cpp (proxy, audit, traceability), watch.cpp
-// (--events), check.cpp (--check), tool.cpp (help, version).
+// (--events), check.cpp (--check), metrics.cpp (--metrics, --metrics-file),
+// tool.cpp (help, version).
 #pragma once
 
 #include "cli/command_line/invocation.h"
@@ -49,6 +50,14 @@ void* start_check_clock(const Invocation& in);
 void check_answer(JsonValue* data);
 void check_failed();
 [[noreturn]] void check_over();
+
+// metrics.cpp
+void* start_metrics(const Invocation& in);
+void metrics_tenants_answer(JsonValue* data);
+void metrics_proxy_answer(JsonValue* data);
+void metrics_failed();
+void metrics_busy();
+void metrics_over();
 
 // tool.cpp
 [[noreturn]] void print_help(const Invocation& in);

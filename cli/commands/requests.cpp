@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "cli/agent/tenants.h"
+#include "cli/observe/trace.h"
 
 namespace {
 
@@ -27,8 +28,11 @@ JsonValue* build_name_list_request(const char* name, bool release_list) {
 
 }  // namespace
 
+// The key is hidden from the trace before the request exists, so that no
+// line written from here on can show it.
 JsonValue* build_add_request(void* argument) {
     auto* request = static_cast<ServiceRequest*>(argument);
+    hide_in_trace(request->api_key);
     JsonValue* data = json_create_json_object();
     json_add_string_child(data, "method", "api_key");
     json_add_string_child(data, "value", request->api_key);

@@ -24,6 +24,10 @@ void timed_out() {
 }
 
 void busy() {
+    if (command.row->on_busy != nullptr) {
+        command.row->on_busy();
+        return;
+    }
     without_running_out([] { fail_about_service(Failure::busy, BUSY_MESSAGE); });
 }
 

@@ -149,6 +149,9 @@ void refuse_unless_well_formed(const CommandRow& row, const Invocation& in) {
     check_options(row, in);
     check_words(in);
     check_waiting(row, in);
+    if (in.json && in.command == CommandId::metrics) {
+        usage_error("--metrics writes Prometheus's text format; with --json, use --metrics-file.");
+    }
     if ((in.api_key_file != nullptr || in.agent_uid != nullptr) && in.command != CommandId::add) {
         usage_error("--api-key-file and --agent-uid apply to -a only.");
     }

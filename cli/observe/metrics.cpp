@@ -30,7 +30,8 @@ size_t status_index(const std::string& status) {
 }
 
 // `text` as a quoted label value: backslash, quote and line feed escaped,
-// each byte that does not belong to UTF-8 replaced by U+FFFD.
+// each byte that does not belong to UTF-8 and each other character a
+// terminal would act on replaced by U+FFFD (--metrics may print to one).
 std::string label_value(const std::string& text) {
     std::string out = "\"";
     const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
@@ -47,6 +48,8 @@ std::string label_value(const std::string& text) {
             out += static_cast<char>(code_point);
         } else if (code_point == '\n') {
             out += "\\n";
+        } else if (utf8_is_control(code_point)) {
+            out += REPLACEMENT;
         } else {
             out.append(text, i, sequence);
         }
@@ -89,16 +92,17 @@ void services_by_status(std::string& out, const std::vector<MetricsService>& ser
     }
 }
 
-// The state set and the info series, one set per service name.
+// The state set and the info series, one set per service name as written
+// (two names that differ only in replaced characters share one).
 void per_service(std::string& out, const std::vector<MetricsService>& services) {
     std::unordered_set<std::string> written;
     std::string states;
     std::string infos;
     for (const MetricsService& service : services) {
-        if (!written.insert(service.name).second) {
+        const std::string name = "service=" + label_value(service.name);
+        if (!written.insert(name).second) {
             continue;
         }
-        const std::string name = "service=" + label_value(service.name);
         const size_t current = status_index(service.status);
         for (size_t i = 0; i < STATUS_COUNT; ++i) {
             sample(states, "sylvane_service_status",

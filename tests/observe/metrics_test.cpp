@@ -82,13 +82,15 @@ TEST(Metrics, RendersEachStateExactly) {
              "sylvane_proxy_info{address=\"192.168.1.10:1080\",type=\"SOCKS5\"} 1\n" +
              kBuild},
         {"hostile names", hostile_names(),
-         kUp + "sylvane_agent_up 1\n" + kTime + counts(1, 0, 0, 1, 0) + kStatusHead +
+         kUp + "sylvane_agent_up 1\n" + kTime + counts(3, 0, 0, 1, 0) + kStatusHead +
              states(R"(service="a\"b\\c\nd")", 0) +
-             states(R"(service="} 1\nsylvane_agent_up 0")", 3) + kInfoHead +
+             states(R"(service="} 1\nsylvane_agent_up 0")", 3) +
+             states("service=\"z\xEF\xBF\xBD\"", 0) + kInfoHead +
              R"(sylvane_service_info{service="a\"b\\c\nd",uuid="u\"1",onion_address="x\\"} 1)"
              "\n"
              R"(sylvane_service_info{service="} 1\nsylvane_agent_up 0",uuid=")"
-             "\xEF\xBF\xBD\xEF\xBF\xBD\",onion_address=\"\x1b]0;t\a\"} 1\n" +
+             "\xEF\xBF\xBD\xEF\xBF\xBD\",onion_address=\"\xEF\xBF\xBD]0;t\xEF\xBF\xBD\"} 1\n"
+             "sylvane_service_info{service=\"z\xEF\xBF\xBD\",uuid=\"\",onion_address=\"\"} 1\n" +
              kBuild},
     };
     for (const auto& c : cases) {

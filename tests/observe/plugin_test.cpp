@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -88,67 +87,8 @@ TEST(PluginArguments, ReadsTheGuidelinesOptions) {
     }
 }
 
-PluginArguments with(std::initializer_list<const char*> words) {
-    std::vector<std::string> list(words.begin(), words.end());
-    PluginArguments arguments;
-    std::string error;
-    EXPECT_EQ(parse(list, &arguments, &error), 0) << error;
-    return arguments;
-}
-
 PluginObservation answered(double seconds, std::vector<PluginService> services) {
     return PluginObservation{AgentContact::answered, seconds, std::move(services)};
-}
-
-const std::vector<PluginService> kServices = {
-    {"web", "connected"}, {"db", "in progress"}, {"mail", "disconnected"}, {"ftp", "error"}};
-const std::string kPerformance =
-    " 'services_connected'=1;;;0 'services_in_progress'=1;;;0 'services_disconnected'=1;;;0 "
-    "'services_error'=1;;;0 'services_other'=0;;;0";
-
-// The verdict and the whole line for the states a monitor must tell apart.
-TEST(PluginVerdict, StateAndLineForEachSituation) {
-    const struct {
-        PluginArguments arguments;
-        PluginObservation observation;
-        PluginState state;
-        std::string line;
-    } cases[] = {
-        {with({}), answered(0.0042, kServices), PLUGIN_OK,
-         "SYLVANE OK - answered in 0.004 s, 1 of 4 services connected | "
-         "'time'=0.004200s;;;0;10" +
-             kPerformance},
-        {with({"-w", "1", "-c", "2", "-t", "5"}), answered(1.5, kServices), PLUGIN_WARNING,
-         "SYLVANE WARNING - answer took 1.500 s (warning 1), 1 of 4 services connected | "
-         "'time'=1.500000s;1;2;0;5" +
-             kPerformance},
-        {with({"-w", "1", "-c", "2"}), answered(2.5, kServices), PLUGIN_CRITICAL,
-         "SYLVANE CRITICAL - answer took 2.500 s (critical 2), 1 of 4 services connected | "
-         "'time'=2.500000s;1;2;0;10" +
-             kPerformance},
-        {with({"--service", "web", "--service", "db"}), answered(0.001, kServices), PLUGIN_WARNING,
-         "SYLVANE WARNING - db enabling; answered in 0.001 s, 1 of 4 services connected | "
-         "'time'=0.001000s;;;0;10" +
-             kPerformance},
-        {with({"--service", "db", "--service", "ftp", "--service", "gone", "--service", "mail"}),
-         answered(0.001, kServices), PLUGIN_CRITICAL,
-         "SYLVANE CRITICAL - ftp error, gone missing, mail disconnected, db enabling; ... | "
-         "'time'=0.001000s;;;0;10" +
-             kPerformance},
-        {with({"-t", "3"}), PluginObservation{AgentContact::silent, 0, {}}, PLUGIN_CRITICAL,
-         "SYLVANE CRITICAL - no answer from the agent within 3 s"},
-        {with({}), PluginObservation{AgentContact::refused, 0, {}}, PLUGIN_CRITICAL,
-         "SYLVANE CRITICAL - no agent listening on 127.0.0.1:11038"},
-        {with({}), PluginObservation{AgentContact::busy, 0, {}}, PLUGIN_UNKNOWN,
-         "SYLVANE UNKNOWN - agent busy with another client"},
-        {with({}), PluginObservation{AgentContact::malformed, 0, {}}, PLUGIN_CRITICAL,
-         "SYLVANE CRITICAL - the agent's answer could not be read"},
-    };
-    for (const auto& c : cases) {
-        const PluginVerdict verdict = plugin_verdict(c.arguments, c.observation);
-        EXPECT_EQ(verdict.state, c.state) << c.line;
-        EXPECT_EQ(verdict.line, c.line);
-    }
 }
 
 // A name from the agent cannot add a line, reach the performance data or

@@ -28,10 +28,13 @@ inline MetricsSnapshot every_status() {
     return snapshot;
 }
 
-// Names an agent or a local user could choose to break the format.
+// Names an agent or a local user could choose to break the format or drive
+// a terminal; the last two differ only in characters that are replaced.
 inline MetricsSnapshot hostile_names() {
     MetricsSnapshot snapshot = no_services();
     snapshot.services = {{"a\"b\\c\nd", "u\"1", "connected", "x\\"},
-                         {"} 1\nsylvane_agent_up 0", "\xff\xfe", "error", "\x1b]0;t\a"}};
+                         {"} 1\nsylvane_agent_up 0", "\xff\xfe", "error", "\x1b]0;t\a"},
+                         {"z\x01", "", "connected", ""},
+                         {"z\x9b", "", "connected", ""}};
     return snapshot;
 }

@@ -22,6 +22,7 @@ doc=./usr/share/doc/sylvane-service
 collections=/usr/share/ansible/collections
 collection=.$collections/ansible_collections/sylvane/transfer_agent
 for path in ./usr/bin/sylvane-service ./usr/share/man/man1/sylvane-service.1.gz \
+    "./usr/lib/nagios/plugins/check_sylvane -> ../../../bin/sylvane-service" \
     ./usr/share/bash-completion/completions/sylvane-service \
     ./usr/share/zsh/vendor-completions/_sylvane-service \
     ./usr/share/fish/vendor_completions.d/sylvane-service.fish \
@@ -57,6 +58,12 @@ done
 zcat "$work/root/usr/share/man/man1/sylvane-service.1.gz" | cmp -s - "$source/docs/sylvane-service.1" ||
     fail "packaged man page differs from docs/sylvane-service.1"
 usage=$("$work/root/usr/bin/sylvane-service" -h) || fail "packaged binary: -h exited non-zero"
+# The monitoring plugin is the binary under its own name, where Debian keeps plugins.
+plugin=$work/root/usr/lib/nagios/plugins/check_sylvane
+[[ $(readlink "$plugin") == ../../../bin/sylvane-service ]] ||
+    fail "check_sylvane is not a relative link to the binary: $(readlink "$plugin")"
+[[ $("$plugin" -V) == "check_sylvane (sylvane-service $(field Version | cut -d- -f1))" ]] ||
+    fail "packaged check_sylvane -V: $("$plugin" -V)"
 [[ $usage == Usage:* ]] || fail "packaged binary does not print its usage"
 
 # ansible-doc finds the modules in the unpacked tree at the default place.
