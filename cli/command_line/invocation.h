@@ -25,6 +25,9 @@ enum class CommandId {
     save_traceability,
     events,
     check,
+    diff,          // --diff FILE, and --apply FILE --dry-run
+    apply,         // --apply FILE
+    export_state,  // --export
 };
 
 enum class Reading {
@@ -53,6 +56,9 @@ struct Invocation {
     std::vector<const char*> words;
     const char* wait = nullptr;  // --wait's text
     bool no_wait = false;
+    const char* desired_file = nullptr;  // --diff's or --apply's FILE ("-": standard input)
+    bool prune = false;                  // --prune
+    bool dry_run = false;                // --dry-run
 
     // What only the strict reading judges.
     int commands_named = 0;      // how many commands the line named

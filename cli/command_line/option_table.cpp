@@ -89,8 +89,16 @@ constexpr OptionRow OPTION_TABLE_ROWS[] = {
     {"wait", 0, true, K::flag, true, C::help, OPTION_WAIT, nullptr},
     {"no-wait", 0, false, K::flag, true, C::help, OPTION_NO_WAIT, nullptr},
     {"check", 0, false, K::command, true, C::check, OPTION_CHECK, nullptr},
+    {"diff", 0, true, K::command, true, C::diff, OPTION_DIFF, nullptr},
+    {"apply", 0, true, K::command, true, C::apply, OPTION_APPLY, nullptr},
+    {"export", 0, false, K::command, true, C::export_state, OPTION_EXPORT, nullptr},
+    {"prune", 0, false, K::flag, true, C::help, OPTION_PRUNE, nullptr},
+    {"dry-run", 0, false, K::flag, true, C::help, OPTION_DRY_RUN, nullptr},
 };
 // clang-format on
+
+// Every row, the two exact aliases and the all-zero end must fit.
+static_assert(std::size(OPTION_TABLE_ROWS) + 3 <= GETOPT_CAPACITY);
 
 std::span<const OptionRow> option_table() {
     return OPTION_TABLE_ROWS;

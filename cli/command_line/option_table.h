@@ -19,7 +19,7 @@ constexpr const char* SHORT_OPTIONS = "hla:e:p:f:k:r:s:d:e:u:c:t:g";
 enum class OptionKind {
     command,  // names the command (-a, -e, -c also give a value)
     value,    // gives the command a value
-    flag,     // changes how the run goes (--json, --wait, --no-wait)
+    flag,     // changes how the run goes (--json, --wait, --no-wait, --prune, --dry-run)
 };
 
 struct OptionRow {
@@ -51,6 +51,11 @@ enum LongOnlyValue : int {
     OPTION_WAIT,
     OPTION_NO_WAIT,
     OPTION_CHECK,
+    OPTION_DIFF,
+    OPTION_APPLY,
+    OPTION_EXPORT,
+    OPTION_PRUNE,
+    OPTION_DRY_RUN,
 };
 
 // The table, in getopt order: the human interface's options first (as it
@@ -62,7 +67,7 @@ const OptionRow* option_by_value(int value);
 
 // A getopt_long array: every option of the table (`scripting` true) or the
 // human interface's only, then the all-zero end.
-constexpr size_t GETOPT_CAPACITY = 32;
+constexpr size_t GETOPT_CAPACITY = 40;
 using GetoptArray = std::array<struct option, GETOPT_CAPACITY>;
 GetoptArray getopt_options(bool scripting);
 

@@ -102,6 +102,28 @@ constexpr CommandRow COMMANDS[] = {
      .on_over = check_over,
      .attempts = SINGLE_ATTEMPT, .needs = "", .accepts = "",
      .human_failure_status = WATCH_FAILURE},
+    // The desired-state commands time each request themselves: the reads
+    // and the steps without events take this row's 4 s, the creates,
+    // enables and disables those of -a, -s and -d (or --wait).
+    {.id = CommandId::diff, .shown_as = "--diff", .prepare = prepare_desired,
+     .agent_command = "get_tenants", .build = build_empty_request,
+     .on_answer = guarded<desired_listing_answer>,
+     .timeout_seconds = 4, .times_itself = true, .on_timeout = desired_timed_out,
+     .on_gave_up = end_unreachable, .on_hung_up = desired_hung_up,
+     .attempts = TRANSFER_AGENT_ATTEMPTS, .needs = "", .accepts = "", .takes_prune = true},
+    {.id = CommandId::apply, .shown_as = "--apply", .prepare = prepare_desired,
+     .agent_command = "get_tenants", .build = build_empty_request,
+     .on_answer = guarded<desired_listing_answer>,
+     .timeout_seconds = 4, .times_itself = true, .on_timeout = desired_timed_out,
+     .on_gave_up = end_unreachable, .on_hung_up = desired_hung_up,
+     .attempts = TRANSFER_AGENT_ATTEMPTS, .needs = "", .accepts = "k",
+     .takes_wait = true, .takes_no_wait = true, .takes_prune = true, .takes_dry_run = true},
+    {.id = CommandId::export_state, .shown_as = "--export", .prepare = prepare_desired,
+     .agent_command = "get_tenants", .build = build_empty_request,
+     .on_answer = guarded<desired_listing_answer>,
+     .timeout_seconds = 4, .times_itself = true, .on_timeout = desired_timed_out,
+     .on_gave_up = end_unreachable, .on_hung_up = desired_hung_up,
+     .attempts = TRANSFER_AGENT_ATTEMPTS, .needs = "", .accepts = ""},
 };
 // clang-format on
 

@@ -193,9 +193,9 @@ int final(const Outcome& outcome, int human_failure_status) {
         print_proxy(*outcome.proxy);
         return 0;
     }
-    if (outcome.failure == Failure::none) {
+    if (failure_code(outcome.failure) == nullptr) {
         write_checked(stdout, outcome.text.shown());
-        return 0;
+        return human_status(outcome.failure);
     }
     write_checked(stderr, outcome.text.shown());
     return human_failure_status != 0 ? human_failure_status : human_status(outcome.failure);

@@ -151,11 +151,11 @@ int final(const Outcome& outcome, int) {
     if (outcome.proxy != nullptr) {
         return print_proxy(*outcome.proxy);
     }
-    if (outcome.failure != Failure::none) {
+    if (failure_code(outcome.failure) != nullptr) {
         return failure_object(outcome.failure, outcome.text.raw(), outcome.fields);
     }
     emit(JsonWriter().boolean("ok", true).merge(outcome.fields));
-    return 0;
+    return json_status(outcome.failure);
 }
 
 int out_of_memory() {

@@ -12,10 +12,11 @@
 
 struct Tenant;
 
-// How a run fails. Each code has one row in output.cpp's table: its JSON
-// name, its JSON status and its human status.
+// How a run ends. Each code has one row in output.cpp's table: its JSON
+// name (none for the two successes), its JSON status and its human status.
 enum class Failure {
     none,                // success
+    changes_pending,     // success of --diff that found changes to make (status 4)
     usage,               // the command line means no single command
     bad_argument,        // a value the tool refuses before connecting
     refused,             // the Transfer Agent said no
