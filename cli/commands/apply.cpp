@@ -144,7 +144,11 @@ bool changed_something() {
         .boolean("changed", changed_something())
         .value("summary", render_summary_json(final_summary()))
         .value("not_tried", json_array(not_tried.data(), not_tried.size()));
-    Outcome outcome = Outcome::fail(failure, message.say("."), fields);
+    const char last = message.raw().empty() ? '.' : message.raw().back();
+    if (last != '.' && last != '!' && last != '?') {
+        message.say(".");
+    }
+    Outcome outcome = Outcome::fail(failure, message, fields);
     outcome.human = HumanException{{}, human, human_status(failure)};
     finish(outcome);
 }
@@ -386,6 +390,11 @@ void start_apply() {
     }
     const Invocation& in = *desired_run().invocation;
     if (plan.summary.of(ChangeAction::create) > 0) {
+        if (in.api_key == nullptr && !in.key_elsewhere) {
+            finish(Outcome::fail(Failure::bad_argument,
+                                 "Creating services needs an API key: give --api-key-file, "
+                                 "SYLVANE_API_KEY or -k.\n"));
+        }
         applying_state.key = checked_key(in);
         guard_key(in);
     }
