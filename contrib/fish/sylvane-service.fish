@@ -37,6 +37,11 @@ complete -c sylvane-service -l events -d 'Print service state changes as they ha
 complete -c sylvane-service -l wait -x -d 'Seconds to wait for the outcome'
 complete -c sylvane-service -l no-wait -d 'End once the request is acknowledged'
 complete -c sylvane-service -l check -d 'Check that the Transfer Agent answers'
+complete -c sylvane-service -l diff -r -F -d 'Show what applying a desired-state file would change'
+complete -c sylvane-service -l apply -r -F -d 'Make the agent match a desired-state file'
+complete -c sylvane-service -l export -d "Print the agent's services as a desired-state file"
+complete -c sylvane-service -l prune -d 'Remove services the file does not name'
+complete -c sylvane-service -l dry-run -d 'With --apply: only show the plan'
 complete -c sylvane-service -n __sylvane_service_first_argument -l enableProxy -d 'Switch the saved proxy on'
 complete -c sylvane-service -n __sylvane_service_first_argument -l disableProxy -d 'Switch the saved proxy off'
 complete -c sylvane-service -n __sylvane_service_first_argument -l enableAuthenticationAudit -d 'Switch the authentication audit on'
