@@ -9,6 +9,7 @@
 #include <string>
 
 #include "cli/agent/tenants.h"
+#include "cli/desired_state/render.h"
 #include "cli/output/output.h"
 #include "cli/output/printers.h"
 
@@ -192,6 +193,14 @@ int final(const Outcome& outcome, int human_failure_status) {
     if (outcome.proxy != nullptr) {
         print_proxy(*outcome.proxy);
         return 0;
+    }
+    if (outcome.plan != nullptr) {
+        const std::string text = render_plan_text(*outcome.plan);
+        if (text.empty()) {
+            finish_out_of_memory();
+        }
+        write_checked(stdout, text);
+        return human_status(outcome.failure);
     }
     if (failure_code(outcome.failure) == nullptr) {
         write_checked(stdout, outcome.text.shown());

@@ -11,6 +11,7 @@
 #include "sylvshared/json.h"
 
 struct Tenant;
+struct Plan;
 
 // How a run ends. Each code has one row in output.cpp's table: its JSON
 // name (none for the two successes), its JSON status and its human status.
@@ -61,6 +62,9 @@ struct Outcome {
     const JsonValue* listing = nullptr;
     // -g: the proxy settings (not owned).
     const ProxySettings* proxy = nullptr;
+    // --diff: the plan (not owned); each printer renders only its own text,
+    // which for 10,000 services is most of the run's work.
+    const Plan* plan = nullptr;
 
     static Outcome success(Message text = {}, JsonWriter fields = JsonWriter());
     static Outcome fail(Failure failure, Message text, JsonWriter fields = JsonWriter());
