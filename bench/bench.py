@@ -15,6 +15,7 @@ import os
 import platform
 import subprocess
 import sys
+import tempfile
 
 HERE = os.path.dirname(os.path.realpath(__file__))
 ROOT = os.path.dirname(HERE)
@@ -28,11 +29,17 @@ CASES = (
     ("`-l`, 1,000 services", ["-l"], "get_tenants", 1000, 100, 1.25, None),
     ("`-l`, 10,000 services", ["-l"], "get_tenants", 10000, 40, 1.4, 8),
     ("`--json -l`, 10,000 services", ["--json", "-l"], "get_tenants", 10000, 40, 1.5, 12),
-    # The desired-state comparison joins here once the command exists:
-    # ("`--diff`, 10,000 services", [...], "get_tenants", 10000, 40, 1.6, None),
+    # A file naming every service the agent has, as --export writes it
+    # (EXPORT_YAML) or as --json --export's "state" (EXPORT_JSON); the target
+    # against -l is DIFF_TARGET (see diff_against_listing).
+    ("`--diff`, 10,000 services (JSON file)", ["--diff", "EXPORT_JSON"], "get_tenants", 10000,
+     40, None, None),
+    ("`--diff`, 10,000 services (YAML file)", ["--diff", "EXPORT_YAML"], "get_tenants", 10000,
+     40, None, None),
     ("`-l`, 30,000 services", ["-l"], "get_tenants", 30000, 15, None, None),
 )
 STARTUP_RUNS = 300
+DIFF_SERVICES, DIFF_RUNS, DIFF_TARGET = 10000, 40, 2.0
 
 
 class Agent:
@@ -90,6 +97,37 @@ def listed(tool, args, services):
                                                      run.stderr.strip()[:80])
 
 
+def export_files(tool, folder):
+    """The agent's services as a desired-state file, YAML and JSON: the
+    realistic export-then-diff case, where --diff finds nothing to change."""
+    files = {"EXPORT_YAML": os.path.join(folder, "export.yaml"),
+             "EXPORT_JSON": os.path.join(folder, "export.json")}
+    with open(files["EXPORT_YAML"], "w") as yaml_file:
+        subprocess.run([tool, "--export"], check=True, stdout=yaml_file, timeout=30)
+    state = json.loads(subprocess.run([tool, "--json", "--export"], check=True,
+                                      capture_output=True, timeout=30).stdout)["state"]
+    with open(files["EXPORT_JSON"], "w") as json_file:
+        json.dump(state, json_file)
+    return files
+
+
+def diff_against_listing(tool, build, folder):
+    """--diff of a file naming all DIFF_SERVICES services against -l of the
+    same listing, run in turn: the rows of the "--diff against -l" table."""
+    with Agent(build, DIFF_SERVICES):
+        files = export_files(tool, folder)
+        rows = side_by_side(build, DIFF_RUNS, [tool, "-l"],
+                            [tool, "--diff", files["EXPORT_JSON"]],
+                            [tool, "--diff", files["EXPORT_YAML"]])
+    listing = rows[0]
+    lines = ["| `-l` | %.2f | %.2f | 1.00 | - |" % (listing[0], listing[4])]
+    for label, row in [("`--diff`, JSON file", rows[1]), ("`--diff`, YAML file", rows[2])]:
+        ratio = row[0] / listing[0]
+        lines.append("| %s | %.2f | %.2f | **%.2f** (CPU %.2f) | %s |" % (
+            label, row[0], row[4], ratio, row[4] / listing[4], verdict(ratio, DIFF_TARGET)))
+    return lines
+
+
 def machine():
     model = "unknown"
     with open("/proc/cpuinfo") as f:
@@ -138,8 +176,12 @@ def measure(tool, build):
     raw = os.path.join(build, "raw_client")
     raw_static = os.path.join(build, "raw_client_static")
     headline, detail, per_service = [], [], []
+    folder = tempfile.mkdtemp()
     for label, args, command, services, runs, target, rss_target in CASES:
         with Agent(build, services):
+            if any(a.startswith("EXPORT_") for a in args):
+                files = export_files(tool, folder)
+                args = [files.get(a, a) for a in args]
             problem = listed(tool, args, services)
             if problem:
                 headline.append("| %s | not measured: %s | | | | | | |" % (label, problem))
@@ -187,6 +229,14 @@ def main(argv):
                   "| Services | ms per 1,000 services | tool peak RSS MiB |", "|---|---|---|"]
         lines += ["| %d | %.2f | %.1f |" % (n, cost, rss / MIB) for n, cost, rss in per_service]
         lines += [""]
+    lines += ["## `--diff` against `-l`", "",
+              "A file naming all %d services the agent lists (an export), diffed against "
+              "the same listing: nothing to change. `-l`, then `--diff` of the JSON and the "
+              "YAML file, in turn (%d runs each); the target is at most %.0f times `-l`."
+              % (DIFF_SERVICES, DIFF_RUNS, DIFF_TARGET), "",
+              "| Command | median ms | CPU median ms | ratio to `-l` | target |",
+              "|---|---|---|---|---|"] + diff_against_listing(tool, build, tempfile.mkdtemp())
+    lines += [""]
     lines += ["## Absolute times (ms)", "",
               "CPU is user + system time of the process (wait4); the raw clients' includes "
               "the kernel's loopback delivery of what it sends.", "",

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # A short tour of sylvane-service against the Transfer Agent simulator:
-# add, list, enable, list again, proxy, disable, remove. Each command line is
+# add, list, enable, list again, proxy, disable, remove; then the desired
+# state: export, edit, diff, apply, apply again. Each command line is
 # printed with the tool's real output; a step that does not end as expected
 # fails the demo.
 #
@@ -92,10 +93,25 @@ step 0 "Service disabled successfully." -d WebServer1
 step 0 "Service removed." -r WebServer1
 step 0 "No registered services yet." -l
 
+# The desired-state tour: export, edit, diff, apply, apply again.
+echo
+echo "Desired state: keep the services in a file, see the difference, apply it."
+step 0 "Service added successfully." -a WebServer1 -p 127.0.0.1:8080 -k "$key"
+step 0 "WebServer1:" --export
+cd "$work" || exit 1
+"$tool" --export >services.yaml 2>/dev/null
+sed -i -e 's/target: 127.0.0.1:8080/target: 127.0.0.1:8081/' \
+    -e 's/^services:$/services:\n  Backup:\n    target: 127.0.0.1:2222\n    enabled: true/' services.yaml
+printf '\n$ cat services.yaml   # edited: WebServer1 moved to port 8081, Backup added\n'
+cat services.yaml
+step 4 "Plan: 1 to create, 1 to update, 1 to enable" --diff services.yaml
+SYLVANE_API_KEY=$key step 0 "Applied: 1 created, 1 updated, 1 enabled" --apply services.yaml
+step 0 "Nothing to do" --apply services.yaml
+
 echo
 if [[ $failures -ne 0 ]]; then
     echo "demo: $failures step(s) did not end as expected; simulator log:" >&2
     cat "$work/sim.log" >&2
     exit 1
 fi
-echo "demo: done, 11 commands, simulator stopped."
+echo "demo: done, 16 commands, simulator stopped."

@@ -53,6 +53,8 @@ void timeout_callback(evutil_socket_t, short, void*) {
     conversation.hooks->timed_out();
 }
 
+bool closed_for_good();
+
 // libevent-shaped wrapper so the first attempt starts from the loop.
 void connect_callback(evutil_socket_t, short, void* connection) {
     Network.perform_connection(static_cast<networkConnection*>(connection));
@@ -122,8 +124,15 @@ int follow_tenant_events(ResponseCallback on_event) {
     return SESSION_OK;
 }
 
+// The client sends the next request when an answer settles the one before.
+// A request queued while nothing is pending (from an event handler, once
+// the connection is up) goes out at once.
 void send(const char* command, ExecutionCallback build, void* request, ResponseCallback on_answer) {
+    const bool idle = conversation.config->commands->head == nullptr;
     IpcConfig.add_command(conversation.config, command, build, request, on_answer);
+    if (idle && conversation.connection != nullptr && !closed_for_good()) {
+        IpcClient.execute_command(conversation.connection, conversation.config);
+    }
 }
 
 // A client that cannot be instantiated is not scheduled; the time-out, armed

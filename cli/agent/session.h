@@ -50,7 +50,8 @@ struct SessionModule {
     int (*follow_tenant_events)(ResponseCallback on_event);
     // Queues a request: `build(request)` makes its "data" when it is sent,
     // `on_answer` gets the answer's. May be called from a handler to go on
-    // with the conversation.
+    // with the conversation; queued while nothing is pending on a live
+    // connection (from an event handler), it is sent at once.
     void (*send)(const char* command, ExecutionCallback build, void* request,
                  ResponseCallback on_answer);
     // Connects and runs the loop until the conversation is over (nothing

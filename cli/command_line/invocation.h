@@ -27,6 +27,9 @@ enum class CommandId {
     check,
     metrics,       // --metrics: the exposition on standard output
     metrics_file,  // --metrics-file PATH: the same, written atomically
+    diff,          // --diff FILE, and --apply FILE --dry-run
+    apply,         // --apply FILE
+    export_state,  // --export
 };
 
 enum class Reading {
@@ -57,6 +60,9 @@ struct Invocation {
     bool no_wait = false;
     const char* metrics_file = nullptr;  // --metrics-file's path
     int verbosity = 0;                   // how many --verbose, wherever they stand
+    const char* desired_file = nullptr;  // --diff's or --apply's FILE ("-": standard input)
+    bool prune = false;                  // --prune
+    bool dry_run = false;                // --dry-run
 
     // What only the strict reading judges.
     int commands_named = 0;      // how many commands the line named

@@ -93,12 +93,20 @@ constexpr OptionRow OPTION_TABLE_ROWS[] = {
     {"verbose", 0, false, K::flag, false, C::help, OPTION_VERBOSE, nullptr},
     {"metrics", 0, false, K::command, true, C::metrics, OPTION_METRICS, nullptr},
     {"metrics-file", 0, true, K::command, true, C::metrics_file, OPTION_METRICS_FILE, nullptr},
+    {"diff", 0, true, K::command, true, C::diff, OPTION_DIFF, nullptr},
+    {"apply", 0, true, K::command, true, C::apply, OPTION_APPLY, nullptr},
+    {"export", 0, false, K::command, true, C::export_state, OPTION_EXPORT, nullptr},
+    {"prune", 0, false, K::flag, true, C::help, OPTION_PRUNE, nullptr},
+    {"dry-run", 0, false, K::flag, true, C::help, OPTION_DRY_RUN, nullptr},
 };
 // clang-format on
 
 // "--v", "--ve" and "--ver" meant --version before --verbose made them
 // ambiguous, and still mean it.
 constexpr const char* VERSION_ABBREVIATIONS[] = {"v", "ve", "ver"};
+
+// Every row, the two exact aliases and the all-zero end must fit.
+static_assert(std::size(OPTION_TABLE_ROWS) + 3 <= GETOPT_CAPACITY);
 
 std::span<const OptionRow> option_table() {
     return OPTION_TABLE_ROWS;

@@ -19,7 +19,7 @@ constexpr const char* SHORT_OPTIONS = "hla:e:p:f:k:r:s:d:e:u:c:t:g";
 enum class OptionKind {
     command,  // names the command (-a, -e, -c also give a value)
     value,    // gives the command a value
-    flag,     // changes how the run goes (--json, --wait, --no-wait)
+    flag,     // changes how the run goes (--json, --wait, --no-wait, --prune, --dry-run)
 };
 
 struct OptionRow {
@@ -54,6 +54,11 @@ enum LongOnlyValue : int {
     OPTION_VERBOSE,
     OPTION_METRICS,
     OPTION_METRICS_FILE,
+    OPTION_DIFF,
+    OPTION_APPLY,
+    OPTION_EXPORT,
+    OPTION_PRUNE,
+    OPTION_DRY_RUN,
 };
 
 // The table, in getopt order: the human interface's options first (as it

@@ -70,6 +70,16 @@ void take(Invocation* in, int value) {
         case OPTION_METRICS_FILE:
             in->metrics_file = optarg;
             break;
+        case OPTION_DIFF:
+        case OPTION_APPLY:
+            in->desired_file = optarg;
+            break;
+        case OPTION_PRUNE:
+            in->prune = true;
+            break;
+        case OPTION_DRY_RUN:
+            in->dry_run = true;
+            break;
         default:
             break;
     }

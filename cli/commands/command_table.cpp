@@ -114,6 +114,28 @@ constexpr CommandRow COMMANDS[] = {
      .timeout_seconds = 4, .on_timeout = metrics_failed, .on_gave_up = metrics_failed,
      .on_over = metrics_over, .on_busy = metrics_busy,
      .attempts = SINGLE_ATTEMPT, .needs = "", .accepts = ""},
+    // The desired-state commands time each request themselves: the reads
+    // and the steps without events take this row's 4 s, the creates,
+    // enables and disables those of -a, -s and -d (or --wait).
+    {.id = CommandId::diff, .shown_as = "--diff", .prepare = prepare_desired,
+     .agent_command = "get_tenants", .build = build_empty_request,
+     .on_answer = guarded<desired_listing_answer>,
+     .timeout_seconds = 4, .times_itself = true, .on_timeout = desired_timed_out,
+     .on_gave_up = end_unreachable, .on_hung_up = desired_hung_up,
+     .attempts = TRANSFER_AGENT_ATTEMPTS, .needs = "", .accepts = "", .takes_prune = true},
+    {.id = CommandId::apply, .shown_as = "--apply", .prepare = prepare_desired,
+     .agent_command = "get_tenants", .build = build_empty_request,
+     .on_answer = guarded<desired_listing_answer>,
+     .timeout_seconds = 4, .times_itself = true, .on_timeout = desired_timed_out,
+     .on_gave_up = end_unreachable, .on_hung_up = desired_hung_up,
+     .attempts = TRANSFER_AGENT_ATTEMPTS, .needs = "", .accepts = "k",
+     .takes_wait = true, .takes_no_wait = true, .takes_prune = true, .takes_dry_run = true},
+    {.id = CommandId::export_state, .shown_as = "--export", .prepare = prepare_desired,
+     .agent_command = "get_tenants", .build = build_empty_request,
+     .on_answer = guarded<desired_listing_answer>,
+     .timeout_seconds = 4, .times_itself = true, .on_timeout = desired_timed_out,
+     .on_gave_up = end_unreachable, .on_hung_up = desired_hung_up,
+     .attempts = TRANSFER_AGENT_ATTEMPTS, .needs = "", .accepts = ""},
 };
 // clang-format on
 

@@ -27,6 +27,9 @@ struct CommandRow {
     ResponseCallback on_event = nullptr;  // "tenants_event" while it runs; null: not followed
 
     int64_t timeout_seconds = 0;  // 0: none (--events without --wait)
+    // The family arms a time-out of its own for each request it sends (the
+    // desired-state commands: one per step); the runner arms none.
+    bool times_itself = false;
     void (*on_timeout)() = nullptr;
     // Every connection attempt failed. Null: with --json the run ends at
     // once as "unreachable", without it the time-out says so later.
@@ -41,13 +44,16 @@ struct CommandRow {
     int32_t attempts = 0;
 
     // The strict reading's rules: option letters the command needs and
-    // those it accepts (of -p -f -k -u -t), and whether --wait (which
+    // those it accepts (of -p -f -k -u -t; accepting -k also accepts
+    // --api-key-file and --agent-uid), and whether --wait (which
     // replaces the time-out) and --no-wait (which ends at the agent's
     // acknowledgement) apply.
     const char* needs = nullptr;
     const char* accepts = nullptr;
     bool takes_wait = false;
     bool takes_no_wait = false;
+    bool takes_prune = false;    // --prune
+    bool takes_dry_run = false;  // --dry-run
 
     // A failure's human status when not the failure table's (3 for the
     // watch and the health check); 0: the table's.

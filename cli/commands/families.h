@@ -2,7 +2,8 @@
 // them: services.cpp (add, edit, remove, list), follow_up.cpp (enable,
 // disable), settings.cpp (proxy, audit, traceability), watch.cpp
 // (--events), check.cpp (--check), metrics.cpp (--metrics, --metrics-file),
-// tool.cpp (help, version).
+// tool.cpp (help, version), desired.cpp and apply.cpp (--diff, --apply,
+// --export).
 #pragma once
 
 #include "cli/command_line/invocation.h"
@@ -18,6 +19,21 @@ void add_event(JsonValue* data);
 void edit_answer(JsonValue* data);
 void remove_answer(JsonValue* data);
 void list_answer(JsonValue* data);
+// Shared with the apply. The key of an add: -k, else the first line of
+// --api-key-file's file, else SYLVANE_API_KEY; one that is missing or not 76
+// bytes long ends the run. The static buffer it may return lives for the run.
+const char* checked_key(const Invocation& in);
+// Ends the run unless the socket on 127.0.0.1:11038 belongs to root, the
+// user or --agent-uid's uid: the key goes to no one else.
+void guard_key(const Invocation& in);
+
+// desired.cpp: --diff, --apply (its steps in apply.cpp) and --export.
+void* prepare_desired(const Invocation& in);
+void desired_listing_answer(JsonValue* data);
+void desired_proxy_answer(JsonValue* data);
+void desired_event(JsonValue* data);
+void desired_timed_out();
+void desired_hung_up();
 
 // follow_up.cpp
 void enable_answer(JsonValue* data);

@@ -90,7 +90,7 @@ SessionHooks hooks_of(const CommandRow& row, const Invocation& in) {
     void* request = row.prepare != nullptr ? row.prepare(in) : nullptr;
     command.timeout_seconds =
         row.takes_wait && in.wait != nullptr ? wait_seconds(in) : row.timeout_seconds;
-    if (command.timeout_seconds > 0) {
+    if (command.timeout_seconds > 0 && !row.times_itself) {
         Session.arm_timeout(command.timeout_seconds);
     }
     if (row.on_event != nullptr && Session.follow_tenant_events(row.on_event) != SESSION_OK) {

@@ -135,6 +135,8 @@ const char* key_from_elsewhere(const Invocation& in, Message* origin) {
     return key;
 }
 
+}  // namespace
+
 // The key must be 76 bytes long; one that is not names where it came from
 // (-k keeps its message).
 const char* checked_key(const Invocation& in) {
@@ -190,6 +192,8 @@ void guard_key(const Invocation& in) {
                              JsonWriter().number("listener_uid", found.owner)));
     }
 }
+
+namespace {
 
 // {key: bool, "reason": text}: an accepted add is only a step, its event
 // settles it.

@@ -92,6 +92,12 @@ void check_waiting(const CommandRow& row, const Invocation& in) {
     if (in.no_wait && !row.takes_no_wait) {
         usage_error("--no-wait applies to -s and -d only.");
     }
+    if (in.prune && !row.takes_prune) {
+        usage_error("--prune applies to --diff and --apply only.");
+    }
+    if (in.dry_run && !row.takes_dry_run) {
+        usage_error("--dry-run applies to --apply only.");
+    }
 }
 
 // Each clear service of -u must be one the lenient reading would send as
@@ -152,7 +158,8 @@ void refuse_unless_well_formed(const CommandRow& row, const Invocation& in) {
     if (in.json && in.command == CommandId::metrics) {
         usage_error("--metrics writes Prometheus's text format; with --json, use --metrics-file.");
     }
-    if ((in.api_key_file != nullptr || in.agent_uid != nullptr) && in.command != CommandId::add) {
+    if ((in.api_key_file != nullptr || in.agent_uid != nullptr) &&
+        strchr(row.accepts, 'k') == nullptr) {
         usage_error("--api-key-file and --agent-uid apply to -a only.");
     }
     if (in.wait != nullptr && wait_seconds(in) == 0) {

@@ -352,6 +352,16 @@ bool read_desired_state(std::string_view text, std::string_view file, DesiredSta
                         std::string* error) noexcept {
     try {
         YamlNode root;
+        // JSON first, the fast way; a refusal is found again through
+        // libfyaml below, which knows where it is.
+        if (parse_json_tree(text, &root)) {
+            try {
+                *state = read_root(root);
+                return true;
+            } catch (const Refusal&) {
+                root = YamlNode{};
+            }
+        }
         TextMark mark;
         std::string message;
         if (!parse_yaml(text, &root, &mark, &message)) {

@@ -28,3 +28,8 @@ struct YamlNode {
 // nests deeper than the file format ever needs. An empty stream gives an
 // empty plain scalar. May throw std::bad_alloc.
 bool parse_yaml(std::string_view text, YamlNode* root, TextMark* mark, std::string* message);
+
+// json_tree.cpp: the same tree, without marks, for a text that is one JSON
+// object. False when it is not, or when its YAML reading could differ (a
+// float, deep nesting): then parse_yaml reads it. May throw std::bad_alloc.
+bool parse_json_tree(std::string_view text, YamlNode* root);

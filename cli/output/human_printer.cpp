@@ -9,6 +9,7 @@
 #include <string>
 
 #include "cli/agent/tenants.h"
+#include "cli/desired_state/render.h"
 #include "cli/output/output.h"
 #include "cli/output/printers.h"
 
@@ -193,9 +194,17 @@ int final(const Outcome& outcome, int human_failure_status) {
         print_proxy(*outcome.proxy);
         return 0;
     }
-    if (outcome.failure == Failure::none) {
+    if (outcome.plan != nullptr) {
+        const std::string text = render_plan_text(*outcome.plan);
+        if (text.empty()) {
+            finish_out_of_memory();
+        }
+        write_checked(stdout, text);
+        return human_status(outcome.failure);
+    }
+    if (failure_code(outcome.failure) == nullptr) {
         write_checked(stdout, outcome.text.shown());
-        return 0;
+        return human_status(outcome.failure);
     }
     write_checked(stderr, outcome.text.shown());
     return human_failure_status != 0 ? human_failure_status : human_status(outcome.failure);

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "cli/agent/tenants.h"
+#include "cli/desired_state/render.h"
 #include "cli/output/output.h"
 #include "cli/output/printers.h"
 
@@ -151,11 +152,19 @@ int final(const Outcome& outcome, int) {
     if (outcome.proxy != nullptr) {
         return print_proxy(*outcome.proxy);
     }
-    if (outcome.failure != Failure::none) {
+    if (outcome.plan != nullptr) {
+        std::string object = render_plan_json(*outcome.plan);
+        if (object.empty()) {
+            finish_out_of_memory();
+        }
+        write_checked(stdout, object + "\n");
+        return json_status(outcome.failure);
+    }
+    if (failure_code(outcome.failure) != nullptr) {
         return failure_object(outcome.failure, outcome.text.raw(), outcome.fields);
     }
     emit(JsonWriter().boolean("ok", true).merge(outcome.fields));
-    return 0;
+    return json_status(outcome.failure);
 }
 
 int out_of_memory() {

@@ -11,11 +11,13 @@
 #include "sylvshared/json.h"
 
 struct Tenant;
+struct Plan;
 
-// How a run fails. Each code has one row in output.cpp's table: its JSON
-// name, its JSON status and its human status.
+// How a run ends. Each code has one row in output.cpp's table: its JSON
+// name (none for the two successes), its JSON status and its human status.
 enum class Failure {
     none,                // success
+    changes_pending,     // success of --diff that found changes to make (status 4)
     usage,               // the command line means no single command
     bad_argument,        // a value the tool refuses before connecting
     refused,             // the Transfer Agent said no
@@ -60,6 +62,9 @@ struct Outcome {
     const JsonValue* listing = nullptr;
     // -g: the proxy settings (not owned).
     const ProxySettings* proxy = nullptr;
+    // --diff: the plan (not owned); each printer renders only its own text,
+    // which for 10,000 services is most of the run's work.
+    const Plan* plan = nullptr;
 
     static Outcome success(Message text = {}, JsonWriter fields = JsonWriter());
     static Outcome fail(Failure failure, Message text, JsonWriter fields = JsonWriter());

@@ -24,6 +24,7 @@ struct FailureRow {
 // Indexed by Failure.
 constexpr FailureRow FAILURES[] = {
     {Failure::none, nullptr, 0, 0},
+    {Failure::changes_pending, nullptr, 4, 4},
     {Failure::usage, "usage", 2, 2},
     {Failure::bad_argument, "bad_argument", 1, 1},
     {Failure::refused, "refused", 1, 1},

@@ -16,6 +16,9 @@ void choose_output(OutputMode mode);
 // `status` when not 0 (--events and --check fail with 3).
 void set_human_failure_status(int status);
 
+// The failure table's status of `failure` in the human interface.
+int human_status(Failure failure);
+
 // A progress step, flushed at once.
 void report(const Progress& progress);
 

@@ -8,9 +8,9 @@
 #include "cli/output/outcome.h"
 
 // The failure table (output.cpp): each code's JSON name and statuses.
+// A success (none, changes_pending) has no code.
 const char* failure_code(Failure failure);
 int json_status(Failure failure);
-int human_status(Failure failure);
 
 struct Printer {
     void (*progress)(const Progress& progress);

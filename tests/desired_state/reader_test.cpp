@@ -83,6 +83,9 @@ TEST(DesiredStateReader, RefusesBadFiles) {
          "f.yaml:3:1: missing comma in flow mapping"},
         {"{\"version\": 1, \"services\": {\"web\": {\"target\": \"1.2.3.4:80\", \"enabled\": \"true\"}}}",
          "f.yaml:1:73: enabled: expected true or false, got \"true\""},
+        // JSON read the fast way, refused, then located through the YAML reading.
+        {"{\"version\": 1, \"version\": 1}", "f.yaml:1:17: duplicate key \"version\" (first on line 1)"},
+        {"{\"version\": 1.0}", "f.yaml:1:13: version: this tool reads version 1, got \"1.0\""},
     };
     // clang-format on
     for (const auto& c : cases) {
@@ -118,6 +121,20 @@ TEST(DesiredStateReader, ReadsGoodFiles) {
     EXPECT_EQ(state.proxy->type, "SOCKS5");
     EXPECT_EQ(state.proxy->address.text(), "10.0.0.1:3128");
     EXPECT_FALSE(state.proxy->enabled.has_value());
+
+    // JSON, read the fast way, gives what its YAML reading gives.
+    DesiredState json = accepted(
+        "{\"version\": 1, \"services\": {\"web\": {\"target\": \"127.0.0.1:8080\", "
+        "\"virtual_port\": 80, \"clear_services\": [\"intranet.example\", \"10.0.0.7\"], "
+        "\"enabled\": true}, \"back up\": {\"target\": \"10.0.0.2:22\", \"enabled\": false}}, "
+        "\"proxy\": {\"address\": \"10.0.0.1:3128\", \"type\": \"socks5\"}}");
+    ASSERT_EQ(json.services.size(), 2u);
+    EXPECT_EQ(json.services[0].clear_services, web.clear_services);
+    EXPECT_EQ(json.services[0].virtual_port, 80);
+    EXPECT_EQ(json.services[1].name, "back up");
+    EXPECT_EQ(json.services[1].enabled, false);
+    EXPECT_EQ(json.proxy->type, "SOCKS5");
+    EXPECT_FALSE(json.proxy->enabled.has_value());
 
     // No services, an empty mapping, null, and JSON all read as nothing managed.
     for (const char* text : {"version: 1\n", "version: 1\nservices: {}\n",

@@ -69,7 +69,8 @@ check "--enable --enableProxy --enableAuthenticationAudit" sylvane-service --ena
 check "--enable" sylvane-service -l --enable
 check "--help --list --add --ptr --forwarding --key --url --remove --enable --disable --edit
     --configProxy --proxyType --getProxy --api-key-file --agent-uid --json --version --events
-    --wait --no-wait --check --verbose --metrics --metrics-file" sylvane-service web1 --
+    --wait --no-wait --check --verbose --metrics --metrics-file --diff --apply --export --prune
+    --dry-run" sylvane-service web1 --
 check "logfile logs" sylvane-service --metrics-file "$tmp/log"
 
 [[ $failures -eq 0 ]] && echo "completion: all cases passed in ${shells[*]}"
