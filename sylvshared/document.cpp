@@ -675,6 +675,16 @@ void reset_arena(Arena& arena, bool keep) {
     arena.out_of_memory = false;
 }
 
+bool ready_arena(Arena& arena, size_t length) {
+    const size_t room = 2 * length + 256;
+    reset_arena(arena, true);
+    if (arena.chunks != nullptr && static_cast<size_t>(arena.end - arena.cursor) >= room) {
+        return true;
+    }
+    free_chunks(arena);
+    return add_chunk(arena, room, room);
+}
+
 Document* parse_document(const char* text, size_t length) {
     // Strings decode to no more than their text, so one chunk of twice the
     // text holds most documents whole; untouched pages of it cost nothing.

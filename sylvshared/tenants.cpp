@@ -142,10 +142,14 @@ int walk_tenants(const JsonValue* data, TenantVisitor visit, void* context) noex
                 break;
             continue;
         }
-        reset_arena(arena, true);
-        Node root{};
         // The getters' reading of an element: json_parse stops at a NUL.
-        if (!parse_into(arena, text, strlen(text), root)) {
+        const size_t length = strlen(text);
+        Node root{};
+        if (!ready_arena(arena, length)) {
+            result = TENANTS_NO_MEMORY;
+            continue;
+        }
+        if (!parse_into(arena, text, length, root)) {
             if (errno == ENOMEM) {
                 result = TENANTS_NO_MEMORY;
             } else if (!visit(context, i, TenantElement::not_json, nullptr)) {
