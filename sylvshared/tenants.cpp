@@ -209,14 +209,17 @@ private:
         p_ += negative ? 1 : 0;
         const char* first = p_;
         int64_t magnitude = 0;
-        while (p_ < end_ && *p_ >= '0' && *p_ <= '9' && p_ - first < 19) {
+        while (p_ < end_ && *p_ >= '0' && *p_ <= '9') {
+            if (p_ - first == 18) {
+                return false;  // a 19th digit could overflow: the parser reads it
+            }
             magnitude = magnitude * 10 + (*p_++ - '0');
         }
         const ptrdiff_t digits = p_ - first;
-        if (digits == 0 || digits > 18 || (*first == '0' && digits > 1)) {
+        if (digits == 0 || (*first == '0' && digits > 1)) {
             return false;
         }
-        if (p_ < end_ && (*p_ == '.' || *p_ == 'e' || *p_ == 'E' || (*p_ >= '0' && *p_ <= '9'))) {
+        if (p_ < end_ && (*p_ == '.' || *p_ == 'e' || *p_ == 'E')) {
             return false;
         }
         *value = negative ? -magnitude : magnitude;

@@ -34,7 +34,8 @@ const std::vector<std::string> kElements = {
     quoted(
         R"({"tenant_name":"a","tenant_name":{"x":1},"port":80,"port":"x","ack":true,"ack":null})"),
     quoted(R"( { "tenant_name" : "sp" , "port" : -0 , "virtual_port" : 123456789012345678 } )"),
-    quoted(R"({"port":1234567890123456789012,"virtual_port":1e3,"uuid":-5.0,"status":[]})"),
+    quoted(
+        R"({"port":1234567890123456789012,"virtual_port":1e3,"uuid":-5.0,"status":[],"ack":9999999999999999999})"),
     quoted(R"({"a":[[[{"b":[true,false,null,"s",{}]}]]],"tenant_name":"deep","ack":false})"),
     quoted(R"({"a":)" + std::string(40, '[') + std::string(40, ']') + R"(,"tenant_name":"d40"})"),
     quoted([] {
