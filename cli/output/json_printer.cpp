@@ -69,6 +69,9 @@ public:
     ~ListingText() { free(data_); }
 
     void add(std::string_view part) {
+        if (part.empty()) {
+            return;  // an empty view may have no data to copy from
+        }
         if (capacity_ - size_ < part.size()) {
             grow(part.size());
         }
