@@ -367,6 +367,45 @@ private:
 #endif
     }
 
+    // 16 bytes at `in` whose only special bytes are escaped quotes wholly
+    // among them (a service's text inside the listing), written to out
+    // without their backslashes (out has room for 32). Returns the bytes
+    // written, or -1 (nothing written) for any other block.
+    static int quoted_block(const char* in, char* out) {
+#ifdef __SSE2__
+        const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in));
+        unsigned backslashes =
+            static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(bytes, _mm_set1_epi8('\\'))));
+        const auto quotes =
+            static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(bytes, _mm_set1_epi8('"'))));
+        // Signed compare: below 0x20 also catches every byte >= 0x80.
+        const int others = _mm_movemask_epi8(_mm_cmplt_epi8(bytes, _mm_set1_epi8(0x20)));
+        // Each backslash followed by a quote, each quote after a backslash.
+        if (backslashes == 0 || others != 0 || quotes != backslashes << 1) {
+            return -1;
+        }
+        alignas(16) char block[32];
+        _mm_store_si128(reinterpret_cast<__m128i*>(block), bytes);
+        char* start = out;
+        unsigned from = 0;
+        for (; backslashes != 0; backslashes &= backslashes - 1) {
+            const auto at = static_cast<unsigned>(__builtin_ctz(backslashes));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(out),
+                             _mm_loadu_si128(reinterpret_cast<const __m128i*>(block + from)));
+            out += at - from;
+            *out++ = '"';
+            from = at + 2;
+        }
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out),
+                         _mm_loadu_si128(reinterpret_cast<const __m128i*>(block + from)));
+        return static_cast<int>(out - start) + static_cast<int>(16 - from);
+#else
+        (void)in;
+        (void)out;
+        return -1;
+#endif
+    }
+
     static bool is_plain(char c) {
         const auto byte = static_cast<uint8_t>(c);
         return byte >= 0x20 && byte < 0x80 && byte != '"' && byte != '\\';
@@ -481,10 +520,15 @@ private:
         char* out = place;
         char* limit = arena_.end;
         for (;;) {
-            if (limit - out < 20 && !grow(&place, &out, &limit)) {
+            if (limit - out < 40 && !grow(&place, &out, &limit)) {
                 return false;
             }
             if (end_ - in >= 16) {
+                if (const int written = quoted_block(in, out); written >= 0) {
+                    in += 16;
+                    out += written;
+                    continue;
+                }
                 const size_t run = plain_run(in, out);
                 in += run;
                 out += run;
@@ -673,6 +717,16 @@ void reset_arena(Arena& arena, bool keep) {
     // The one chunk starts right after its header (see add_chunk).
     arena.cursor = reinterpret_cast<char*>(only) + round_up(sizeof(Chunk));
     arena.out_of_memory = false;
+}
+
+bool ready_arena(Arena& arena, size_t length) {
+    const size_t room = 2 * length + 256;
+    reset_arena(arena, true);
+    if (arena.chunks != nullptr && static_cast<size_t>(arena.end - arena.cursor) >= room) {
+        return true;
+    }
+    free_chunks(arena);
+    return add_chunk(arena, room, room);
 }
 
 Document* parse_document(const char* text, size_t length) {

@@ -75,6 +75,11 @@ bool parse_into(Arena& arena, const char* text, size_t length, Node& root);
 // Empties an arena for the next text, keeping its first chunk when it is
 // the only one; reset_arena(arena, false) frees it all.
 void reset_arena(Arena& arena, bool keep);
+// Empties an arena for a text of `length` bytes, its one chunk holding
+// twice that (as parse_document's does): a long text's strings then decode
+// in place rather than through chunks that double. False when memory runs
+// out.
+bool ready_arena(Arena& arena, size_t length);
 void retain(Document* document);
 // Drops one reference; the last one frees the arena. Null is ignored.
 void release(Document* document);

@@ -1,6 +1,9 @@
-// walk_tenants: each element's text parsed by the document parser into one
-// arena reused from element to element, then its members matched against
-// the wanted fields in one pass (the parser already kept one member per
+// walk_tenants: each element's text read in one pass straight from its
+// text when it is plain (as the Transfer Agent writes services: an object of
+// strings without escapes, numbers, booleans and small values), picking the
+// wanted fields as views into it. Anything else is parsed by the document
+// parser into one arena reused from element to element, then its members
+// matched against the wanted fields (the parser already kept one member per
 // key, the last value).
 
 #include "sylvshared/tenants.h"
@@ -12,20 +15,29 @@
 
 #include "document.h"
 
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
+
 namespace sylvshared {
 
 namespace {
 
+// Each reader sets its field whatever the value: a repeated key read by
+// the plain reading overrides the one before, as the parser's last value.
 void read_text(const Node& value, TenantText& field) {
     if (value.kind == Kind::String) {
         field = {std::string_view(value.text, value.size), true};
     } else if (value.kind == Kind::Boolean) {
         field = {value.boolean ? "true" : "false", true};
+    } else {
+        field = {};
     }
 }
 
 void read_number(const Node& value, TenantNumber& field) {
     field.present = true;
+    field.value = -1;
     if (value.kind == Kind::Integer && value.integer >= INT_MIN && value.integer <= INT_MAX) {
         field.value = static_cast<int>(value.integer);
     }
@@ -42,8 +54,8 @@ void pick(const Member& member, TenantFields& fields) {
     const Node& value = member.value;
     switch (member.key_size) {
         case 3:
-            if (named(member, "ack") && value.kind == Kind::Boolean)
-                fields.ack = value.boolean ? 1 : 0;
+            if (named(member, "ack"))
+                fields.ack = value.kind != Kind::Boolean ? -1 : value.boolean ? 1 : 0;
             break;
         case 4:
             if (named(member, "uuid"))
@@ -80,12 +92,18 @@ void pick(const Member& member, TenantFields& fields) {
     }
 }
 
-// The fields of a parsed element; a value that is not an object has none.
-TenantFields fields_of(const Node& root) {
+// No field: each absent.
+TenantFields no_fields() {
     TenantFields fields{};
     fields.port.value = -1;
     fields.virtual_port.value = -1;
     fields.ack = -1;
+    return fields;
+}
+
+// The fields of a parsed element; a value that is not an object has none.
+TenantFields fields_of(const Node& root) {
+    TenantFields fields = no_fields();
     if (root.kind == Kind::Object) {
         for (uint32_t i = 0; i < root.size; ++i) {
             pick(root.members[i], fields);
@@ -93,6 +111,205 @@ TenantFields fields_of(const Node& root) {
     }
     return fields;
 }
+
+// The plain reading gives up, for the parser to decide, past these: with at
+// most kPlainValues values no object can reach the parser's bound on key
+// comparisons (kMaxKeyComparisons) nor its other bounds, so what the plain
+// reading accepts the parser accepts too.
+constexpr int kPlainValues = 1024;
+constexpr int kPlainDepth = 32;
+
+// One element's text read without building anything. Each reader returns
+// false when the text is not plain (an escape, a byte outside ASCII or a
+// control character in a string, a number that is not a short integer,
+// nesting or size past the bounds above) or not JSON: the caller then parses
+// the element, which tells the two apart.
+class PlainReader {
+public:
+    PlainReader(const char* text, size_t length) : p_(text), end_(text + length) {}
+
+    // The fields of a text holding one object.
+    bool service(TenantFields& fields) {
+        skip_space();
+        if (!object(&fields, 0)) {
+            return false;
+        }
+        skip_space();
+        return p_ == end_;
+    }
+
+private:
+    const char* p_;
+    const char* end_;
+    int values_ = 0;
+
+    void skip_space() {
+        while (p_ < end_ && *p_ <= ' ' &&
+               (*p_ == ' ' || *p_ == '\n' || *p_ == '\r' || *p_ == '\t')) {
+            ++p_;
+        }
+    }
+
+    bool take(char c) {
+        skip_space();
+        if (p_ < end_ && *p_ == c) {
+            ++p_;
+            return true;
+        }
+        return false;
+    }
+
+    // Bytes before the first quote, backslash, control character or byte
+    // outside ASCII, from p_.
+    size_t plain_run() const {
+        const char* at = p_;
+#ifdef __SSE2__
+        for (; end_ - at >= 16; at += 16) {
+            const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(at));
+            // Signed compare: below 0x20 also catches every byte >= 0x80.
+            const int mask = _mm_movemask_epi8(
+                _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(bytes, _mm_set1_epi8('"')),
+                                          _mm_cmpeq_epi8(bytes, _mm_set1_epi8('\\'))),
+                             _mm_cmplt_epi8(bytes, _mm_set1_epi8(0x20))));
+            if (mask != 0) {
+                return static_cast<size_t>(at - p_) +
+                       static_cast<unsigned>(__builtin_ctz(static_cast<unsigned>(mask)));
+            }
+        }
+#endif
+        while (at < end_ && static_cast<signed char>(*at) >= 0x20 && *at != '"' && *at != '\\') {
+            ++at;
+        }
+        return static_cast<size_t>(at - p_);
+    }
+
+    // A string at p_ (its opening quote) with nothing to decode.
+    bool string(std::string_view* text) {
+        ++p_;
+        const size_t run = plain_run();
+        if (end_ - p_ <= static_cast<ptrdiff_t>(run) || p_[run] != '"') {
+            return false;
+        }
+        *text = std::string_view(p_, run);
+        p_ += run + 1;
+        return true;
+    }
+
+    bool literal(const char* word, size_t size) {
+        if (static_cast<size_t>(end_ - p_) < size || memcmp(p_, word, size) != 0) {
+            return false;
+        }
+        p_ += size;
+        return true;
+    }
+
+    // An integer of at most 18 digits, without a leading zero.
+    bool integer(int64_t* value) {
+        const bool negative = p_ < end_ && *p_ == '-';
+        p_ += negative ? 1 : 0;
+        const char* first = p_;
+        int64_t magnitude = 0;
+        while (p_ < end_ && *p_ >= '0' && *p_ <= '9') {
+            if (p_ - first == 18) {
+                return false;  // a 19th digit could overflow: the parser reads it
+            }
+            magnitude = magnitude * 10 + (*p_++ - '0');
+        }
+        const ptrdiff_t digits = p_ - first;
+        if (digits == 0 || (*first == '0' && digits > 1)) {
+            return false;
+        }
+        if (p_ < end_ && (*p_ == '.' || *p_ == 'e' || *p_ == 'E')) {
+            return false;
+        }
+        *value = negative ? -magnitude : magnitude;
+        return true;
+    }
+
+    // Any value at p_, kept in `node` when asked (nested values only
+    // checked: a container reads as Kind::List).
+    bool value(Node* node, int depth) {
+        if (++values_ > kPlainValues || depth > kPlainDepth) {
+            return false;
+        }
+        skip_space();
+        if (p_ == end_) {
+            return false;
+        }
+        node->kind = Kind::List;
+        switch (*p_) {
+            case '"': {
+                std::string_view text;
+                if (!string(&text)) {
+                    return false;
+                }
+                node->kind = Kind::String;
+                node->text = text.data();
+                node->size = static_cast<uint32_t>(text.size());
+                return true;
+            }
+            case '{':
+                return object(nullptr, depth + 1);
+            case '[':
+                return list(depth + 1);
+            case 't':
+                node->kind = Kind::Boolean;
+                node->boolean = true;
+                return literal("true", 4);
+            case 'f':
+                node->kind = Kind::Boolean;
+                node->boolean = false;
+                return literal("false", 5);
+            case 'n':
+                node->kind = Kind::Null;
+                return literal("null", 4);
+            default:
+                node->kind = Kind::Integer;
+                return integer(&node->integer);
+        }
+    }
+
+    bool list(int depth) {
+        ++p_;
+        if (take(']')) {
+            return true;
+        }
+        do {
+            Node ignored;
+            if (!value(&ignored, depth)) {
+                return false;
+            }
+        } while (take(','));
+        return take(']');
+    }
+
+    // An object at p_; its members picked into `fields` when given (the
+    // outermost object), each repeated key overriding the one before.
+    bool object(TenantFields* fields, int depth) {
+        if (p_ == end_ || *p_ != '{') {
+            return false;
+        }
+        ++p_;
+        if (take('}')) {
+            return true;
+        }
+        do {
+            Member member{};
+            std::string_view key;
+            skip_space();
+            if (p_ == end_ || *p_ != '"' || !string(&key) || !take(':') ||
+                !value(&member.value, depth)) {
+                return false;
+            }
+            if (fields != nullptr) {
+                member.key = key.data();
+                member.key_size = static_cast<uint32_t>(key.size());
+                pick(member, *fields);
+            }
+        } while (take(','));
+        return take('}');
+    }
+};
 
 // The element texts of the list: nodes of a parsed value, or the records of
 // json_get_list_value for a built one.
@@ -142,10 +359,20 @@ int walk_tenants(const JsonValue* data, TenantVisitor visit, void* context) noex
                 break;
             continue;
         }
-        reset_arena(arena, true);
-        Node root{};
         // The getters' reading of an element: json_parse stops at a NUL.
-        if (!parse_into(arena, text, strlen(text), root)) {
+        const size_t length = strlen(text);
+        TenantFields plain = no_fields();
+        if (PlainReader(text, length).service(plain)) {
+            if (!visit(context, i, TenantElement::service, &plain))
+                break;
+            continue;
+        }
+        Node root{};
+        if (!ready_arena(arena, length)) {
+            result = TENANTS_NO_MEMORY;
+            continue;
+        }
+        if (!parse_into(arena, text, length, root)) {
             if (errno == ENOMEM) {
                 result = TENANTS_NO_MEMORY;
             } else if (!visit(context, i, TenantElement::not_json, nullptr)) {

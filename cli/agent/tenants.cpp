@@ -1,10 +1,12 @@
-// Reading "tenants" lists, one element at a time.
+// Reading "tenants" lists, one element at a time, on sylvshared's
+// walk_tenants: no document, copy or allocation per element.
 
 #include "cli/agent/tenants.h"
 
-#include <cerrno>
 #include <cstring>
-#include <memory>
+#include <exception>
+
+#include "sylvshared/tenants.h"
 
 namespace {
 
@@ -12,15 +14,6 @@ constexpr size_t FIRST_READ = 64;
 // A UTF-8 sequence is at most 4 bytes: a read that came this close to the
 // buffer's end may have been cut.
 constexpr size_t LONGEST_SEQUENCE = 4;
-
-struct JsonFree {
-    void operator()(JsonValue* value) const { json_free_value(value); }
-};
-
-struct ListFree {
-    int count;
-    void operator()(JsonListItem** items) const { json_free_list_value(items, count); }
-};
 
 }  // namespace
 
@@ -43,58 +36,113 @@ std::optional<std::string> read_text(const JsonValue* object, const char* key) {
 
 namespace {
 
-void read_tenant(const JsonValue* object, Tenant* tenant) {
-    tenant->name = read_text(object, TENANT_NAME_KEY);
-    tenant->status = read_text(object, "status");
-    tenant->ip_address = read_text(object, "ip_address");
-    tenant->uuid = read_text(object, "uuid");
-    tenant->onion_address = read_text(object, "onion_address");
-    tenant->reason = read_text(object, "reason");
-    tenant->synchronized = read_text(object, "synchronized");
-    tenant->has_port = json_is_key_present(object, "port") == 1;
-    tenant->has_virtual_port = json_is_key_present(object, "virtual_port") == 1;
-    tenant->port = json_get_int_value(object, "port");
-    tenant->virtual_port = json_get_int_value(object, "virtual_port");
-    tenant->ack = json_get_bool_value(object, "ack");
+// A text field as the getters' C text reads it: up to an embedded NUL.
+std::optional<std::string_view> text_of(const sylvshared::TenantText& field) {
+    if (!field.present) {
+        return std::nullopt;
+    }
+    const void* nul = memchr(field.text.data(), '\0', field.text.size());
+    return nul == nullptr
+               ? field.text
+               : field.text.substr(
+                     0, static_cast<size_t>(static_cast<const char*>(nul) - field.text.data()));
+}
+
+TenantView view_of(const sylvshared::TenantFields& fields) {
+    TenantView view;
+    view.name = text_of(fields.name);
+    view.status = text_of(fields.status);
+    view.ip_address = text_of(fields.ip_address);
+    view.uuid = text_of(fields.uuid);
+    view.onion_address = text_of(fields.onion_address);
+    view.reason = text_of(fields.reason);
+    view.synchronized = text_of(fields.synchronized);
+    view.has_port = fields.port.present;
+    view.has_virtual_port = fields.virtual_port.present;
+    view.port = fields.port.value;
+    view.virtual_port = fields.virtual_port.value;
+    view.ack = fields.ack;
+    return view;
+}
+
+TenantElement element_of(sylvshared::TenantElement element) {
+    switch (element) {
+        case sylvshared::TenantElement::service:
+            return TenantElement::tenant;
+        case sylvshared::TenantElement::not_string:
+            return TenantElement::not_a_string;
+        case sylvshared::TenantElement::not_json:
+            break;
+    }
+    return TenantElement::not_json;
+}
+
+// One walk under either visitor: an exception from the visitor must not
+// cross walk_tenants (noexcept), so it is held and thrown again after it.
+template <typename Show>
+TenantsRead walk(const JsonValue* data, Show show) {
+    std::exception_ptr thrown;
+    const TenantView none;
+    const int result = sylvshared::walk_tenants(
+        data, [&](int, sylvshared::TenantElement element, const sylvshared::TenantFields* fields) {
+            try {
+                const TenantElement read = element_of(element);
+                const TenantView view = fields != nullptr ? view_of(*fields) : none;
+                return show(read, view) == TenantWalk::next;
+            } catch (...) {
+                thrown = std::current_exception();
+                return false;
+            }
+        });
+    if (thrown) {
+        std::rethrow_exception(thrown);
+    }
+    if (result == sylvshared::TENANTS_NO_MEMORY) {
+        return TenantsRead::out_of_memory;
+    }
+    return result == sylvshared::TENANTS_NO_LIST ? TenantsRead::missing : TenantsRead::walked;
+}
+
+// Copies a view into a kept text, reusing its room: after the first few
+// elements, reading one allocates nothing.
+void keep(std::optional<std::string>& kept, const std::optional<std::string_view>& seen) {
+    if (!seen) {
+        kept.reset();
+    } else if (kept) {
+        kept->assign(*seen);
+    } else {
+        kept.emplace(*seen);
+    }
+}
+
+void fill(Tenant& tenant, const TenantView& view) {
+    keep(tenant.name, view.name);
+    keep(tenant.status, view.status);
+    keep(tenant.ip_address, view.ip_address);
+    keep(tenant.uuid, view.uuid);
+    keep(tenant.onion_address, view.onion_address);
+    keep(tenant.reason, view.reason);
+    keep(tenant.synchronized, view.synchronized);
+    tenant.has_port = view.has_port;
+    tenant.has_virtual_port = view.has_virtual_port;
+    tenant.port = view.port;
+    tenant.virtual_port = view.virtual_port;
+    tenant.ack = view.ack;
 }
 
 }  // namespace
 
-// A list or an element that could not be read for want of memory must not
-// pass for a missing or bad one: that would cut a listing short with status
-// 0. The JSON reader says which through errno.
+TenantsRead read_tenant_views(const JsonValue* data, TenantViewVisitor visit, void* context) {
+    return walk(data, [&](TenantElement element, const TenantView& view) {
+        return visit(element, view, context);
+    });
+}
+
+// One Tenant for the whole walk, refilled for each element.
 TenantsRead read_tenants(const JsonValue* data, TenantVisitor visit, void* context) {
-    if (data == nullptr) {
-        return TenantsRead::missing;
-    }
-    int count = 0;
-    errno = 0;
-    JsonListItem** items = json_get_list_value(data, "tenants", &count);
-    if (items == nullptr) {
-        return errno == ENOMEM ? TenantsRead::out_of_memory : TenantsRead::missing;
-    }
-    std::unique_ptr<JsonListItem*[], ListFree> held(items, ListFree{count});
-    for (int i = 0; i < count; i++) {
-        const JsonListItem* item = items[i];
-        Tenant tenant;
-        TenantElement element = TenantElement::tenant;
-        if (item == nullptr || item->type != JSON_LIST_ITEM_STRING || item->text == nullptr) {
-            element = TenantElement::not_a_string;
-        } else {
-            errno = 0;
-            std::unique_ptr<JsonValue, JsonFree> object(json_parse(item->text));
-            if (object == nullptr && errno == ENOMEM) {
-                return TenantsRead::out_of_memory;
-            }
-            if (object == nullptr) {
-                element = TenantElement::not_json;
-            } else {
-                read_tenant(object.get(), &tenant);
-            }
-        }
-        if (visit(element, tenant, context) == TenantWalk::stop) {
-            break;
-        }
-    }
-    return TenantsRead::walked;
+    Tenant tenant;
+    return walk(data, [&](TenantElement element, const TenantView& view) {
+        fill(tenant, view);
+        return visit(element, tenant, context);
+    });
 }

@@ -1,12 +1,17 @@
 // The one reader of the Transfer Agent's "tenants" lists (answers of
 // get_tenants, connect_tenants, disconnect_tenants and every
 // "tenants_event"): JSON lists whose elements are strings, each holding one
-// serialized JSON object. Each element is read whole into a Tenant value;
-// the human texts' length limits are the human printer's business.
+// serialized JSON object. The list is walked once (sylvshared's
+// walk_tenants): each element is shown either as views into the reader's
+// own storage (TenantView, for the listings) or as a Tenant value (for
+// callers that keep what they read). The human texts' length limits are the
+// human printer's business.
 #pragma once
 
 #include <optional>
 #include <string>
+#include <string_view>
+#include <type_traits>
 
 #include "sylvshared/json.h"
 
@@ -31,6 +36,22 @@ struct Tenant {
     int ack = -1;  // 1 true, 0 false, -1 missing or not a boolean
 };
 
+// The same element as views, valid only during the visit that shows it.
+struct TenantView {
+    std::optional<std::string_view> name;
+    std::optional<std::string_view> status;
+    std::optional<std::string_view> ip_address;
+    std::optional<std::string_view> uuid;
+    std::optional<std::string_view> onion_address;
+    std::optional<std::string_view> reason;
+    std::optional<std::string_view> synchronized;
+    bool has_port = false;
+    bool has_virtual_port = false;
+    int port = -1;
+    int virtual_port = -1;
+    int ack = -1;
+};
+
 // A text member of any answer, read whole (see Tenant); absent when missing
 // or of another type. Throws std::bad_alloc when out of memory.
 std::optional<std::string> read_text(const JsonValue* object, const char* key);
@@ -51,10 +72,15 @@ enum class TenantsRead {
 };
 
 using TenantVisitor = TenantWalk (*)(TenantElement element, const Tenant& tenant, void* context);
+using TenantViewVisitor = TenantWalk (*)(TenantElement element, const TenantView& tenant,
+                                         void* context);
 
 // Shows each element of data's "tenants" list to `visit`, in order, until it
-// says stop. The Tenant is empty unless the element is a tenant.
+// says stop. The Tenant or TenantView is empty unless the element is a
+// tenant. An exception thrown by `visit` ends the walk and is thrown again
+// from here; the Tenant form throws std::bad_alloc when out of memory.
 TenantsRead read_tenants(const JsonValue* data, TenantVisitor visit, void* context);
+TenantsRead read_tenant_views(const JsonValue* data, TenantViewVisitor visit, void* context);
 
 // The same with any callable `visit(TenantElement, const Tenant&)`.
 template <typename Visit>
@@ -62,7 +88,18 @@ TenantsRead read_tenants(const JsonValue* data, Visit&& visit) {
     return read_tenants(
         data,
         [](TenantElement element, const Tenant& tenant, void* context) {
-            return (*static_cast<Visit*>(context))(element, tenant);
+            return (*static_cast<std::remove_reference_t<Visit>*>(context))(element, tenant);
+        },
+        &visit);
+}
+
+// The same with any callable `visit(TenantElement, const TenantView&)`.
+template <typename Visit>
+TenantsRead read_tenant_views(const JsonValue* data, Visit&& visit) {
+    return read_tenant_views(
+        data,
+        [](TenantElement element, const TenantView& tenant, void* context) {
+            return (*static_cast<std::remove_reference_t<Visit>*>(context))(element, tenant);
         },
         &visit);
 }

@@ -69,6 +69,10 @@ std::string_view or_empty(const std::optional<std::string>& text) {
     return text ? std::string_view(*text) : std::string_view();
 }
 
+std::string_view or_empty(const std::optional<std::string_view>& text) {
+    return text.value_or(std::string_view());
+}
+
 const char* listed_status(std::string_view status) {
     status = status.substr(0, utf8_prefix(status, STATUS_LIMIT));
     if (status == "connected") {
@@ -84,7 +88,7 @@ const char* listed_status(std::string_view status) {
 }
 
 // One block of the listing; missing fields show as empty or "Unknown".
-void print_tenant(const Tenant& tenant, ListingWriter& out) {
+void print_tenant(const TenantView& tenant, ListingWriter& out) {
     const char* shown_status = listed_status(or_empty(tenant.status));
     std::string_view ip_address = or_empty(tenant.ip_address);
     out.text("----------------------------------------\nService:\t");
@@ -125,16 +129,17 @@ void print_tenant(const Tenant& tenant, ListingWriter& out) {
 void print_listing(const JsonValue* data) {
     ListingWriter out;
     int elements = 0;
-    TenantsRead read = read_tenants(data, [&](TenantElement element, const Tenant& tenant) {
-        elements++;
-        if (element == TenantElement::not_json) {
-            return TenantWalk::stop;
-        }
-        if (element == TenantElement::tenant) {
-            print_tenant(tenant, out);
-        }
-        return TenantWalk::next;
-    });
+    TenantsRead read =
+        read_tenant_views(data, [&](TenantElement element, const TenantView& tenant) {
+            elements++;
+            if (element == TenantElement::not_json) {
+                return TenantWalk::stop;
+            }
+            if (element == TenantElement::tenant) {
+                print_tenant(tenant, out);
+            }
+            return TenantWalk::next;
+        });
     if (read == TenantsRead::out_of_memory) {
         finish_out_of_memory();
     }

@@ -2,6 +2,11 @@
 // output, each {"version": 1, ...}; the last of a run has "ok". Standard
 // error stays empty.
 
+#include <algorithm>
+#include <charconv>
+#include <cstdlib>
+#include <cstring>
+#include <new>
 #include <string>
 
 #include "cli/agent/tenants.h"
@@ -54,21 +59,85 @@ void add_text(JsonWriter& fields, const char* key, const std::optional<std::stri
     }
 }
 
+// The listing's text in one block grown by realloc: a block of megabytes
+// grows by moving its pages, so it is never held twice. Throws
+// std::bad_alloc when memory runs out.
+class ListingText {
+public:
+    ListingText() = default;
+    ListingText(const ListingText&) = delete;
+    ListingText& operator=(const ListingText&) = delete;
+    ~ListingText() { free(data_); }
+
+    void add(std::string_view part) {
+        if (part.empty()) {
+            return;  // an empty view may have no data to copy from
+        }
+        if (capacity_ - size_ < part.size()) {
+            grow(part.size());
+        }
+        memcpy(data_ + size_, part.data(), part.size());
+        size_ += part.size();
+    }
+    // `"key": ` after a first member, `, "key": ` after the others.
+    void key(std::string_view name) {
+        add(first_member_ ? "\"" : ", \"");
+        add(name);
+        add("\": ");
+        first_member_ = false;
+    }
+    void text(std::string_view name, const std::optional<std::string_view>& value) {
+        if (value) {
+            key(name);
+            write_json_string(*value, [this](std::string_view part) { add(part); });
+        }
+    }
+    void number(std::string_view name, int value) {
+        char digits[16];
+        const auto written = std::to_chars(digits, digits + sizeof digits, value);
+        key(name);
+        add(std::string_view(digits, static_cast<size_t>(written.ptr - digits)));
+    }
+    void open_object() {
+        add(services_ == 0 ? "{" : ", {");
+        first_member_ = true;
+        services_++;
+    }
+    std::string_view text() const { return std::string_view(data_, size_); }
+
+private:
+    char* data_ = nullptr;
+    size_t size_ = 0;
+    size_t capacity_ = 0;
+    size_t services_ = 0;
+    bool first_member_ = true;
+
+    void grow(size_t more) {
+        const size_t wanted = std::max(size_ + more, std::max<size_t>(2 * capacity_, 65536));
+        auto* grown = static_cast<char*>(realloc(data_, wanted));
+        if (grown == nullptr) {
+            throw std::bad_alloc();
+        }
+        data_ = grown;
+        capacity_ = wanted;
+    }
+};
+
 // One service of the listing, with the agent's own field values.
-std::string service_object(const Tenant& tenant) {
-    JsonWriter fields;
-    add_text(fields, "service", tenant.name);
-    add_text(fields, "uuid", tenant.uuid);
-    add_text(fields, "status", tenant.status);
-    add_text(fields, "ip_address", tenant.ip_address);
+void add_service(ListingText& out, const TenantView& tenant) {
+    out.open_object();
+    out.text("service", tenant.name);
+    out.text("uuid", tenant.uuid);
+    out.text("status", tenant.status);
+    out.text("ip_address", tenant.ip_address);
     if (tenant.has_port) {
-        fields.number("port", tenant.port);
+        out.number("port", tenant.port);
     }
     if (tenant.has_virtual_port) {
-        fields.number("virtual_port", tenant.virtual_port);
+        out.number("virtual_port", tenant.virtual_port);
     }
-    add_text(fields, "onion_address", tenant.onion_address);
-    return fields.object();
+    out.text("onion_address", tenant.onion_address);
+    out.add("}");
 }
 
 int failure_object(Failure failure, const std::string& message, const JsonWriter& extra) {
@@ -84,32 +153,30 @@ int failure_object(Failure failure, const std::string& message, const JsonWriter
 // {"ok": true, "services": [...]}, written once the whole list has been
 // read: an element that is not a readable object makes it a bad answer.
 int print_listing(const JsonValue* data) {
-    std::string services = "[";
+    ListingText services;
     bool readable = true;
-    TenantsRead read = read_tenants(data, [&](TenantElement element, const Tenant& tenant) {
-        if (element != TenantElement::tenant) {
-            readable = false;
-            return TenantWalk::stop;
-        }
-        std::string object = service_object(tenant);
-        if (object.empty()) {
-            finish_out_of_memory();
-        }
-        services += services.size() > 1 ? ", " : "";
-        services += object;
-        return TenantWalk::next;
-    });
+    TenantsRead read = TenantsRead::walked;
+    try {
+        services.add("{\"version\": 1, \"ok\": true, \"services\": [");
+        read = read_tenant_views(data, [&](TenantElement element, const TenantView& tenant) {
+            if (element != TenantElement::tenant) {
+                readable = false;
+                return TenantWalk::stop;
+            }
+            add_service(services, tenant);
+            return TenantWalk::next;
+        });
+        services.add("]}\n");
+    } catch (const std::bad_alloc&) {
+        finish_out_of_memory();
+    }
     if (read == TenantsRead::out_of_memory) {
         finish_out_of_memory();
     }
     if (!readable) {
         return failure_object(Failure::bad_answer, BAD_LISTING, JsonWriter());
     }
-    // Written around the list rather than copied into one object: a
-    // listing of megabytes is held once.
-    write_checked(stdout, "{\"version\": 1, \"ok\": true, \"services\": ");
-    write_checked(stdout, services);
-    write_checked(stdout, "]}\n");
+    write_checked(stdout, services.text());
     return 0;
 }
 

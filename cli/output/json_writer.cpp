@@ -1,34 +1,52 @@
 #include "cli/output/json_writer.h"
 
+#include <array>
 #include <cstdio>
 #include <new>
 
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
+
 namespace {
 
-// Quotes and escapes `text`; control characters become \u00XX.
-void append_string(std::string& out, const char* text) {
-    out += '"';
-    for (const char* c = text; *c != '\0'; c++) {
-        const auto byte = static_cast<unsigned char>(*c);
-        if (byte == '"' || byte == '\\') {
-            out += '\\';
-            out += *c;
-        } else if (byte == '\n') {
-            out += "\\n";
-        } else if (byte == '\t') {
-            out += "\\t";
-        } else if (byte < 0x20) {
-            char escaped[8];
-            snprintf(escaped, sizeof escaped, "\\u%04x", byte);
-            out += escaped;
-        } else {
-            out += *c;
-        }
+// The bytes a JSON string must escape.
+constexpr std::array<bool, 256> JSON_SPECIAL = [] {
+    std::array<bool, 256> special{};
+    for (int byte = 0; byte < 0x20; byte++) {
+        special[byte] = true;
     }
-    out += '"';
+    special['"'] = special['\\'] = true;
+    return special;
+}();
+
+// Quotes and escapes `text`, a C text.
+void append_string(std::string& out, const char* text) {
+    write_json_string(text, [&](std::string_view part) { out += part; });
 }
 
 }  // namespace
+
+// 16 bytes at a time where there are that many, then one at a time.
+size_t json_plain_prefix(std::string_view text) noexcept {
+    size_t i = 0;
+#ifdef __SSE2__
+    for (; i + 16 <= text.size(); i += 16) {
+        const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(text.data() + i));
+        const __m128i control = _mm_cmpeq_epi8(_mm_min_epu8(bytes, _mm_set1_epi8(0x1F)), bytes);
+        const __m128i quote = _mm_cmpeq_epi8(bytes, _mm_set1_epi8('"'));
+        const __m128i backslash = _mm_cmpeq_epi8(bytes, _mm_set1_epi8('\\'));
+        const int mask = _mm_movemask_epi8(_mm_or_si128(control, _mm_or_si128(quote, backslash)));
+        if (mask != 0) {
+            return i + static_cast<size_t>(__builtin_ctz(static_cast<unsigned>(mask)));
+        }
+    }
+#endif
+    while (i < text.size() && !JSON_SPECIAL[static_cast<unsigned char>(text[i])]) {
+        i++;
+    }
+    return i;
+}
 
 // Only called from inside append(), which catches what this may throw.
 void JsonWriter::key(const char* name) {

@@ -5,7 +5,9 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 #include <string>
+#include <string_view>
 
 class JsonWriter {
 public:
@@ -37,3 +39,33 @@ private:
 // `items`, each a complete JSON value, as one JSON array; empty when out of
 // memory.
 std::string json_array(const std::string* items, size_t count) noexcept;
+
+// Length of the run at the start of `text` that a JSON string holds as it
+// is: no quote, backslash or control character.
+size_t json_plain_prefix(std::string_view text) noexcept;
+
+// Writes `text` as a JSON string, quotes included, through put(string_view):
+// runs of plain bytes in one call each, and each quote, backslash or control
+// character escaped (a control as \n, \t or \u00XX). Other bytes are
+// written as they are.
+template <typename Put>
+void write_json_string(std::string_view text, Put&& put) {
+    put(std::string_view("\"", 1));
+    size_t run = 0;  // start of the plain bytes not yet written
+    for (size_t i = json_plain_prefix(text); i < text.size();
+         i = run + json_plain_prefix(text.substr(run))) {
+        const auto byte = static_cast<unsigned char>(text[i]);
+        put(text.substr(run, i - run));
+        char escaped[8] = {'\\', static_cast<char>(byte)};
+        size_t length = 2;
+        if (byte == '\n' || byte == '\t') {
+            escaped[1] = byte == '\n' ? 'n' : 't';
+        } else if (byte < 0x20) {
+            length = static_cast<size_t>(snprintf(escaped, sizeof escaped, "\\u%04x", byte));
+        }
+        put(std::string_view(escaped, length));
+        run = i + 1;
+    }
+    put(text.substr(run));
+    put(std::string_view("\"", 1));
+}

@@ -2,7 +2,12 @@
 
 #include "cli/output/message.h"
 
+#include <array>
 #include <cstdio>
+
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
 
 namespace {
 
@@ -21,26 +26,70 @@ bool is_bidi_override(unsigned code) {
     return (code >= 0x202A && code <= 0x202E) || (code >= 0x2066 && code <= 0x2069);
 }
 
+// Bytes that may start something to escape: C0 controls, DEL, and the lead
+// bytes of C1 controls (C2) and of the overrides (E2).
+constexpr std::array<bool, 256> MAY_ESCAPE = [] {
+    std::array<bool, 256> may{};
+    for (int byte = 0; byte < 0x20; byte++) {
+        may[byte] = true;
+    }
+    may[0x7F] = may[0xC2] = may[0xE2] = true;
+    return may;
+}();
+
+// Index of the first byte from `from` that may start an escape, or the size:
+// 16 bytes at a time where there are that many.
+size_t next_may_escape(std::string_view text, size_t from) {
+    size_t i = from;
+#ifdef __SSE2__
+    for (; i + 16 <= text.size(); i += 16) {
+        const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(text.data() + i));
+        const __m128i control = _mm_cmpeq_epi8(_mm_min_epu8(bytes, _mm_set1_epi8(0x1F)), bytes);
+        const __m128i leads = _mm_or_si128(
+            _mm_cmpeq_epi8(bytes, _mm_set1_epi8(0x7F)),
+            _mm_or_si128(_mm_cmpeq_epi8(bytes, _mm_set1_epi8(static_cast<char>(0xC2))),
+                         _mm_cmpeq_epi8(bytes, _mm_set1_epi8(static_cast<char>(0xE2)))));
+        const int mask = _mm_movemask_epi8(_mm_or_si128(control, leads));
+        if (mask != 0) {
+            return i + static_cast<size_t>(__builtin_ctz(static_cast<unsigned>(mask)));
+        }
+    }
+#endif
+    while (i < text.size() && !MAY_ESCAPE[static_cast<unsigned char>(text[i])]) {
+        i++;
+    }
+    return i;
+}
+
 }  // namespace
 
+// Plain runs are appended whole: a listing's fields rarely hold anything
+// to escape.
 void append_terminal_safe(std::string& out, std::string_view text) {
-    for (size_t i = 0; i < text.size(); i++) {
+    size_t run = 0;  // start of the plain bytes not yet appended
+    for (size_t i = next_may_escape(text, 0); i < text.size(); i = next_may_escape(text, i + 1)) {
         const auto byte = static_cast<unsigned char>(text[i]);
         const auto next = i + 1 < text.size() ? static_cast<unsigned char>(text[i + 1]) : 0;
         const auto third = i + 2 < text.size() ? static_cast<unsigned char>(text[i + 2]) : 0;
-        if (byte < 0x20 || byte == 0x7F) {
-            append_escape(out, "\\x%02x", byte);
-        } else if (byte == 0xC2 && next >= 0x80 && next <= 0x9F) {
+        const bool c1 = byte == 0xC2 && next >= 0x80 && next <= 0x9F;
+        const bool bidi = byte == 0xE2 && (next == 0x80 || next == 0x81) &&
+                          (third & 0xC0) == 0x80 && is_bidi_override(three_byte_code(next, third));
+        if (byte >= 0xC2 && !c1 && !bidi) {
+            continue;
+        }
+        out.append(text.data() + run, i - run);
+        if (c1) {
             append_escape(out, "\\u%04x", next);  // C1: U+0080 to U+009F
             i++;
-        } else if (byte == 0xE2 && (next == 0x80 || next == 0x81) && (third & 0xC0) == 0x80 &&
-                   is_bidi_override(three_byte_code(next, third))) {
+        } else if (bidi) {
             append_escape(out, "\\u%04x", three_byte_code(next, third));
             i += 2;
         } else {
-            out += text[i];
+            append_escape(out, "\\x%02x", byte);
         }
+        run = i + 1;
     }
+    out.append(text.data() + run, text.size() - run);
 }
 
 size_t utf8_prefix(std::string_view text, size_t limit) {

@@ -1,15 +1,21 @@
 // The front end's tables against what is written elsewhere: the short
 // option string, the usage text, the completions and the command table;
-// and the escaping of untrusted words on a terminal.
+// the escaping of untrusted words on a terminal and in JSON; the tenant
+// reader.
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <fstream>
+#include <new>
 #include <sstream>
 #include <string>
+#include <string_view>
+#include <vector>
 
+#include "cli/agent/tenants.h"
 #include "cli/command_line/option_table.h"
 #include "cli/commands/command_table.h"
+#include "cli/output/json_writer.h"
 #include "cli/output/message.h"
 
 namespace {
@@ -73,6 +79,14 @@ TEST(TerminalText, EscapesControlsAndOverridesOnly) {
          "\\u202a\\u202e\xe2\x80\xaf"},  // LRE, RLO, not U+202F
         {"\xe2\x81\xa6\xe2\x81\xa9\xe2\x81\xa5", "\\u2066\\u2069\xe2\x81\xa5"},
         {"\xe2\x80", "\xe2\x80"},  // cut sequence: left as it is
+        // Past the first 16 bytes, and across the 16th.
+        {"0123456789abcdef\x1b"
+         "0123456789abcdef",
+         "0123456789abcdef\\x1b0123456789abcdef"},
+        {"0123456789abcde\xc2\x85 and \xe2\x80\xae"
+         "0123456789abcdef\x7f"
+         "0123456789abcdef",
+         "0123456789abcde\\u0085 and \\u202e0123456789abcdef\\x7f0123456789abcdef"},
     };
     for (const auto& c : cases) {
         std::string shown;
@@ -82,6 +96,85 @@ TEST(TerminalText, EscapesControlsAndOverridesOnly) {
     Message message = Message::format("'%s' %s", {"a\nb", "r"});
     EXPECT_EQ(message.raw(), "'a\nb' r");
     EXPECT_EQ(message.shown(), "'a\\x0ab' r");
+}
+
+TEST(JsonText, EscapesQuotesBackslashesAndControlsAnywhere) {
+    const struct {
+        std::string_view text;
+        const char* written;
+    } cases[] = {
+        {"", R"("")"},
+        {"caf\xc3\xa9 \x7f", "\"caf\xc3\xa9 \x7f\""},
+        {"0123456789abcdef\"0123456789abcdef\\", R"("0123456789abcdef\"0123456789abcdef\\")"},
+        {std::string_view("a\n\t\x01\0b", 6), R"("a\n\t\u0001\u0000b")"},
+        {"0123456789abcdef\x1f"
+         "0123456789abcdef",
+         R"("0123456789abcdef\u001f0123456789abcdef")"},
+    };
+    for (const auto& c : cases) {
+        std::string written;
+        write_json_string(c.text, [&](std::string_view part) { written += part; });
+        EXPECT_EQ(written, c.written) << c.text;
+    }
+}
+
+// A "data" object holding `elements` as its "tenants" list.
+JsonValue* listing(const std::string& elements) {
+    return json_parse(("{\"tenants\": [" + elements + "]}").c_str());
+}
+
+// Views and values read alike; a field the element before had is absent
+// when this one lacks it; text stops at a NUL.
+TEST(TenantReader, ReadsEachElementAfreshAndStopsTextAtANul) {
+    JsonValue* data = listing(
+        R"("{\"tenant_name\": \"web\", \"reason\": \"r\", \"port\": 80, \"ack\": true}", 7, )"
+        R"("{\"tenant_name\": \"db\\u0000x\", \"synchronized\": false}", "{not json")");
+    ASSERT_NE(data, nullptr);
+    std::vector<std::string> seen;
+    auto describe = [](TenantElement element, const auto& tenant) {
+        auto text = [](const auto& field) { return field ? std::string(*field) : "-"; };
+        return std::to_string(static_cast<int>(element)) + " " + text(tenant.name) + " " +
+               text(tenant.reason) + " " + text(tenant.synchronized) + " " +
+               std::to_string(tenant.port) + std::to_string(tenant.has_port) +
+               std::to_string(tenant.ack);
+    };
+    EXPECT_EQ(read_tenants(data,
+                           [&](TenantElement element, const Tenant& tenant) {
+                               seen.push_back(describe(element, tenant));
+                               return TenantWalk::next;
+                           }),
+              TenantsRead::walked);
+    EXPECT_EQ(read_tenant_views(data,
+                                [&](TenantElement element, const TenantView& tenant) {
+                                    seen.push_back(describe(element, tenant));
+                                    return TenantWalk::next;
+                                }),
+              TenantsRead::walked);
+    const std::vector<std::string> once = {"0 web r - 8011", "1 - - - -10-1", "0 db - false -10-1",
+                                           "2 - - - -10-1"};
+    std::vector<std::string> twice = once;
+    twice.insert(twice.end(), once.begin(), once.end());
+    EXPECT_EQ(seen, twice);
+    json_free_value(data);
+}
+
+// What the visitor throws comes out of the reader; a missing list is told.
+TEST(TenantReader, ThrowsWhatTheVisitorThrowsAndTellsAMissingList) {
+    JsonValue* data = listing(R"("{}", "{}")");
+    int visits = 0;
+    EXPECT_THROW(read_tenants(data,
+                              [&](TenantElement, const Tenant&) -> TenantWalk {
+                                  visits++;
+                                  throw std::bad_alloc();
+                              }),
+                 std::bad_alloc);
+    EXPECT_EQ(visits, 1);
+    JsonValue* other = json_parse(R"({"services": []})");
+    EXPECT_EQ(
+        read_tenant_views(other, [](TenantElement, const TenantView&) { return TenantWalk::next; }),
+        TenantsRead::missing);
+    json_free_value(other);
+    json_free_value(data);
 }
 
 }  // namespace

@@ -100,6 +100,32 @@ TEST(Json, ParsedTextWritesBackTheSame) {
     EXPECT_EQ(serialized(c.handle), R"({"u":18446744073709551615,"e":[],"o":{}})");
 }
 
+// Escaped quotes at every offset of a 16-byte block, alone, in pairs and
+// next to an escaped backslash, a control escape or a byte outside ASCII:
+// each string decodes to what was escaped.
+TEST(Json, DenseEscapedQuotesDecodeAtEveryOffset) {
+    for (const char* unit : {"\"", "a\"", "ab\"\"", "\\\"", "\n\"", "\xc3\xa9\""}) {
+        for (size_t lead = 0; lead < 17; ++lead) {
+            std::string decoded(lead, 'x');
+            for (int i = 0; i < 12; ++i) {
+                decoded += unit;
+            }
+            std::string escaped;
+            for (const char c : decoded) {
+                escaped += c == '"' || c == '\\' ? std::string("\\") + c
+                           : c == '\n'           ? std::string("\\n")
+                                                 : std::string(1, c);
+            }
+            Value value(json_parse(("{\"k\": \"" + escaped + "\"}").c_str()));
+            char got[256] = {};
+            ASSERT_EQ(json_get_string_value(value.handle, "k", got, sizeof got),
+                      static_cast<int>(decoded.size()))
+                << escaped;
+            EXPECT_EQ(got, decoded) << escaped;
+        }
+    }
+}
+
 // Expected reads of each member as string (null: refused), int and bool.
 // clang-format off
 const struct { const char* key; const char* as_string; int as_int; int as_bool; } kMembers[] = {

@@ -30,6 +30,26 @@ const std::vector<std::string> kElements = {
     quoted("{\"tenant_name\":\"bad \xff utf-8\",\"ack\":false}"),
     quoted(R"({"tenant_name":{"nested":[1,2]},"uuid":null,"port":1.5})"),
     quoted(R"([1,2,3])"),
+    // Read without the parser when plain, by the parser when not: the same.
+    quoted(
+        R"({"tenant_name":"a","tenant_name":{"x":1},"port":80,"port":"x","ack":true,"ack":null})"),
+    quoted(R"( { "tenant_name" : "sp" , "port" : -0 , "virtual_port" : 123456789012345678 } )"),
+    quoted(
+        R"({"port":1234567890123456789012,"virtual_port":1e3,"uuid":-5.0,"status":[],"ack":9999999999999999999})"),
+    quoted(R"({"a":[[[{"b":[true,false,null,"s",{}]}]]],"tenant_name":"deep","ack":false})"),
+    quoted(R"({"a":)" + std::string(40, '[') + std::string(40, ']') + R"(,"tenant_name":"d40"})"),
+    quoted([] {
+        std::string many = "{";
+        for (int i = 0; i < 1500; ++i) {
+            many += "\"k" + std::to_string(i) + "\":" + std::to_string(i) + ",";
+        }
+        return many + R"("tenant_name":"many"})";
+    }()),
+    quoted(R"({"port":0123})"),
+    quoted(R"({"tenant_name":"a"} x)"),
+    quoted(R"({"tenant_name":"a",})"),
+    quoted(R"({"port":80 "uuid":"x"})"),
+    R"("{\"tenant_name\":\"tab\there\"}")",          // a raw tab in a string
     quoted(R"({"tenant_name":)"),                    // not JSON
     R"("{\"tenant_name\":\"cut\"}\u0000{garbage")",  // read up to the NUL
     "42",                                            // not a string
