@@ -8,12 +8,18 @@
 #include <emmintrin.h>
 #endif
 
+#include "core/utf8.h"
+
 namespace {
 
-// The bytes a JSON string must escape.
+// The bytes a JSON string must escape, and those past ASCII, whose
+// sequences are checked before they are written.
 constexpr std::array<bool, 256> JSON_SPECIAL = [] {
     std::array<bool, 256> special{};
     for (int byte = 0; byte < 0x20; byte++) {
+        special[byte] = true;
+    }
+    for (int byte = 0x80; byte < 0x100; byte++) {
         special[byte] = true;
     }
     special['"'] = special['\\'] = true;
@@ -36,7 +42,8 @@ size_t json_plain_prefix(std::string_view text) noexcept {
         const __m128i control = _mm_cmpeq_epi8(_mm_min_epu8(bytes, _mm_set1_epi8(0x1F)), bytes);
         const __m128i quote = _mm_cmpeq_epi8(bytes, _mm_set1_epi8('"'));
         const __m128i backslash = _mm_cmpeq_epi8(bytes, _mm_set1_epi8('\\'));
-        const int mask = _mm_movemask_epi8(_mm_or_si128(control, _mm_or_si128(quote, backslash)));
+        const __m128i special = _mm_or_si128(control, _mm_or_si128(quote, backslash));
+        const int mask = _mm_movemask_epi8(special) | _mm_movemask_epi8(bytes);
         if (mask != 0) {
             return i + static_cast<size_t>(__builtin_ctz(static_cast<unsigned>(mask)));
         }
@@ -46,6 +53,21 @@ size_t json_plain_prefix(std::string_view text) noexcept {
         i++;
     }
     return i;
+}
+
+size_t json_non_ascii(std::string_view text, std::string_view* valid) noexcept {
+    uint32_t code_point = 0;
+    const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
+    size_t length = utf8_sequence(bytes, text.size(), &code_point);
+    if (length > 0) {
+        *valid = text.substr(0, length);
+        return length;
+    }
+    *valid = std::string_view("\xEF\xBF\xBD", 3);  // U+FFFD
+    for (length = 1; length < text.size() && length < 4 && (bytes[length] & 0xC0) == 0x80;
+         length++) {
+    }
+    return length;
 }
 
 // Only called from inside append(), which catches what this may throw.

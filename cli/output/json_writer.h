@@ -44,10 +44,16 @@ std::string json_array(const std::string* items, size_t count) noexcept;
 // is: no quote, backslash or control character.
 size_t json_plain_prefix(std::string_view text) noexcept;
 
+// The bytes past ASCII at the start of `text` (not empty): a well-formed
+// UTF-8 sequence goes to *valid as it is; a bad one (with the continuation
+// bytes after it) as U+FFFD, so the output stays UTF-8 whatever the user
+// typed. Returns how many bytes were taken.
+size_t json_non_ascii(std::string_view text, std::string_view* valid) noexcept;
+
 // Writes `text` as a JSON string, quotes included, through put(string_view):
 // runs of plain bytes in one call each, and each quote, backslash or control
-// character escaped (a control as \n, \t or \u00XX). Other bytes are
-// written as they are.
+// character escaped (a control as \n, \t or \u00XX). Bytes that are not
+// UTF-8 are written as U+FFFD.
 template <typename Put>
 void write_json_string(std::string_view text, Put&& put) {
     put(std::string_view("\"", 1));
@@ -56,6 +62,12 @@ void write_json_string(std::string_view text, Put&& put) {
          i = run + json_plain_prefix(text.substr(run))) {
         const auto byte = static_cast<unsigned char>(text[i]);
         put(text.substr(run, i - run));
+        if (byte >= 0x80) {
+            std::string_view sequence;
+            run = i + json_non_ascii(text.substr(i), &sequence);
+            put(sequence);
+            continue;
+        }
         char escaped[8] = {'\\', static_cast<char>(byte)};
         size_t length = 2;
         if (byte == '\n' || byte == '\t') {

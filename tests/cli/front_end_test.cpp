@@ -98,7 +98,7 @@ TEST(TerminalText, EscapesControlsAndOverridesOnly) {
     EXPECT_EQ(message.shown(), "'a\\x0ab' r");
 }
 
-TEST(JsonText, EscapesQuotesBackslashesAndControlsAnywhere) {
+TEST(JsonText, EscapesQuotesBackslashesAndControlsAnywhereAndReplacesBadBytes) {
     const struct {
         std::string_view text;
         const char* written;
@@ -110,6 +110,9 @@ TEST(JsonText, EscapesQuotesBackslashesAndControlsAnywhere) {
         {"0123456789abcdef\x1f"
          "0123456789abcdef",
          R"("0123456789abcdef\u001f0123456789abcdef")"},
+        // What the user typed may not be UTF-8; the output stays UTF-8.
+        {"0123456789abcdef\xff\xe2\x82x\xc3",
+         "\"0123456789abcdef\xef\xbf\xbd\xef\xbf\xbdx\xef\xbf\xbd\""},
     };
     for (const auto& c : cases) {
         std::string written;
