@@ -18,7 +18,8 @@ candidates() { # shell command-line-words...: one candidate a line
     case $shell in
         bash) COMP_WORDS=("$@") COMP_CWORD=$(($# - 1)) && _sylvane_service &&
             printf '%s\n' "${COMPREPLY[@]}" ;;
-        zsh) zsh -f "$here/zsh_complete.zsh" "$contrib/zsh" "$*" ;;
+        # zsh offers a name with a blank quoted, as the one word it inserts.
+        zsh) zsh -f "$here/zsh_complete.zsh" "$contrib/zsh" "$*" | sed 's/\\\(.\)/\1/g' ;;
         fish) fish --no-config -c "source $contrib/fish/sylvane-service.fish"'; complete -C "$argv"' \
             -- "$*" | cut -f1 ;;
     esac | sed 's|/$||; s|.*/||' | grep . | sort -u
