@@ -74,44 +74,56 @@ std::optional<Change> toggle(const DesiredService& service, size_t index,
     return change;
 }
 
-// The update, enable or disable, or unchanged entry of a service the agent has.
+// The update, enable or disable, or unchanged entry of a service the agent
+// has. Most services of a large file are unchanged: their texts are made
+// once and moved into the entry.
 void plan_existing(const DesiredService& service, size_t index, const AgentService& agent,
                    Groups* groups) {
-    Change update = service_change(ChangeAction::update, service.name, index);
-    update.before.emplace();
-    update.after.emplace();
-    const std::string target_now = endpoint_text(agent.ip_address, agent.port);
-    if (target_now != service.target.text()) {
-        update.before->target = target_now;
-        update.after->target = service.target.text();
-    }
-    if (agent.virtual_port != service.effective_virtual_port()) {
-        update.before->virtual_port = agent.virtual_port;
-        update.after->virtual_port = service.effective_virtual_port();
-    }
-    const bool updated = update.before->target || update.before->virtual_port;
-    if (updated) {
+    std::string target_now = endpoint_text(agent.ip_address, agent.port);
+    std::string target_wanted = service.target.text();
+    const bool moved = target_now != target_wanted;
+    const bool ported = agent.virtual_port != service.effective_virtual_port();
+    if (moved || ported) {
+        Change update = service_change(ChangeAction::update, service.name, index);
+        update.before.emplace();
+        update.after.emplace();
+        if (moved) {
+            update.before->target = target_now;
+            update.after->target = target_wanted;
+        }
+        if (ported) {
+            update.before->virtual_port = agent.virtual_port;
+            update.after->virtual_port = service.effective_virtual_port();
+        }
         groups->updates.push_back(std::move(update));
     }
     std::optional<Change> toggled = toggle(service, index, &agent.status);
     if (toggled) {
         groups->toggles.push_back(std::move(*toggled));
     }
-    if (!updated && !toggled) {
-        Change same = service_change(ChangeAction::unchanged, service.name, index);
-        same.before = agent_state(agent);
-        same.after = desired_state(service);
-        groups->unchanged.push_back(std::move(same));
+    if (!moved && !ported && !toggled) {
+        Change& same = groups->unchanged.emplace_back(
+            service_change(ChangeAction::unchanged, service.name, index));
+        same.before = ChangeState{.target = std::move(target_now),
+                                  .virtual_port = agent.virtual_port,
+                                  .enabled = enabled_by_status(agent.status),
+                                  .status = agent.status};
+        same.after = ChangeState{.target = std::move(target_wanted),
+                                 .virtual_port = service.effective_virtual_port(),
+                                 .enabled = service.enabled};
     }
 }
 
 void plan_services(const DesiredState& desired, const AgentSnapshot& agent, bool prune,
                    Groups* groups) {
     std::unordered_map<std::string_view, const AgentService*> listed;
+    listed.reserve(agent.services.size());
+    groups->unchanged.reserve(desired.services.size());
     for (const AgentService& service : agent.services) {
         listed.emplace(service.name, &service);  // the first of a name wins
     }
     std::unordered_set<std::string_view> named;
+    named.reserve(desired.services.size());
     for (size_t i = 0; i < desired.services.size(); i++) {
         const DesiredService& service = desired.services[i];
         named.insert(service.name);
@@ -204,6 +216,9 @@ Plan make_plan(const DesiredState& desired, const AgentSnapshot& agent, bool pru
         plan_proxy(*desired.proxy, agent.proxy, &groups);
     }
     Plan plan;
+    plan.changes.reserve(groups.creates.size() + groups.updates.size() + groups.toggles.size() +
+                         groups.removes.size() + groups.unchanged.size() +
+                         groups.not_managed.size());
     for (std::vector<Change>* group : {&groups.creates, &groups.updates, &groups.toggles,
                                        &groups.removes, &groups.unchanged, &groups.not_managed}) {
         for (Change& change : *group) {
