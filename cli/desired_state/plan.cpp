@@ -3,15 +3,21 @@
 
 #include "cli/desired_state/plan.h"
 
+#include <iterator>
 #include <string_view>
 #include <unordered_map>
 #include <unordered_set>
+#include <utility>
 
 namespace {
 
-// Changes in the groups of the plan's order, concatenated at the end.
+// Changes in the groups of the plan's order, concatenated at the end. The
+// unchanged services, most of a large plan, are kept as pairs and built
+// straight into the plan: no second copy of 10,000 entries.
 struct Groups {
-    std::vector<Change> creates, updates, toggles, removes, unchanged, not_managed;
+    std::vector<Change> creates, updates, toggles, removes;
+    std::vector<std::pair<size_t, const AgentService*>> unchanged_services;  // file index, agent's
+    std::vector<Change> unchanged_proxy, not_managed;
 };
 
 // True for connected and in progress, false for disconnected, none else.
@@ -75,12 +81,11 @@ std::optional<Change> toggle(const DesiredService& service, size_t index,
 }
 
 // The update, enable or disable, or unchanged entry of a service the agent
-// has. Most services of a large file are unchanged: their texts are made
-// once and moved into the entry.
+// has.
 void plan_existing(const DesiredService& service, size_t index, const AgentService& agent,
                    Groups* groups) {
-    std::string target_now = endpoint_text(agent.ip_address, agent.port);
-    std::string target_wanted = service.target.text();
+    const std::string target_now = endpoint_text(agent.ip_address, agent.port);
+    const std::string target_wanted = service.target.text();
     const bool moved = target_now != target_wanted;
     const bool ported = agent.virtual_port != service.effective_virtual_port();
     if (moved || ported) {
@@ -102,23 +107,28 @@ void plan_existing(const DesiredService& service, size_t index, const AgentServi
         groups->toggles.push_back(std::move(*toggled));
     }
     if (!moved && !ported && !toggled) {
-        Change& same = groups->unchanged.emplace_back(
-            service_change(ChangeAction::unchanged, service.name, index));
-        same.before = ChangeState{.target = std::move(target_now),
-                                  .virtual_port = agent.virtual_port,
-                                  .enabled = enabled_by_status(agent.status),
-                                  .status = agent.status};
-        same.after = ChangeState{.target = std::move(target_wanted),
-                                 .virtual_port = service.effective_virtual_port(),
-                                 .enabled = service.enabled};
+        groups->unchanged_services.emplace_back(index, &agent);
     }
+}
+
+// The unchanged entry of the file's service `index`: all it and the agent show.
+Change unchanged_service(const DesiredService& service, size_t index, const AgentService& agent) {
+    Change same = service_change(ChangeAction::unchanged, service.name, index);
+    same.before = ChangeState{.target = endpoint_text(agent.ip_address, agent.port),
+                              .virtual_port = agent.virtual_port,
+                              .enabled = enabled_by_status(agent.status),
+                              .status = agent.status};
+    same.after = ChangeState{.target = service.target.text(),
+                             .virtual_port = service.effective_virtual_port(),
+                             .enabled = service.enabled};
+    return same;
 }
 
 void plan_services(const DesiredState& desired, const AgentSnapshot& agent, bool prune,
                    Groups* groups) {
     std::unordered_map<std::string_view, const AgentService*> listed;
     listed.reserve(agent.services.size());
-    groups->unchanged.reserve(desired.services.size());
+    groups->unchanged_services.reserve(desired.services.size());
     for (const AgentService& service : agent.services) {
         listed.emplace(service.name, &service);  // the first of a name wins
     }
@@ -185,7 +195,7 @@ void plan_proxy(const DesiredProxy& desired, const std::optional<AgentProxy>& ag
         groups->toggles.push_back(std::move(change));
     }
     if (!updated && !toggled) {
-        groups->unchanged.push_back(Change{
+        groups->unchanged_proxy.push_back(Change{
             .object = ChangeObject::proxy,
             .action = ChangeAction::unchanged,
             .before = ChangeState{.address = address_now, .type = agent->type, .enabled = now},
@@ -217,14 +227,20 @@ Plan make_plan(const DesiredState& desired, const AgentSnapshot& agent, bool pru
     }
     Plan plan;
     plan.changes.reserve(groups.creates.size() + groups.updates.size() + groups.toggles.size() +
-                         groups.removes.size() + groups.unchanged.size() +
-                         groups.not_managed.size());
-    for (std::vector<Change>* group : {&groups.creates, &groups.updates, &groups.toggles,
-                                       &groups.removes, &groups.unchanged, &groups.not_managed}) {
-        for (Change& change : *group) {
-            plan.summary.add(change.action);
-            plan.changes.push_back(std::move(change));
-        }
+                         groups.removes.size() + groups.unchanged_services.size() +
+                         groups.unchanged_proxy.size() + groups.not_managed.size());
+    for (std::vector<Change>* group :
+         {&groups.creates, &groups.updates, &groups.toggles, &groups.removes}) {
+        std::move(group->begin(), group->end(), std::back_inserter(plan.changes));
+    }
+    for (const auto& [index, listed] : groups.unchanged_services) {
+        plan.changes.push_back(unchanged_service(desired.services[index], index, *listed));
+    }
+    for (std::vector<Change>* group : {&groups.unchanged_proxy, &groups.not_managed}) {
+        std::move(group->begin(), group->end(), std::back_inserter(plan.changes));
+    }
+    for (const Change& change : plan.changes) {
+        plan.summary.add(change.action);
     }
     return plan;
 }
