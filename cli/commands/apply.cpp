@@ -150,6 +150,7 @@ bool changed_something() {
     }
     Outcome outcome = Outcome::fail(failure, message, fields);
     outcome.human = HumanException{{}, human, human_status(failure)};
+    outcome.status = 1;
     finish(outcome);
 }
 
@@ -460,4 +461,15 @@ void apply_stopped(bool timed_out) {
     step_failed(
         Session.connected() ? Failure::timeout : Failure::unreachable,
         Message("not settled within ").say(std::to_string(applying_state.seconds)).say(" seconds"));
+}
+
+// The agent asked the tool to disconnect: before the first step the usual
+// busy failure, during the apply the report of what was done and not tried.
+void apply_busy() {
+    without_running_out([] {
+        if (!applying()) {
+            fail_busy();
+        }
+        step_failed(Failure::busy, "the Transfer Agent serves another client now");
+    });
 }

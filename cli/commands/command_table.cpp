@@ -127,7 +127,7 @@ constexpr CommandRow COMMANDS[] = {
      .agent_command = "get_tenants", .build = build_empty_request,
      .on_answer = guarded<desired_listing_answer>,
      .timeout_seconds = 4, .times_itself = true, .on_timeout = desired_timed_out,
-     .on_gave_up = end_unreachable, .on_hung_up = desired_hung_up,
+     .on_gave_up = end_unreachable, .on_hung_up = desired_hung_up, .on_busy = apply_busy,
      .attempts = TRANSFER_AGENT_ATTEMPTS, .needs = "", .accepts = "k",
      .takes_wait = true, .takes_no_wait = true, .takes_prune = true, .takes_dry_run = true},
     {.id = CommandId::export_state, .shown_as = "--export", .prepare = prepare_desired,

@@ -34,6 +34,8 @@ void desired_proxy_answer(JsonValue* data);
 void desired_event(JsonValue* data);
 void desired_timed_out();
 void desired_hung_up();
+// apply.cpp: the agent asked to disconnect (busy) before or during an apply.
+void apply_busy();
 
 // follow_up.cpp
 void enable_answer(JsonValue* data);

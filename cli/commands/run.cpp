@@ -28,7 +28,7 @@ void busy() {
         command.row->on_busy();
         return;
     }
-    without_running_out([] { fail_about_service(Failure::busy, BUSY_MESSAGE); });
+    without_running_out([] { fail_busy(); });
 }
 
 void gave_up() {
@@ -110,6 +110,10 @@ SessionHooks hooks_of(const CommandRow& row, const Invocation& in) {
 }
 
 }  // namespace
+
+void fail_busy() {
+    fail_about_service(Failure::busy, BUSY_MESSAGE);
+}
 
 const RunningCommand& running() {
     return command;

@@ -60,3 +60,6 @@ constexpr const char* BAD_TENANTS_EVENT =
 [[noreturn]] void end_unreachable();
 // `failure` with `text`, about the running command's service.
 [[noreturn]] void fail_about_service(Failure failure, Message text, const char* reason = nullptr);
+// The agent asked the tool to disconnect (it serves another client): the
+// usual busy failure.
+[[noreturn]] void fail_busy();

@@ -3,15 +3,21 @@
 
 #include "cli/desired_state/plan.h"
 
+#include <iterator>
 #include <string_view>
 #include <unordered_map>
 #include <unordered_set>
+#include <utility>
 
 namespace {
 
-// Changes in the groups of the plan's order, concatenated at the end.
+// Changes in the groups of the plan's order, concatenated at the end. The
+// unchanged services, most of a large plan, are kept as pairs and built
+// straight into the plan: no second copy of 10,000 entries.
 struct Groups {
-    std::vector<Change> creates, updates, toggles, removes, unchanged, not_managed;
+    std::vector<Change> creates, updates, toggles, removes;
+    std::vector<std::pair<size_t, const AgentService*>> unchanged_services;  // file index, agent's
+    std::vector<Change> unchanged_proxy, not_managed;
 };
 
 // True for connected and in progress, false for disconnected, none else.
@@ -74,44 +80,60 @@ std::optional<Change> toggle(const DesiredService& service, size_t index,
     return change;
 }
 
-// The update, enable or disable, or unchanged entry of a service the agent has.
+// The update, enable or disable, or unchanged entry of a service the agent
+// has.
 void plan_existing(const DesiredService& service, size_t index, const AgentService& agent,
                    Groups* groups) {
-    Change update = service_change(ChangeAction::update, service.name, index);
-    update.before.emplace();
-    update.after.emplace();
     const std::string target_now = endpoint_text(agent.ip_address, agent.port);
-    if (target_now != service.target.text()) {
-        update.before->target = target_now;
-        update.after->target = service.target.text();
-    }
-    if (agent.virtual_port != service.effective_virtual_port()) {
-        update.before->virtual_port = agent.virtual_port;
-        update.after->virtual_port = service.effective_virtual_port();
-    }
-    const bool updated = update.before->target || update.before->virtual_port;
-    if (updated) {
+    const std::string target_wanted = service.target.text();
+    const bool moved = target_now != target_wanted;
+    const bool ported = agent.virtual_port != service.effective_virtual_port();
+    if (moved || ported) {
+        Change update = service_change(ChangeAction::update, service.name, index);
+        update.before.emplace();
+        update.after.emplace();
+        if (moved) {
+            update.before->target = target_now;
+            update.after->target = target_wanted;
+        }
+        if (ported) {
+            update.before->virtual_port = agent.virtual_port;
+            update.after->virtual_port = service.effective_virtual_port();
+        }
         groups->updates.push_back(std::move(update));
     }
     std::optional<Change> toggled = toggle(service, index, &agent.status);
     if (toggled) {
         groups->toggles.push_back(std::move(*toggled));
     }
-    if (!updated && !toggled) {
-        Change same = service_change(ChangeAction::unchanged, service.name, index);
-        same.before = agent_state(agent);
-        same.after = desired_state(service);
-        groups->unchanged.push_back(std::move(same));
+    if (!moved && !ported && !toggled) {
+        groups->unchanged_services.emplace_back(index, &agent);
     }
+}
+
+// The unchanged entry of the file's service `index`: all it and the agent show.
+Change unchanged_service(const DesiredService& service, size_t index, const AgentService& agent) {
+    Change same = service_change(ChangeAction::unchanged, service.name, index);
+    same.before = ChangeState{.target = endpoint_text(agent.ip_address, agent.port),
+                              .virtual_port = agent.virtual_port,
+                              .enabled = enabled_by_status(agent.status),
+                              .status = agent.status};
+    same.after = ChangeState{.target = service.target.text(),
+                             .virtual_port = service.effective_virtual_port(),
+                             .enabled = service.enabled};
+    return same;
 }
 
 void plan_services(const DesiredState& desired, const AgentSnapshot& agent, bool prune,
                    Groups* groups) {
     std::unordered_map<std::string_view, const AgentService*> listed;
+    listed.reserve(agent.services.size());
+    groups->unchanged_services.reserve(desired.services.size());
     for (const AgentService& service : agent.services) {
         listed.emplace(service.name, &service);  // the first of a name wins
     }
     std::unordered_set<std::string_view> named;
+    named.reserve(desired.services.size());
     for (size_t i = 0; i < desired.services.size(); i++) {
         const DesiredService& service = desired.services[i];
         named.insert(service.name);
@@ -173,7 +195,7 @@ void plan_proxy(const DesiredProxy& desired, const std::optional<AgentProxy>& ag
         groups->toggles.push_back(std::move(change));
     }
     if (!updated && !toggled) {
-        groups->unchanged.push_back(Change{
+        groups->unchanged_proxy.push_back(Change{
             .object = ChangeObject::proxy,
             .action = ChangeAction::unchanged,
             .before = ChangeState{.address = address_now, .type = agent->type, .enabled = now},
@@ -204,12 +226,21 @@ Plan make_plan(const DesiredState& desired, const AgentSnapshot& agent, bool pru
         plan_proxy(*desired.proxy, agent.proxy, &groups);
     }
     Plan plan;
-    for (std::vector<Change>* group : {&groups.creates, &groups.updates, &groups.toggles,
-                                       &groups.removes, &groups.unchanged, &groups.not_managed}) {
-        for (Change& change : *group) {
-            plan.summary.add(change.action);
-            plan.changes.push_back(std::move(change));
-        }
+    plan.changes.reserve(groups.creates.size() + groups.updates.size() + groups.toggles.size() +
+                         groups.removes.size() + groups.unchanged_services.size() +
+                         groups.unchanged_proxy.size() + groups.not_managed.size());
+    for (std::vector<Change>* group :
+         {&groups.creates, &groups.updates, &groups.toggles, &groups.removes}) {
+        std::move(group->begin(), group->end(), std::back_inserter(plan.changes));
+    }
+    for (const auto& [index, listed] : groups.unchanged_services) {
+        plan.changes.push_back(unchanged_service(desired.services[index], index, *listed));
+    }
+    for (std::vector<Change>* group : {&groups.unchanged_proxy, &groups.not_managed}) {
+        std::move(group->begin(), group->end(), std::back_inserter(plan.changes));
+    }
+    for (const Change& change : plan.changes) {
+        plan.summary.add(change.action);
     }
     return plan;
 }

@@ -53,6 +53,9 @@ void append_escape(std::string& out, uint32_t code_point) {
 // Agent text for a terminal: dangerous characters and bytes that are not
 // UTF-8 as \xNN or \uNNNN, the rest as it is.
 std::string terminal_safe(std::string_view text) {
+    if (std::all_of(text.begin(), text.end(), [](char c) { return c >= 0x20 && c < 0x7F; })) {
+        return std::string(text);  // printable ASCII, the common case, as it is
+    }
     std::string out;
     for (size_t i = 0; i < text.size();) {
         uint32_t code_point = 0;
@@ -268,7 +271,14 @@ std::string render_plan_text(const Plan& plan) {
     return without_throwing([&] {
         std::string out;
         for (const Change& change : plan.changes) {
-            out += change_line(change) + "\n";
+            if (change.action == ChangeAction::unchanged &&
+                change.object == ChangeObject::service) {
+                out += "  unchanged service ";  // most lines of a large plan: no temporaries
+                out += terminal_safe(change.service);
+            } else {
+                out += change_line(change);
+            }
+            out += '\n';
         }
         return out + summary_line(plan.summary) + "\n";
     });

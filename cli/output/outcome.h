@@ -65,6 +65,9 @@ struct Outcome {
     // --diff: the plan (not owned); each printer renders only its own text,
     // which for 10,000 services is most of the run's work.
     const Plan* plan = nullptr;
+    // When not 0, the run's status in both modes instead of the failure
+    // table's: an apply's failed step ends with 1 whatever its code.
+    int status = 0;
 
     static Outcome success(Message text = {}, JsonWriter fields = JsonWriter());
     static Outcome fail(Failure failure, Message text, JsonWriter fields = JsonWriter());

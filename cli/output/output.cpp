@@ -103,7 +103,7 @@ void finish(const Outcome& outcome) {
     without_running_out([&] { status = printer->final(outcome, human_failure_override); });
     flush_checked(stdout);
     flush_checked(stderr);
-    end_run(status);
+    end_run(outcome.status != 0 ? outcome.status : status);
 }
 
 void finish_out_of_memory() {

@@ -13,7 +13,7 @@ import sys
 import tempfile
 
 from cases import KEY, SUBSCRIBE, USAGE, listing, tenant
-from fake_agent import FakeAgent, about_request, acknowledge, reply, turns
+from fake_agent import FakeAgent, about_request, acknowledge, evict, reply, turns
 from run_case import check_sent, tool_env
 
 LIST = ("get_tenants", {})
@@ -155,6 +155,27 @@ CASES = {
             "Could not create service 'b': Invalid API key.\nStopped: 1 created, 0 updated, "
             "0 enabled, 0 disabled, 0 removed.\nNot tried:\n  ~ enable service b (new)\n",
             sent=REFUSED_SENT, env=KEYED)]),
+    # A step that does not settle, or the agent turning to another client
+    # mid-run: the same report, status 1 in both modes, the code kept.
+    **{name: ({"f": "version: 1\nservices:\n  a: {target: 127.0.0.1:1}\n"
+                    "  b: {target: 127.0.0.1:2}\n"}, dict(
+        AGENT, get_tenants=[reply(listing())], add_tenant=turns(
+            [reply({"added": True}), about_request(status="disconnected")], second)), [
+        run(["--json", "--apply", "{dir}/f", "--wait", "1"], 1, [
+            step("a", "create"), step("b", "create", "failed"),
+            dict(version=1, ok=False, error=code, message="Could not create service 'b': "
+                 + why + ".", service="b", changed=True, summary=summary(create=1),
+                 not_tried=[])], sent=REFUSED_SENT, env=KEYED),
+        run(["--apply", "{dir}/f", "--wait", "1"], 1,
+            "+ create service a: target 127.0.0.1:1, virtual_port 1 ... done\n",
+            "+ create service b: target 127.0.0.1:2, virtual_port 2 ... failed: Could not "
+            "create service 'b': " + why + "\nStopped: 1 created, 0 updated, 0 enabled, "
+            "0 disabled, 0 removed.\n", sent=REFUSED_SENT, env=KEYED)])
+       for name, second, code, why in [
+           ("apply_step_timeout_exits_1", [reply({"added": True})], "timeout",
+            "not settled within 1 seconds"),
+           ("apply_busy_mid_run_reports_steps", [evict()], "busy",
+            "the Transfer Agent serves another client now")]},
     "apply_create_without_key_sends_nothing": ({"f": FILE}, AGENT, [
         run(["--apply", "{dir}/f"], 1, "", "Creating services needs an API key: give "
             "--api-key-file, SYLVANE_API_KEY or -k.\n", sent=[LIST])]),
