@@ -5,9 +5,9 @@
 
 #include <iterator>
 #include <string_view>
-#include <unordered_map>
-#include <unordered_set>
 #include <utility>
+
+#include "cli/desired_state/name_index.h"
 
 namespace {
 
@@ -84,17 +84,17 @@ std::optional<Change> toggle(const DesiredService& service, size_t index,
 // has.
 void plan_existing(const DesiredService& service, size_t index, const AgentService& agent,
                    Groups* groups) {
-    const std::string target_now = endpoint_text(agent.ip_address, agent.port);
-    const std::string target_wanted = service.target.text();
-    const bool moved = target_now != target_wanted;
+    // The file's address never holds a colon, so equal parts are equal texts.
+    const bool moved =
+        agent.port != service.target.port || agent.ip_address != service.target.address;
     const bool ported = agent.virtual_port != service.effective_virtual_port();
     if (moved || ported) {
         Change update = service_change(ChangeAction::update, service.name, index);
         update.before.emplace();
         update.after.emplace();
         if (moved) {
-            update.before->target = target_now;
-            update.after->target = target_wanted;
+            update.before->target = endpoint_text(agent.ip_address, agent.port);
+            update.after->target = service.target.text();
         }
         if (ported) {
             update.before->virtual_port = agent.virtual_port;
@@ -126,20 +126,18 @@ Change unchanged_service(const DesiredService& service, size_t index, const Agen
 
 void plan_services(const DesiredState& desired, const AgentSnapshot& agent, bool prune,
                    Groups* groups) {
-    std::unordered_map<std::string_view, const AgentService*> listed;
-    listed.reserve(agent.services.size());
-    groups->unchanged_services.reserve(desired.services.size());
-    for (const AgentService& service : agent.services) {
-        listed.emplace(service.name, &service);  // the first of a name wins
+    const std::vector<AgentService>& listed = agent.services;
+    NameIndex first_listed(listed.size());  // the first of a name wins
+    for (size_t i = 0; i < listed.size(); i++) {
+        first_listed.add(listed[i].name, static_cast<uint32_t>(i));
     }
-    std::unordered_set<std::string_view> named;
-    named.reserve(desired.services.size());
+    std::vector<bool> named(listed.size());  // first entries the file names
+    groups->unchanged_services.reserve(desired.services.size());
     for (size_t i = 0; i < desired.services.size(); i++) {
         const DesiredService& service = desired.services[i];
-        named.insert(service.name);
-        auto found = listed.find(service.name);
-        if (found != listed.end()) {
-            plan_existing(service, i, *found->second, groups);
+        if (const uint32_t* found = first_listed.find(service.name)) {
+            named[*found] = true;
+            plan_existing(service, i, listed[*found], groups);
             continue;
         }
         Change create = service_change(ChangeAction::create, service.name, i);
@@ -149,14 +147,14 @@ void plan_services(const DesiredState& desired, const AgentSnapshot& agent, bool
             groups->toggles.push_back(std::move(*enable));
         }
     }
-    for (const AgentService& service : agent.services) {
-        if (named.count(service.name) != 0 || listed[service.name] != &service) {
+    for (size_t i = 0; i < listed.size(); i++) {
+        if (named[i] || *first_listed.find(listed[i].name) != i) {
             continue;
         }
         Change change{.object = ChangeObject::service,
                       .action = prune ? ChangeAction::remove : ChangeAction::not_managed,
-                      .service = service.name,
-                      .before = agent_state(service)};
+                      .service = listed[i].name,
+                      .before = agent_state(listed[i])};
         (prune ? groups->removes : groups->not_managed).push_back(std::move(change));
     }
 }

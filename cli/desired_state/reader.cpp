@@ -14,6 +14,7 @@
 #include <unordered_map>
 
 #include "cli/desired_state/desired_state.h"
+#include "cli/desired_state/quick_reader.h"
 #include "cli/desired_state/yaml_tree.h"
 #include "cli/preflight/strict_address.h"
 
@@ -351,6 +352,13 @@ std::string Endpoint::text() const {
 bool read_desired_state(std::string_view text, std::string_view file, DesiredState* state,
                         std::string* error) noexcept {
     try {
+        // The files --export writes, and most written by hand, in one pass;
+        // anything else, and every refusal, through the tree below.
+        DesiredState quick;
+        if (read_desired_state_quickly(text, &quick)) {
+            *state = std::move(quick);
+            return true;
+        }
         YamlNode root;
         // JSON first, the fast way; a refusal is found again through
         // libfyaml below, which knows where it is.

@@ -1,0 +1,101 @@
+// NameIndex: names (views the caller keeps alive) to small numbers, in one
+// open-addressed table. The desired-state reader finds duplicate service
+// names with it and the plan matches the file's services with the agent's:
+// thousands of names each, looked up once or twice, no allocation per name.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <string_view>
+#include <vector>
+
+class NameIndex {
+public:
+    // Room for `expected` names before the table first grows.
+    explicit NameIndex(size_t expected = 0) { resize(capacity_for(expected)); }
+
+    // Adds `name` with `value` and returns true, or returns false and leaves
+    // the table as it is when `name` is there already (`*found` then holds
+    // its value). May throw std::bad_alloc.
+    bool add(std::string_view name, uint32_t value, uint32_t* found = nullptr) {
+        if ((count_ + 1) * 2 > slots_.size()) {
+            grow();
+        }
+        Slot& slot = slot_for(name);
+        if (slot.used) {
+            if (found != nullptr) {
+                *found = slot.value;
+            }
+            return false;
+        }
+        slot = Slot{name, value, true};
+        count_++;
+        return true;
+    }
+
+    // The value of `name`, or null.
+    const uint32_t* find(std::string_view name) const {
+        const Slot& slot = const_cast<NameIndex*>(this)->slot_for(name);
+        return slot.used ? &slot.value : nullptr;
+    }
+
+private:
+    struct Slot {
+        std::string_view name{};
+        uint32_t value = 0;
+        bool used = false;
+    };
+
+    static size_t capacity_for(size_t expected) {
+        size_t capacity = 16;
+        while (capacity < expected * 2) {
+            capacity *= 2;
+        }
+        return capacity;
+    }
+
+    // Eight bytes a step: names are short, and only spread matters here.
+    static uint64_t hash(std::string_view name) {
+        uint64_t h = name.size() * 0x9e3779b97f4a7c15ull;
+        size_t i = 0;
+        for (; i + 8 <= name.size(); i += 8) {
+            uint64_t word;
+            memcpy(&word, name.data() + i, 8);
+            h = (h ^ word) * 0xff51afd7ed558ccdull;
+            h ^= h >> 32;
+        }
+        uint64_t tail = 0;
+        if (i < name.size()) {
+            memcpy(&tail, name.data() + i, name.size() - i);
+        }
+        h = (h ^ tail) * 0xc4ceb9fe1a85ec53ull;
+        return h ^ (h >> 29);
+    }
+
+    // The slot holding `name`, or the empty one where it would go.
+    Slot& slot_for(std::string_view name) {
+        const size_t mask = slots_.size() - 1;
+        for (size_t i = hash(name) & mask;; i = (i + 1) & mask) {
+            Slot& slot = slots_[i];
+            if (!slot.used || slot.name == name) {
+                return slot;
+            }
+        }
+    }
+
+    void resize(size_t capacity) { slots_.assign(capacity, Slot{}); }
+
+    void grow() {
+        std::vector<Slot> old = std::move(slots_);
+        resize(old.size() * 2);
+        for (const Slot& slot : old) {
+            if (slot.used) {
+                slot_for(slot.name) = slot;
+            }
+        }
+    }
+
+    std::vector<Slot> slots_;
+    size_t count_ = 0;
+};

@@ -1,0 +1,16 @@
+// The quick way into a DesiredState: one pass over the file's bytes, no
+// tree, for the files people and --export write. Internal to the
+// desired-state reader.
+#pragma once
+
+#include <string_view>
+
+#include "cli/desired_state/desired_state.h"
+
+// Reads `text` when it is a JSON object, or YAML in block style (plain or
+// simply quoted scalars, comments, one "---"), of printable ASCII, that the
+// full reader accepts: `state` is then exactly what the full reader gives.
+// Anything else, including every file the full reader refuses, returns
+// false with `state` in no particular shape: the full reader then decides.
+// May throw std::bad_alloc.
+bool read_desired_state_quickly(std::string_view text, DesiredState* state);
