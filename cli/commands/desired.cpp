@@ -5,6 +5,7 @@
 
 #include <event2/event.h>
 
+#include <new>
 #include <string>
 
 #include "cli/agent/session.h"
@@ -37,21 +38,30 @@ void timer_fired(evutil_socket_t, short, void*) {
 
 // The get_tenants answer as the plan reads it. An element that is not a
 // service object with a name makes the answer unreadable, as for --json -l.
+// The views are copied into the few short strings the plan keeps.
 bool read_agent_services(const JsonValue* data, std::vector<AgentService>* services) {
     bool readable = true;
-    TenantsRead read = read_tenants(data, [&](TenantElement element, const Tenant& tenant) {
-        if (element != TenantElement::tenant || !tenant.name) {
-            readable = false;
-            return TenantWalk::stop;
-        }
-        services->push_back(AgentService{.name = *tenant.name,
-                                         .status = tenant.status.value_or(""),
-                                         .ip_address = tenant.ip_address.value_or(""),
-                                         .port = tenant.port,
-                                         .virtual_port = tenant.virtual_port});
-        return TenantWalk::next;
-    });
-    if (read == TenantsRead::out_of_memory) {
+    bool exhausted = false;
+    TenantsRead read =
+        read_tenant_views(data, [&](TenantElement element, const TenantView& tenant) {
+            if (element != TenantElement::tenant || !tenant.name) {
+                readable = false;
+                return TenantWalk::stop;
+            }
+            try {
+                services->push_back(
+                    AgentService{.name = std::string(*tenant.name),
+                                 .status = std::string(tenant.status.value_or("")),
+                                 .ip_address = std::string(tenant.ip_address.value_or("")),
+                                 .port = tenant.port,
+                                 .virtual_port = tenant.virtual_port});
+            } catch (const std::bad_alloc&) {
+                exhausted = true;
+                return TenantWalk::stop;
+            }
+            return TenantWalk::next;
+        });
+    if (exhausted || read == TenantsRead::out_of_memory) {
         out_of_memory();
     }
     return readable && read == TenantsRead::walked;
@@ -84,8 +94,10 @@ void planned() {
     if (in.command == CommandId::export_state) {
         export_state();
     }
-    run_record.plan = make_plan(run_record.desired, run_record.agent, in.prune);
-    if (in.command == CommandId::diff || in.dry_run) {
+    const bool shown_only = in.command == CommandId::diff || in.dry_run;
+    run_record.plan =
+        make_plan(run_record.desired, run_record.agent, in.prune, in.json || !shown_only);
+    if (shown_only) {
         show_plan();
     }
     start_apply();

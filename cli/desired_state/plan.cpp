@@ -217,7 +217,8 @@ bool PlanSummary::pending() const {
            0;
 }
 
-Plan make_plan(const DesiredState& desired, const AgentSnapshot& agent, bool prune) {
+Plan make_plan(const DesiredState& desired, const AgentSnapshot& agent, bool prune,
+               bool unchanged_in_full) {
     Groups groups;
     plan_services(desired, agent, prune, &groups);
     if (desired.proxy) {
@@ -232,7 +233,10 @@ Plan make_plan(const DesiredState& desired, const AgentSnapshot& agent, bool pru
         std::move(group->begin(), group->end(), std::back_inserter(plan.changes));
     }
     for (const auto& [index, listed] : groups.unchanged_services) {
-        plan.changes.push_back(unchanged_service(desired.services[index], index, *listed));
+        plan.changes.push_back(
+            unchanged_in_full
+                ? unchanged_service(desired.services[index], index, *listed)
+                : service_change(ChangeAction::unchanged, desired.services[index].name, index));
     }
     for (std::vector<Change>* group : {&groups.unchanged_proxy, &groups.not_managed}) {
         std::move(group->begin(), group->end(), std::back_inserter(plan.changes));

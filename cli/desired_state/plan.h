@@ -87,5 +87,8 @@ struct Plan {
 // or "in progress" and as disabled when "disconnected"; any other status
 // plans an enable or a disable whenever the file names `enabled`. Clear
 // services never cause an update: they cannot be read back. A name the
-// agent lists twice is planned once. May throw std::bad_alloc.
-Plan make_plan(const DesiredState& desired, const AgentSnapshot& agent, bool prune);
+// agent lists twice is planned once. Unchanged services carry their before
+// and after only when `unchanged_in_full` (the human text shows just their
+// names). May throw std::bad_alloc.
+Plan make_plan(const DesiredState& desired, const AgentSnapshot& agent, bool prune,
+               bool unchanged_in_full = true);

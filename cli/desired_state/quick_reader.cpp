@@ -60,13 +60,15 @@ struct SeenKeys {
     // The index of `key` in `allowed`, marked seen; -1 when unknown or seen.
     template <size_t N>
     int add(const std::array<std::string_view, N>& allowed, std::string_view key) {
-        const auto at = std::find(allowed.begin(), allowed.end(), key);
-        const int index = static_cast<int>(at - allowed.begin());
-        if (at == allowed.end() || (bits & (1u << index)) != 0) {
-            return -1;
+        for (size_t i = 0; i < N; i++) {
+            if (allowed[i].size() == key.size() && allowed[i][0] == key[0] && allowed[i] == key) {
+                const unsigned bit = 1u << i;
+                const bool again = (bits & bit) != 0;
+                bits |= bit;
+                return again ? -1 : static_cast<int>(i);
+            }
         }
-        bits |= 1u << index;
-        return index;
+        return -1;
     }
     bool has(int index) const { return (bits & (1u << index)) != 0; }
 };
@@ -78,35 +80,34 @@ bool is_null(Scalar value) {
                             (t[2] | 32) == 'l' && (t[3] | 32) == 'l'));
 }
 
-// A decimal of at most `digits` digits without a leading zero, at most
-// `limit`, at text[*pos]; *pos moves past it.
-bool take_decimal(std::string_view text, size_t* pos, size_t digits, uint32_t limit,
-                  uint32_t* value) {
-    const size_t start = *pos;
-    uint32_t number = 0;
-    while (*pos < text.size() && *pos - start < digits && text[*pos] >= '0' && text[*pos] <= '9') {
-        number = number * 10 + static_cast<uint32_t>(text[(*pos)++] - '0');
-    }
-    const bool leading_zero = text[start] == '0' && *pos - start > 1;
-    *value = number;
-    return *pos > start && !leading_zero && number <= limit;
-}
-
-// "a.b.c.d:port" in one pass. It takes only what the strict endpoint reading
-// takes, with the same address and port; it may give up on more.
+// "a.b.c.d:port" in one pass: four decimals 0-255 and one 1-65535, none with
+// a leading zero. It takes only what the strict endpoint reading takes, with
+// the same address and port.
 bool take_endpoint(Scalar value, Endpoint* endpoint) {
     const std::string_view text = value.text;
     size_t pos = 0;
+    size_t colon = 0;
     uint32_t number = 0;
-    for (int octet = 0; octet < 4; octet++) {
-        if ((octet > 0 && (pos == text.size() || text[pos++] != '.')) || pos == text.size() ||
-            !take_decimal(text, &pos, 3, 255, &number)) {
+    for (int part = 0; part < 5; part++) {
+        const size_t start = pos;
+        const size_t most = part < 4 ? 3 : 5;
+        for (number = 0;
+             pos < text.size() && pos - start < most && text[pos] >= '0' && text[pos] <= '9';
+             pos++) {
+            number = number * 10 + static_cast<uint32_t>(text[pos] - '0');
+        }
+        if (pos == start || (pos - start > 1 && text[start] == '0') ||
+            number > (part < 4 ? 255u : 65535u)) {
             return false;
         }
+        if (part < 4) {
+            colon = pos;
+            if (pos == text.size() || text[pos++] != (part < 3 ? '.' : ':')) {
+                return false;
+            }
+        }
     }
-    const size_t colon = pos;
-    if (pos == text.size() || text[pos++] != ':' || pos == text.size() ||
-        !take_decimal(text, &pos, 5, 65535, &number) || number == 0 || pos != text.size()) {
+    if (number == 0 || pos != text.size()) {
         return false;
     }
     endpoint->address.assign(text.substr(0, colon));
@@ -124,13 +125,14 @@ bool take_port(Scalar value, std::optional<uint16_t>* port) {
 }
 
 bool take_boolean(Scalar value, std::optional<bool>* flag) {
-    constexpr std::array<std::string_view, 6> kBooleans{"true",  "True",  "TRUE",
-                                                        "false", "False", "FALSE"};
-    const auto spelling = std::find(kBooleans.begin(), kBooleans.end(), value.text);
-    if (!value.plain || spelling == kBooleans.end()) {
+    const std::string_view t = value.text;
+    if (value.plain && (t == "true" || t == "True" || t == "TRUE")) {
+        *flag = true;
+    } else if (value.plain && (t == "false" || t == "False" || t == "FALSE")) {
+        *flag = false;
+    } else {
         return false;
     }
-    *flag = spelling - kBooleans.begin() < 3;
     return true;
 }
 
