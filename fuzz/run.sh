@@ -8,7 +8,7 @@ set -eu
 here=$(cd "$(dirname "$0")" && pwd)
 build="$here/../fuzz-build"
 seconds=${1:-0}
-targets="fuzz_frame_reader fuzz_handshake fuzz_json fuzz_parsing"
+targets="${TARGETS:-fuzz_frame_reader fuzz_handshake fuzz_json fuzz_parsing fuzz_desired}"
 
 cmake -S "$here" -B "$build" -G Ninja -DCMAKE_CXX_COMPILER=clang++ >/dev/null
 cmake --build "$build" -j "${JOBS:-2}"

@@ -27,17 +27,20 @@ struct DesiredService {
     std::optional<bool> enabled{};              // absent: left as it is
 
     uint16_t effective_virtual_port() const { return virtual_port.value_or(target.port); }
+    bool operator==(const DesiredService&) const = default;
 };
 
 struct DesiredProxy {
     Endpoint address{};
     std::string type{};             // "HTTP", "HTTPS" or "SOCKS5", as the agent is sent it
     std::optional<bool> enabled{};  // absent: left as it is
+    bool operator==(const DesiredProxy&) const = default;
 };
 
 struct DesiredState {
     std::vector<DesiredService> services{};  // in file order
     std::optional<DesiredProxy> proxy{};     // absent: the agent's proxy is left as it is
+    bool operator==(const DesiredState&) const = default;
 };
 
 // The one version of the file format this tool reads.

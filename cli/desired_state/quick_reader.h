@@ -3,6 +3,7 @@
 // desired-state reader.
 #pragma once
 
+#include <string>
 #include <string_view>
 
 #include "cli/desired_state/desired_state.h"
@@ -14,3 +15,9 @@
 // false with `state` in no particular shape: the full reader then decides.
 // May throw std::bad_alloc.
 bool read_desired_state_quickly(std::string_view text, DesiredState* state);
+
+// The full reader alone (the tree through nlohmann or libfyaml), as
+// read_desired_state was before the quick way: what the quick reader is
+// compared with.
+bool read_desired_state_tree(std::string_view text, std::string_view file, DesiredState* state,
+                             std::string* error) noexcept;

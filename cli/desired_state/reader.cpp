@@ -351,14 +351,24 @@ std::string Endpoint::text() const {
 
 bool read_desired_state(std::string_view text, std::string_view file, DesiredState* state,
                         std::string* error) noexcept {
+    // The files --export writes, and most written by hand, in one pass;
+    // anything else, and every refusal, through the tree.
     try {
-        // The files --export writes, and most written by hand, in one pass;
-        // anything else, and every refusal, through the tree below.
         DesiredState quick;
         if (read_desired_state_quickly(text, &quick)) {
             *state = std::move(quick);
             return true;
         }
+    } catch (const std::bad_alloc&) {
+        *error = std::string(file) + ": out of memory while reading the file";
+        return false;
+    }
+    return read_desired_state_tree(text, file, state, error);
+}
+
+bool read_desired_state_tree(std::string_view text, std::string_view file, DesiredState* state,
+                             std::string* error) noexcept {
+    try {
         YamlNode root;
         // JSON first, the fast way; a refusal is found again through
         // libfyaml below, which knows where it is.

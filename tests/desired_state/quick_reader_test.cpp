@@ -1,0 +1,128 @@
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "cli/desired_state/quick_reader.h"
+
+namespace {
+
+// The quick reader's one promise: it declines, or gives what the tree
+// reader gives. Returns whether it took the text.
+bool quick_agrees(const std::string& text) {
+    DesiredState quick;
+    if (!read_desired_state_quickly(text, &quick)) {
+        return false;
+    }
+    DesiredState full;
+    std::string error;
+    EXPECT_TRUE(read_desired_state_tree(text, "f", &full, &error)) << text << "\n" << error;
+    EXPECT_TRUE(quick == full) << text;
+    return true;
+}
+
+const std::string kWeb = "version: 1\nservices:\n  web:\n    target: 10.0.0.1:8080\n";
+
+// Shapes that --export and people write: each taken, each the same state.
+TEST(QuickReader, TakesCommonShapesAsTheTreeReaderDoes) {
+    const std::string cases[] = {
+        "# comment\nversion: 1\nservices:\n  service0:\n    target: 10.0.0.0:8080\n"
+        "    virtual_port: 80\n    enabled: true\nproxy:\n    address: 127.0.0.1:9050\n"
+        "    type: SOCKS5\n    enabled: true\n",
+        "---\nversion: 1   # the format\n\nservices:   \n  # a comment\n  'a b':\n"
+        "      target: \"1.2.3.4:80\"  # quoted\n      enabled: False\n  \"c.d\":\n"
+        "      target: '255.255.255.255:65535'\n      virtual_port: 1\n",
+        kWeb + "    clear_services:\n    - example.com\n    - 10.1.2.3\n    enabled: TRUE\n",
+        kWeb + "    clear_services:\n        - 'a.example'\n  db:\n    target: 10.0.0.2:1\n",
+        kWeb + "    clear_services: []\nproxy: ~\n",
+        "version: 1\nservices: {}\nproxy:\n address: 1.1.1.1:1\n type: https\n",
+        "version: 1\nservices: NULL\n",
+        "version: 1\nservices:\n",
+        "proxy: null\nversion: 1\n",
+        "{\"version\": 1, \"services\": {\"a\": {\"target\": \"1.2.3.4:80\", \"virtual_port\": 80, "
+        "\"enabled\": true, \"clear_services\": [\"x.org\", \"1.1.1.1\"]}}, \"proxy\": "
+        "{\"address\": \"1.2.3.4:5\", \"type\": \"Socks5\", \"enabled\": false}}",
+        " \r\n\t{ \"services\" : null ,\r\n\t\"version\":1,\"proxy\":null}\n",
+        "{\"version\": 1, \"services\": {}}",
+        "{\"version\": 1, \"services\": {\"b\": {\"target\": \"1.2.3.4:80\", "
+        "\"clear_services\": []}}}",
+    };
+    for (const std::string& text : cases) {
+        EXPECT_TRUE(quick_agrees(text)) << text;
+    }
+}
+
+// Files the tree reader may take but reads in ways this reader does not
+// copy, and files it refuses: each declined.
+TEST(QuickReader, DeclinesWhatItDoesNotKnow) {
+    const std::string cases[] = {
+        // YAML it leaves alone
+        "version: 1\nservices:\n  web: {target: 1.2.3.4:80}\n",
+        "version: 1\nservices:\n  web:\n\ttarget: 1.2.3.4:80\n",
+        "version: 1\r\nservices:\r\n",
+        "version: 1\nservices:\n  caf\xc3\xa9:\n    target: 1.2.3.4:80\n",
+        kWeb + "    enabled: &a true\n",
+        kWeb + "    enabled: !!bool true\n",
+        kWeb + "    enabled:\n      true\n",
+        "version: 1\nservices:\n  web:\n    target: 10.0.0.1\n      :8080\n",
+        "version: 1\nservices:\n  \"w\\x65b\":\n    target: 1.2.3.4:80\n",
+        "version: 1\nservices:\n  'it''s':\n    target: 1.2.3.4:80\n",
+        "version:1\n",
+        "--- version: 1\n",
+        "version: 1\n...\n",
+        "version: 1\n---\nversion: 1\n",
+        "%YAML 1.2\n---\nversion: 1\n",
+        "  version: 1\n",
+        "version: 1\nservices:\n  web :\n    target: 1.2.3.4:80\n",
+        "version: 1\nservices:\n  -web:\n    target: 1.2.3.4:80\n",
+        kWeb + "    clear_services: [a.org]\n",
+        kWeb + "    target2: x\n",
+        "version: 1 # x\nservices:\n  web:\n    target: 1.2.3.4:80#x\n",
+        // refused by the tree reader
+        "",
+        "services: {}\n",
+        "version: 2\n",
+        "version: '1'\n",
+        "version: 1\nversion: 1\n",
+        "version: 1\nservices:\n  web:\n    virtual_port: 80\n",
+        kWeb + "  web:\n    target: 1.2.3.4:81\n",
+        kWeb + "    target: 1.2.3.4:81\n",
+        kWeb + "    virtual_port: 0\n",
+        kWeb + "    virtual_port: '80'\n",
+        kWeb + "    enabled: yes\n",
+        kWeb + "    clear_services:\n    - -bad-\n",
+        kWeb + "    clear_services:\n    -\n",
+        "version: 1\nservices:\n  web:\n    target: 1.2.3.04:80\n",
+        "version: 1\nservices:\n  web:\n    target: 1.2.3.4:080\n",
+        "version: 1\nservices:\n  web:\n    target: 256.2.3.4:80\n",
+        "version: 1\nservices:\n  web:\n    target: 1.2.3.4:65536\n",
+        "version: 1\nservices:\n  web:\n    target: 1.2.3:80\n",
+        "version: 1\nservices:\n  web:\n    target: ~\n",
+        "version: 1\nservices:\n  " + std::string(256, 'n') + ":\n    target: 1.2.3.4:80\n",
+        "version: 1\nservices: []\n",
+        "version: 1\nproxy: {}\n",
+        "version: 1\nproxy:\n  address: 1.2.3.4:5\n  type: ftp\n",
+        "version: 1\napi_key: x\n",
+        // JSON it leaves alone or the tree reader refuses
+        "{\"version\": 1, \"services\": {\"w\\u0065b\": {\"target\": \"1.2.3.4:80\"}}}",
+        "{\"version\": 1.0}",
+        "{\"version\": 1, \"services\": {\"a\": {\"target\": \"1.2.3.4:80\", "
+        "\"virtual_port\": 8e1}}}",
+        "{\"version\": 1, \"services\": {\"a\": {\"target\": \"1.2.3.4:80\", "
+        "\"virtual_port\": \"80\"}}}",
+        "{\"version\": 1, \"services\": {\"a\": {\"target\": \"1.2.3.4:80\"}, "
+        "\"a\": {\"target\": \"1.2.3.4:80\"}}}",
+        "{\"version\": 1, \"version\": 1}",
+        "{\"version\": 1,}",
+        "{\"version\": 1} x",
+        "{\"version\": 1, \"services\": {\"a\": {\"target\": \"1.2.3.4:80\", "
+        "\"enabled\": \"true\"}}}",
+        "{\"version\": 1, \"services\": {\"a\": {\"target\": \"1.2.3.4:80\", "
+        "\"enabled\": nul}}}",
+        "{\"version\": 1, \"services\": []}",
+    };
+    for (const std::string& text : cases) {
+        EXPECT_FALSE(quick_agrees(text)) << text;
+    }
+}
+
+}  // namespace
