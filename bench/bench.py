@@ -33,9 +33,9 @@ CASES = (
     # (EXPORT_YAML) or as --json --export's "state" (EXPORT_JSON); the target
     # against -l is DIFF_TARGET (see diff_against_listing).
     ("`--diff`, 10,000 services (JSON file)", ["--diff", "EXPORT_JSON"], "get_tenants", 10000,
-     40, None, None),
+     40, 1.6, None),
     ("`--diff`, 10,000 services (YAML file)", ["--diff", "EXPORT_YAML"], "get_tenants", 10000,
-     40, None, None),
+     40, 1.6, None),
     ("`-l`, 30,000 services", ["-l"], "get_tenants", 30000, 15, None, None),
 )
 STARTUP_RUNS = 300

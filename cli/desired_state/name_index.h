@@ -23,13 +23,14 @@ public:
             grow();
         }
         Slot& slot = slot_for(name);
-        if (slot.used) {
+        if (slot.used()) {
             if (found != nullptr) {
                 *found = slot.value;
             }
             return false;
         }
-        slot = Slot{name, value, true};
+        // An empty name still needs a non-null pointer to count as used.
+        slot = Slot{name.empty() ? "" : name.data(), static_cast<uint32_t>(name.size()), value};
         count_++;
         return true;
     }
@@ -37,14 +38,18 @@ public:
     // The value of `name`, or null.
     const uint32_t* find(std::string_view name) const {
         const Slot& slot = const_cast<NameIndex*>(this)->slot_for(name);
-        return slot.used ? &slot.value : nullptr;
+        return slot.used() ? &slot.value : nullptr;
     }
 
 private:
+    // 16 bytes: names are shorter than 4 GiB, and a used slot has a text.
     struct Slot {
-        std::string_view name{};
+        const char* data = nullptr;
+        uint32_t size = 0;
         uint32_t value = 0;
-        bool used = false;
+
+        bool used() const { return data != nullptr; }
+        std::string_view name() const { return {data, size}; }
     };
 
     static size_t capacity_for(size_t expected) {
@@ -78,7 +83,7 @@ private:
         const size_t mask = slots_.size() - 1;
         for (size_t i = hash(name) & mask;; i = (i + 1) & mask) {
             Slot& slot = slots_[i];
-            if (!slot.used || slot.name == name) {
+            if (!slot.used() || slot.name() == name) {
                 return slot;
             }
         }
@@ -90,8 +95,8 @@ private:
         std::vector<Slot> old = std::move(slots_);
         resize(old.size() * 2);
         for (const Slot& slot : old) {
-            if (slot.used) {
-                slot_for(slot.name) = slot;
+            if (slot.used()) {
+                slot_for(slot.name()) = slot;
             }
         }
     }

@@ -3,6 +3,7 @@
 // the file and what is wrong.
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -323,7 +324,13 @@ std::string located(std::string_view file, const TextMark& mark, const std::stri
 }
 
 // Reads all of `fd` into `text`. 0, an errno value, or EFBIG past the limit.
+// A regular file's size is reserved first: one allocation, no copies.
 int read_all(int fd, std::string* text) {
+    struct stat status {};
+    if (fstat(fd, &status) == 0 && S_ISREG(status.st_mode) &&
+        static_cast<uint64_t>(status.st_size) < kMaxFileSize) {
+        text->reserve(static_cast<size_t>(status.st_size) + 1);
+    }
     char buffer[65536];
     for (;;) {
         ssize_t got = read(fd, buffer, sizeof buffer);
