@@ -225,18 +225,21 @@ Plan make_plan(const DesiredState& desired, const AgentSnapshot& agent, bool pru
         plan_proxy(*desired.proxy, agent.proxy, &groups);
     }
     Plan plan;
+    const size_t unchanged_changes = unchanged_in_full ? groups.unchanged_services.size() : 0;
     plan.changes.reserve(groups.creates.size() + groups.updates.size() + groups.toggles.size() +
-                         groups.removes.size() + groups.unchanged_services.size() +
-                         groups.unchanged_proxy.size() + groups.not_managed.size());
+                         groups.removes.size() + unchanged_changes + groups.unchanged_proxy.size() +
+                         groups.not_managed.size());
+    plan.unchanged_names.reserve(groups.unchanged_services.size() - unchanged_changes);
     for (std::vector<Change>* group :
          {&groups.creates, &groups.updates, &groups.toggles, &groups.removes}) {
         std::move(group->begin(), group->end(), std::back_inserter(plan.changes));
     }
     for (const auto& [index, listed] : groups.unchanged_services) {
-        plan.changes.push_back(
-            unchanged_in_full
-                ? unchanged_service(desired.services[index], index, *listed)
-                : service_change(ChangeAction::unchanged, desired.services[index].name, index));
+        if (unchanged_in_full) {
+            plan.changes.push_back(unchanged_service(desired.services[index], index, *listed));
+        } else {
+            plan.unchanged_names.push_back(desired.services[index].name);
+        }
     }
     for (std::vector<Change>* group : {&groups.unchanged_proxy, &groups.not_managed}) {
         std::move(group->begin(), group->end(), std::back_inserter(plan.changes));
@@ -244,5 +247,7 @@ Plan make_plan(const DesiredState& desired, const AgentSnapshot& agent, bool pru
     for (const Change& change : plan.changes) {
         plan.summary.add(change.action);
     }
+    plan.summary.counts[static_cast<size_t>(ChangeAction::unchanged)] +=
+        static_cast<int>(plan.unchanged_names.size());
     return plan;
 }

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "cli/desired_state/desired_state.h"
@@ -78,6 +79,10 @@ struct Plan {
     // disables (likewise); removes (agent order); unchanged (file order,
     // then the proxy); not_managed (agent order).
     std::vector<Change> changes{};
+    // Filled instead of their changes when make_plan is not asked for
+    // unchanged services in full: their names, views into the DesiredState,
+    // in file order. They stand after the removes, as their changes would.
+    std::vector<std::string_view> unchanged_names{};
     PlanSummary summary;
 };
 
@@ -87,8 +92,9 @@ struct Plan {
 // or "in progress" and as disabled when "disconnected"; any other status
 // plans an enable or a disable whenever the file names `enabled`. Clear
 // services never cause an update: they cannot be read back. A name the
-// agent lists twice is planned once. Unchanged services carry their before
-// and after only when `unchanged_in_full` (the human text shows just their
-// names). May throw std::bad_alloc.
+// agent lists twice is planned once. Unchanged services are changes with
+// their before and after when `unchanged_in_full`, else only names in
+// unchanged_names (all the human text shows of them; `desired` must then
+// outlive the plan). May throw std::bad_alloc.
 Plan make_plan(const DesiredState& desired, const AgentSnapshot& agent, bool prune,
                bool unchanged_in_full = true);

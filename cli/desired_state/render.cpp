@@ -265,20 +265,40 @@ std::string without_throwing(Build build) noexcept {
     }
 }
 
+// "  unchanged service NAME": most lines of a large plan, so no temporaries.
+void add_unchanged_line(std::string_view name, std::string* out) {
+    *out += "  unchanged service ";
+    *out += terminal_safe(name);
+    *out += '\n';
+}
+
 }  // namespace
 
+// The plan's unchanged_names go where their changes would stand: before the
+// first unchanged or not managed change left (the proxy's, the agent's).
 std::string render_plan_text(const Plan& plan) {
     return without_throwing([&] {
         std::string out;
+        bool names_written = plan.unchanged_names.empty();
         for (const Change& change : plan.changes) {
+            const bool kept = change.action == ChangeAction::unchanged ||
+                              change.action == ChangeAction::not_managed;
+            if (kept && !names_written) {
+                for (std::string_view name : plan.unchanged_names) {
+                    add_unchanged_line(name, &out);
+                }
+                names_written = true;
+            }
             if (change.action == ChangeAction::unchanged &&
                 change.object == ChangeObject::service) {
-                out += "  unchanged service ";  // most lines of a large plan: no temporaries
-                out += terminal_safe(change.service);
+                add_unchanged_line(change.service, &out);
             } else {
                 out += change_line(change);
+                out += '\n';
             }
-            out += '\n';
+        }
+        for (size_t i = 0; !names_written && i < plan.unchanged_names.size(); i++) {
+            add_unchanged_line(plan.unchanged_names[i], &out);
         }
         return out + summary_line(plan.summary) + "\n";
     });

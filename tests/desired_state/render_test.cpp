@@ -49,6 +49,28 @@ TEST(DesiredStateRender, ExportRoundTrip) {
     }
 }
 
+// Unchanged services given by name only read as they do in full, wherever
+// the updates, removes, proxy and not managed entries around them fall.
+TEST(DesiredStateRender, UnchangedNamesReadAsInFull) {
+    const AgentSnapshot agent = awkward_agent();
+    DesiredState all;
+    std::string error;
+    ASSERT_TRUE(read_desired_state(render_state_yaml(agent), "export", &all, &error)) << error;
+    DesiredState some = all;
+    some.services.resize(4);
+    some.services[0].target.port++;
+    DesiredState no_proxy = all;
+    no_proxy.proxy.reset();
+    for (const DesiredState* desired : {&all, &some, &no_proxy}) {
+        for (bool prune : {false, true}) {
+            const Plan brief = make_plan(*desired, agent, prune, false);
+            const Plan full = make_plan(*desired, agent, prune, true);
+            EXPECT_FALSE(brief.unchanged_names.empty());
+            EXPECT_EQ(render_plan_text(brief), render_plan_text(full));
+        }
+    }
+}
+
 TEST(DesiredStateRender, ExportText) {
     AgentSnapshot agent{.services = {{.name = "web",
                                       .status = "connected",
