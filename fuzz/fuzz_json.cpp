@@ -122,6 +122,10 @@ void check_element(const JsonListItem* item, sylvshared::TenantElement element,
     const char* keys[] = {"tenant_name",   "uuid",         "status", "ip_address",
                           "onion_address", "synchronized", "reason"};
     for (int i = 0; i < 7; ++i) {
+        if (fields->without_nul &&
+            memchr(texts[i]->text.data(), '\0', texts[i]->text.size()) != nullptr) {
+            __builtin_trap();
+        }
         for (const size_t size : kTextSizes) {
             char walked[256] = {};
             char got[256] = {};

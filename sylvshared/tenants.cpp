@@ -130,6 +130,9 @@ constexpr int kPlainDepth = 32;
 template <bool Escaped>
 class PlainReader {
 public:
+    // text[length] must be readable and end every token: the NUL after a C
+    // text, or the closing quote of an escaped one (whose escapes were
+    // checked). The reader then needs no bound check but for literals.
     PlainReader(const char* text, size_t length) : p_(text), end_(text + length) {}
 
     // The fields of a text holding one object.
@@ -149,17 +152,18 @@ private:
 
     static constexpr ptrdiff_t kQuote = Escaped ? 2 : 1;
 
-    // Whether a quote of the element's text is at `at`.
+    // Whether a quote of the element's text is at `at` (at most end_: a
+    // backslash before end_ is not the last byte of an escaped text).
     bool quote_at(const char* at) const {
         if constexpr (Escaped) {
-            return end_ - at >= 2 && at[0] == '\\' && at[1] == '"';
+            return at[0] == '\\' && at[1] == '"';
         } else {
-            return at < end_ && *at == '"';
+            return *at == '"';
         }
     }
 
     void skip_space() {
-        while (p_ < end_ && *p_ <= ' ' &&
+        while (static_cast<uint8_t>(*p_) <= ' ' &&
                (*p_ == ' ' || *p_ == '\n' || *p_ == '\r' || *p_ == '\t')) {
             ++p_;
         }
@@ -167,7 +171,7 @@ private:
 
     bool take(char c) {
         skip_space();
-        if (p_ < end_ && *p_ == c) {
+        if (*p_ == c) {
             ++p_;
             return true;
         }
@@ -192,7 +196,7 @@ private:
             }
         }
 #endif
-        while (at < end_ && static_cast<signed char>(*at) >= 0x20 && *at != '"' && *at != '\\') {
+        while (static_cast<signed char>(*at) >= 0x20 && *at != '"' && *at != '\\') {
             ++at;
         }
         return static_cast<size_t>(at - p_);
@@ -220,11 +224,11 @@ private:
 
     // An integer of at most 18 digits, without a leading zero.
     bool integer(int64_t* value) {
-        const bool negative = p_ < end_ && *p_ == '-';
+        const bool negative = *p_ == '-';
         p_ += negative ? 1 : 0;
         const char* first = p_;
         int64_t magnitude = 0;
-        while (p_ < end_ && *p_ >= '0' && *p_ <= '9') {
+        while (*p_ >= '0' && *p_ <= '9') {
             if (p_ - first == 18) {
                 return false;  // a 19th digit could overflow: the parser reads it
             }
@@ -234,7 +238,7 @@ private:
         if (digits == 0 || (*first == '0' && digits > 1)) {
             return false;
         }
-        if (p_ < end_ && (*p_ == '.' || *p_ == 'e' || *p_ == 'E')) {
+        if (*p_ == '.' || *p_ == 'e' || *p_ == 'E') {
             return false;
         }
         *value = negative ? -magnitude : magnitude;
@@ -248,9 +252,6 @@ private:
             return false;
         }
         skip_space();
-        if (p_ == end_) {
-            return false;
-        }
         node->kind = Kind::List;
         if (quote_at(p_)) {
             std::string_view text;
@@ -301,7 +302,7 @@ private:
     // An object at p_; its members picked into `fields` when given (the
     // outermost object), each repeated key overriding the one before.
     bool object(TenantFields* fields, int depth) {
-        if (p_ == end_ || *p_ != '{') {
+        if (*p_ != '{') {
             return false;
         }
         ++p_;
@@ -374,6 +375,7 @@ enum class Read { service, not_json, no_memory };
 Read read_element(const char* text, size_t length, Arena& arena, TenantFields& fields) {
     fields = no_fields();
     if (PlainReader<false>(text, length).service(fields)) {
+        fields.without_nul = true;
         return Read::service;
     }
     Node root{};
@@ -393,6 +395,7 @@ Read read_string(const Node& item, Arena& arena, Arena& scratch, TenantFields& f
     if (item.escaped) {
         fields = no_fields();
         if (PlainReader<true>(item.text, item.size).service(fields)) {
+            fields.without_nul = true;
             return Read::service;
         }
         Node decoded = item;
