@@ -10,6 +10,7 @@
 #include "sylvshared/tenants.h"
 
 #include <algorithm>
+#include <bit>
 #include <cerrno>
 #include <climits>
 #include <cstring>
@@ -151,20 +152,29 @@ private:
     int values_ = 0;
 
     static constexpr ptrdiff_t kQuote = Escaped ? 2 : 1;
+    // The bytes \" read as one (host order).
+    static constexpr uint16_t kEscapedQuote = [] {
+        const char bytes[2] = {'\\', '"'};
+        return std::bit_cast<uint16_t>(bytes);
+    }();
 
-    // Whether a quote of the element's text is at `at` (at most end_: a
-    // backslash before end_ is not the last byte of an escaped text).
+    // Whether a quote of the element's text is at `at` (at most end_). An
+    // escaped text lies in a parsed C text: the two bytes at its closing
+    // quote are readable, and a backslash before that quote is not its last.
     bool quote_at(const char* at) const {
         if constexpr (Escaped) {
-            return at[0] == '\\' && at[1] == '"';
+            uint16_t pair;
+            memcpy(&pair, at, 2);
+            return pair == kEscapedQuote;
         } else {
             return *at == '"';
         }
     }
 
     void skip_space() {
+        constexpr uint64_t kSpaces = 1ULL << ' ' | 1ULL << '\n' | 1ULL << '\r' | 1ULL << '\t';
         while (static_cast<uint8_t>(*p_) <= ' ' &&
-               (*p_ == ' ' || *p_ == '\n' || *p_ == '\r' || *p_ == '\t')) {
+               (kSpaces >> static_cast<uint8_t>(*p_) & 1) != 0) {
             ++p_;
         }
     }
