@@ -122,8 +122,7 @@ void check_element(const JsonListItem* item, sylvshared::TenantElement element,
     const char* keys[] = {"tenant_name",   "uuid",         "status", "ip_address",
                           "onion_address", "synchronized", "reason"};
     for (int i = 0; i < 7; ++i) {
-        if (fields->without_nul &&
-            memchr(texts[i]->text.data(), '\0', texts[i]->text.size()) != nullptr) {
+        if (fields->without_nul && texts[i]->text.find('\0') != std::string_view::npos) {
             __builtin_trap();
         }
         for (const size_t size : kTextSizes) {
