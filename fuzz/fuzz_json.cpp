@@ -122,6 +122,9 @@ void check_element(const JsonListItem* item, sylvshared::TenantElement element,
     const char* keys[] = {"tenant_name",   "uuid",         "status", "ip_address",
                           "onion_address", "synchronized", "reason"};
     for (int i = 0; i < 7; ++i) {
+        if (fields->without_nul && texts[i]->text.find('\0') != std::string_view::npos) {
+            __builtin_trap();
+        }
         for (const size_t size : kTextSizes) {
             char walked[256] = {};
             char got[256] = {};
@@ -163,6 +166,46 @@ void check_walk(const JsonValue* data) {
     json_free_list_value(items, count);
 }
 
+// A value read in place reads as the same text parsed whole.
+void check_in_place(const std::string& text, const JsonValue* whole) {
+    JsonValue* in_place = json_parse_in_place(text.c_str());
+    if ((in_place != nullptr) != (whole != nullptr)) {
+        __builtin_trap();
+    }
+    if (in_place != nullptr) {
+        static std::string expected(1 << 20, '\0');
+        static std::string got(1 << 20, '\0');
+        const int length = json_serialize(whole, expected.data(), expected.size());
+        if (json_serialize(in_place, got.data(), got.size()) != length ||
+            strcmp(expected.c_str(), got.c_str()) != 0) {
+            __builtin_trap();
+        }
+        check_walk(in_place);
+    }
+    json_free_value(in_place);
+}
+
+// The text as a service of a received listing: its element long enough
+// (trailing spaces change no reading) to be read where it lies, through
+// the answer's escaping, against the getters on the decoded element.
+void check_listing(const std::string& text) {
+    JsonValue* answer = json_create_json_object();
+    JsonValue* list = json_create_json_list();
+    json_add_string_to_list(list, (text + std::string(64, ' ')).c_str());
+    json_add_child_to_object(answer, "tenants", list);
+    static std::string wire(1 << 22, '\0');
+    if (json_serialize(answer, wire.data(), wire.size()) > 0) {
+        JsonValue* received = json_parse_in_place(wire.c_str());
+        if (received == nullptr) {
+            __builtin_trap();
+        }
+        check_walk(received);
+        json_free_value(received);
+    }
+    json_free_value(list);
+    json_free_value(answer);
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -175,7 +218,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         check_value(value, key.c_str(), 0);
         check_walk(value);
     }
+    check_in_place(text, value);
     json_free_value(value);
+    check_listing(text);
     // The text as one element of a built list, as a service of a listing.
     JsonValue* answer = json_create_json_object();
     JsonValue* list = json_create_json_list();

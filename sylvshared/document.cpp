@@ -206,10 +206,12 @@ ParseStacks* empty_parse_stacks() {
 
 class Parser {
 public:
-    Parser(const char* text, size_t length, Arena& arena, ParseStacks& stacks)
+    Parser(const char* text, size_t length, Arena& arena, ParseStacks& stacks,
+           bool in_place = false)
         : p_(text),
           end_(text + length),
           arena_(arena),
+          in_place_(in_place),
           items_(stacks.items),
           members_(stacks.members) {}
     // A hostile document may have grown the stacks to megabytes: let go.
@@ -233,6 +235,7 @@ private:
     const char* p_;
     const char* end_;
     Arena& arena_;
+    bool in_place_;
     uint64_t values_ = 0;
     uint64_t comparisons_ = 0;
     int depth_ = 0;
@@ -265,7 +268,7 @@ private:
                 return list(out);
             case '"':
                 out.kind = Kind::String;
-                return string(&out.text, &out.size);
+                return in_place_ ? long_string(out) : string(&out.text, &out.size);
             case 't':
                 out.kind = Kind::Boolean;
                 out.boolean = true;
@@ -512,6 +515,7 @@ private:
         return in + length;
     }
 
+public:
     // The string at p_, decoded in one pass into the rest of the arena's
     // chunk (grown when it runs out), which then keeps just what it holds.
     bool string(const char** text, uint32_t* size) {
@@ -556,6 +560,90 @@ private:
         *size = static_cast<uint32_t>(out - place);
         arena_.cursor = place + round_up(*size + 1);
         p_ = in + 1;
+        return true;
+    }
+
+private:
+    // One escape at `in` checked, not decoded: the byte after it, or null.
+    const char* skip_escape(const char* in) const {
+        if (end_ - in < 2) {
+            return nullptr;
+        }
+        if (escaped(in[1]) != 0) {
+            return in + 2;
+        }
+        return in[1] == 'u' && hex4(in + 2, end_) >= 0 ? in + 6 : nullptr;
+    }
+
+    // Offset of the first quote, backslash or control byte among the 16 at
+    // `in`, or 16 when each backslash there is an escaped quote wholly
+    // inside the block (a service's text inside the listing).
+    static unsigned special_or_quoted(const char* in) {
+#ifdef __SSE2__
+        const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in));
+        const auto backslashes =
+            static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(bytes, _mm_set1_epi8('\\'))));
+        const auto quotes =
+            static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(bytes, _mm_set1_epi8('"'))));
+        const auto controls = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(
+            _mm_and_si128(bytes, _mm_set1_epi8(static_cast<char>(0xE0))), _mm_setzero_si128())));
+        if (controls == 0 && quotes == backslashes << 1) {
+            return 16;
+        }
+        return static_cast<unsigned>(__builtin_ctz(backslashes | quotes | controls));
+#else
+        unsigned at = 0;
+        while (at < 16 && in[at] != '"' && in[at] != '\\' && static_cast<uint8_t>(in[at]) >= 0x20) {
+            ++at;
+        }
+        return at;
+#endif
+    }
+
+    // End of the string whose text starts at `in`: its closing quote, with
+    // every escape checked; null when the string is not JSON. Bytes that
+    // are not UTF-8 are left for decoding to replace.
+    const char* string_end(const char* in) const {
+        for (;;) {
+            if (end_ - in >= 16) {
+                const unsigned at = special_or_quoted(in);
+                in += at;
+                if (at == 16) {
+                    continue;
+                }
+            } else {
+                while (in < end_ && *in != '"' && *in != '\\' &&
+                       static_cast<uint8_t>(*in) >= 0x20) {
+                    ++in;
+                }
+                if (in == end_) {
+                    return nullptr;
+                }
+            }
+            if (*in == '"') {
+                return in;
+            }
+            if (*in != '\\' || (in = skip_escape(in)) == nullptr) {
+                return nullptr;  // a control byte
+            }
+        }
+    }
+
+    // A string at p_ kept where it lies when long (see Node::escaped),
+    // decoded as usual when short.
+    bool long_string(Node& out) {
+        const char* close = string_end(p_ + 1);
+        if (close == nullptr) {
+            return false;
+        }
+        const auto size = static_cast<size_t>(close - (p_ + 1));
+        if (size < kInPlaceString || size > UINT32_MAX) {
+            return string(&out.text, &out.size);
+        }
+        out.escaped = true;
+        out.text = p_ + 1;
+        out.size = static_cast<uint32_t>(size);
+        p_ = close + 1;
         return true;
     }
 
@@ -689,13 +777,16 @@ char* copy_text(Document* document, const char* text, size_t size) {
     return place;
 }
 
-bool parse_into(Arena& arena, const char* text, size_t length, Node& root) {
+namespace {
+
+// parse_into, with long strings left in place when asked.
+bool parse_text(Arena& arena, const char* text, size_t length, Node& root, bool in_place) {
     bool parsed = false;
     bool out_of_memory = true;
     ParseStacks* stacks = empty_parse_stacks();
     if (stacks != nullptr) {
         try {
-            Parser parser(text, length, arena, *stacks);
+            Parser parser(text, length, arena, *stacks, in_place);
             parsed = parser.document(root);
             out_of_memory = arena.out_of_memory;
         } catch (...) {  // the parse stacks ran out of memory
@@ -706,6 +797,38 @@ bool parse_into(Arena& arena, const char* text, size_t length, Node& root) {
         errno = out_of_memory ? ENOMEM : EINVAL;
     }
     return parsed;
+}
+
+// A document for `length` bytes of text, parsed as parse_text does.
+Document* parse_whole(const char* text, size_t length, bool in_place) {
+    // Strings decode to no more than their text, so one chunk of twice the
+    // text holds most documents whole; untouched pages of it cost nothing.
+    Document* document = new_document(2 * length + 256);
+    if (document == nullptr) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+    if (!parse_text(document->arena, text, length, document->root, in_place)) {
+        const int error = errno;
+        release(document);
+        errno = error;
+        return nullptr;
+    }
+    return document;
+}
+
+}  // namespace
+
+bool parse_into(Arena& arena, const char* text, size_t length, Node& root) {
+    return parse_text(arena, text, length, root, false);
+}
+
+bool decode_text(Arena& arena, const Node& node, const char** text, uint32_t* size) {
+    // The node's text was checked with its quotes around it: read it again
+    // from the opening one. The parse stacks are not touched.
+    ParseStacks none;
+    Parser parser(node.text - 1, size_t{node.size} + 2, arena, none);
+    return parser.string(text, size);
 }
 
 void reset_arena(Arena& arena, bool keep) {
@@ -730,20 +853,11 @@ bool ready_arena(Arena& arena, size_t length) {
 }
 
 Document* parse_document(const char* text, size_t length) {
-    // Strings decode to no more than their text, so one chunk of twice the
-    // text holds most documents whole; untouched pages of it cost nothing.
-    Document* document = new_document(2 * length + 256);
-    if (document == nullptr) {
-        errno = ENOMEM;
-        return nullptr;
-    }
-    if (!parse_into(document->arena, text, length, document->root)) {
-        const int error = errno;
-        release(document);
-        errno = error;
-        return nullptr;
-    }
-    return document;
+    return parse_whole(text, length, false);
+}
+
+Document* parse_in_place(const char* text, size_t length) {
+    return parse_whole(text, length, true);
 }
 
 void retain(Document* document) {

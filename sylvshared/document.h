@@ -19,13 +19,17 @@ struct Member;
 // object's member count.
 struct Node {
     Kind kind;
+    // A string left as it lies in the parsed text: `text` is its raw JSON
+    // between the quotes (checked, not NUL-terminated), `size` that count;
+    // decode_text gives what it reads as. Only parse_in_place makes these.
+    bool escaped;
     uint32_t size;
     union {
         bool boolean;
         int64_t integer;
         uint64_t unsigned_integer;
         double real;
-        const char* text;  // NUL-terminated, valid UTF-8
+        const char* text;  // NUL-terminated, valid UTF-8 (unless escaped)
         const Node* items;
         const Member* members;
     };
@@ -63,6 +67,14 @@ constexpr uint64_t kMaxKeyComparisons = 4'000'000;
 // text is not JSON, passes a bound above, or memory runs out. Bytes that are
 // not UTF-8 inside strings each become U+FFFD.
 Document* parse_document(const char* text, size_t length);
+// parse_document for a text that outlives the document: strings of
+// kInPlaceString raw bytes or more stay where they lie (Node::escaped),
+// checked but not decoded, so a listing is not held twice.
+constexpr uint32_t kInPlaceString = 64;
+Document* parse_in_place(const char* text, size_t length);
+// The text an escaped string node reads as (NUL-terminated, U+FFFD for bad
+// UTF-8), decoded into `arena`; false when memory runs out.
+bool decode_text(Arena& arena, const Node& node, const char** text, uint32_t* size);
 // New empty document (one reference) whose arena callers fill, or null.
 Document* new_document(size_t first_chunk);
 // NUL-terminated copy of `size` bytes in the document's arena, or null.

@@ -86,6 +86,32 @@ Found member(const JsonValue* value, const char* key) {
     return {nullptr, it == value->json.end() ? nullptr : &*it};
 }
 
+// Decoded text of an escaped string node, held by `arena` (which the
+// caller frees); throws std::bad_alloc when memory runs out.
+std::string_view decoded(sylvshared::Arena& arena, const Node& node) {
+    const char* text = nullptr;
+    uint32_t size = 0;
+    if (!sylvshared::decode_text(arena, node, &text, &size)) {
+        throw std::bad_alloc();
+    }
+    return {text, size};
+}
+
+// A scratch arena freed when it goes out of scope.
+struct ScratchArena {
+    sylvshared::Arena arena{};
+    ~ScratchArena() { sylvshared::reset_arena(arena, false); }
+};
+
+// A string node's text as a std::string.
+std::string text_of(const Node& node) {
+    if (!node.escaped) {
+        return std::string(node.text, node.size);
+    }
+    ScratchArena scratch;
+    return std::string(decoded(scratch.arena, node));
+}
+
 // The built form of a parsed node (recursion is bounded by the parse depth).
 Json to_json(const Node& node) {
     switch (node.kind) {
@@ -98,7 +124,7 @@ Json to_json(const Node& node) {
         case Kind::Real:
             return node.real;
         case Kind::String:
-            return std::string(node.text, node.size);
+            return text_of(node);
         case Kind::List: {
             Json list = Json::array();
             for (uint32_t i = 0; i < node.size; ++i) {
@@ -177,13 +203,29 @@ JsonValue* new_view(Document* document, const Node* node) {
     return value;
 }
 
+// The caller's handle on a new document's root, which it then holds alone;
+// null (errno set) when the parse or the handle failed.
+JsonValue* handle_of(Document* document) {
+    if (document == nullptr) {
+        return nullptr;  // errno set by the parse
+    }
+    JsonValue* value = new_view(document, &document->root);
+    sylvshared::release(document);
+    if (value == nullptr) {
+        errno = ENOMEM;
+    }
+    return value;
+}
+
 // json_get_list_value hands out one malloc'd block: this header, the array
 // of element pointers the caller sees, then the element records. Texts stay
 // in the document's arena, which the block keeps alive: a listing of
 // thousands of services is not copied once more.
-struct ListHeader {
+// Strings the document holds undecoded are decoded into the block's own
+// arena.
+struct alignas(16) ListHeader {  // keeps the array 16-byte aligned
     Document* document;
-    uint64_t padding;  // keeps the array 16-byte aligned
+    sylvshared::Arena decoded;
 };
 
 JsonListItem** new_list_block(Document* document, int count) {
@@ -193,7 +235,7 @@ JsonListItem** new_list_block(Document* document, int count) {
     if (block == nullptr) {
         return nullptr;
     }
-    reinterpret_cast<ListHeader*>(block)->document = document;
+    new (block) ListHeader{document, sylvshared::Arena{}};
     auto** items = reinterpret_cast<JsonListItem**>(block + sizeof(ListHeader));
     auto* records = reinterpret_cast<JsonListItem*>(items + slots);
     for (size_t i = 0; i < slots; ++i) {
@@ -204,13 +246,33 @@ JsonListItem** new_list_block(Document* document, int count) {
     return items;
 }
 
-// Element records of a parsed list, texts shared with its document.
+ListHeader* header_of(JsonListItem** items) {
+    return reinterpret_cast<ListHeader*>(reinterpret_cast<char*>(items) - sizeof(ListHeader));
+}
+
+// Text of a string element: shared with its document, or decoded into the
+// block; null when memory runs out.
+const char* element_text(JsonListItem** items, const Node& item) {
+    if (!item.escaped) {
+        return item.text;
+    }
+    const char* text = nullptr;
+    uint32_t size = 0;
+    return sylvshared::decode_text(header_of(items)->decoded, item, &text, &size) ? text : nullptr;
+}
+
+// Element records of a parsed list.
 JsonListItem** parsed_list(Document* document, const Node& list) {
     JsonListItem** items = new_list_block(document, static_cast<int>(list.size));
     for (uint32_t i = 0; items != nullptr && i < list.size; ++i) {
         if (list.items[i].kind == Kind::String) {
             items[i]->type = JSON_LIST_ITEM_STRING;
-            items[i]->text = const_cast<char*>(list.items[i].text);
+            items[i]->text = const_cast<char*>(element_text(items, list.items[i]));
+            if (items[i]->text == nullptr) {
+                json_free_list_value(items, static_cast<int>(list.size));
+                errno = ENOMEM;
+                return nullptr;
+            }
         }
     }
     return items;
@@ -239,10 +301,11 @@ JsonListItem** built_list(const Json& list) {
 }
 
 // Text of a string member, or of a boolean as "true"/"false"; false when
-// the member is of another type.
-bool string_of(const Found& found, std::string_view* text) {
+// the member is of another type. An escaped text is decoded into `scratch`.
+bool string_of(const Found& found, sylvshared::Arena& scratch, std::string_view* text) {
     if (found.node != nullptr && found.node->kind == Kind::String) {
-        *text = std::string_view(found.node->text, found.node->size);
+        *text = found.node->escaped ? decoded(scratch, *found.node)
+                                    : std::string_view(found.node->text, found.node->size);
     } else if (found.node != nullptr && found.node->kind == Kind::Boolean) {
         *text = found.node->boolean ? "true" : "false";
     } else if (found.json != nullptr && found.json->is_string()) {
@@ -270,16 +333,15 @@ JsonValue* json_parse(const char* text) {
     if (text == nullptr) {
         return nullptr;
     }
-    Document* document = sylvshared::parse_document(text, strlen(text));
-    if (document == nullptr) {
-        return nullptr;  // errno set by the parse
+    return handle_of(sylvshared::parse_document(text, strlen(text)));
+}
+
+// json_parse for a text that outlives the value (see json.h).
+JsonValue* json_parse_in_place(const char* text) {
+    if (text == nullptr) {
+        return nullptr;
     }
-    JsonValue* value = new_view(document, &document->root);
-    sylvshared::release(document);  // the handle holds it now
-    if (value == nullptr) {
-        errno = ENOMEM;
-    }
-    return value;
+    return handle_of(sylvshared::parse_in_place(text, strlen(text)));
 }
 
 // Compact text into buffer. A text that does not fit is refused whole and
@@ -365,7 +427,8 @@ int json_get_string_value(const JsonValue* value, const char* key, char* buffer,
     }
     return guarded(-1, [&] {
         std::string_view text;
-        if (!string_of(member(value, key), &text)) {
+        ScratchArena scratch;
+        if (!string_of(member(value, key), scratch.arena, &text)) {
             return -1;
         }
         size_t length = sylvshared::utf8_cut(text, std::min<size_t>(size - 1, INT_MAX));
@@ -458,9 +521,10 @@ void json_free_list_value(JsonListItem** items, int /*count*/) {
     if (items == nullptr) {
         return;
     }
-    char* block = reinterpret_cast<char*>(items) - sizeof(ListHeader);
-    sylvshared::release(reinterpret_cast<ListHeader*>(block)->document);
-    free(block);
+    ListHeader* header = header_of(items);
+    sylvshared::release(header->document);
+    sylvshared::reset_arena(header->decoded, false);
+    free(header);
 }
 
 }  // extern "C"

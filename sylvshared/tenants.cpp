@@ -1,5 +1,6 @@
 // walk_tenants: each element's text read in one pass straight from its
-// text when it is plain (as the Transfer Agent writes services: an object of
+// text (as it lies in the answer, when the parse left it there) when it is
+// plain (as the Transfer Agent writes services: an object of
 // strings without escapes, numbers, booleans and small values), picking the
 // wanted fields as views into it. Anything else is parsed by the document
 // parser into one arena reused from element to element, then its members
@@ -9,6 +10,7 @@
 #include "sylvshared/tenants.h"
 
 #include <algorithm>
+#include <bit>
 #include <cerrno>
 #include <climits>
 #include <cstring>
@@ -123,9 +125,15 @@ constexpr int kPlainDepth = 32;
 // false when the text is not plain (an escape, a byte outside ASCII or a
 // control character in a string, a number that is not a short integer,
 // nesting or size past the bounds above) or not JSON: the caller then parses
-// the element, which tells the two apart.
+// the element, which tells the two apart. An escaped reader reads the
+// element's text as it lies in the answer, its quotes escaped (\"): any
+// other escape there is not plain.
+template <bool Escaped>
 class PlainReader {
 public:
+    // text[length] must be readable and end every token: the NUL after a C
+    // text, or the closing quote of an escaped one (whose escapes were
+    // checked). The reader then needs no bound check but for literals.
     PlainReader(const char* text, size_t length) : p_(text), end_(text + length) {}
 
     // The fields of a text holding one object.
@@ -143,16 +151,37 @@ private:
     const char* end_;
     int values_ = 0;
 
+    static constexpr ptrdiff_t kQuote = Escaped ? 2 : 1;
+    // The bytes \" read as one (host order).
+    static constexpr uint16_t kEscapedQuote = [] {
+        const char bytes[2] = {'\\', '"'};
+        return std::bit_cast<uint16_t>(bytes);
+    }();
+
+    // Whether a quote of the element's text is at `at` (at most end_). An
+    // escaped text lies in a parsed C text: the two bytes at its closing
+    // quote are readable, and a backslash before that quote is not its last.
+    bool quote_at(const char* at) const {
+        if constexpr (Escaped) {
+            uint16_t pair;
+            memcpy(&pair, at, 2);
+            return pair == kEscapedQuote;
+        } else {
+            return *at == '"';
+        }
+    }
+
     void skip_space() {
-        while (p_ < end_ && *p_ <= ' ' &&
-               (*p_ == ' ' || *p_ == '\n' || *p_ == '\r' || *p_ == '\t')) {
+        constexpr uint64_t kSpaces = 1ULL << ' ' | 1ULL << '\n' | 1ULL << '\r' | 1ULL << '\t';
+        while (static_cast<uint8_t>(*p_) <= ' ' &&
+               (kSpaces >> static_cast<uint8_t>(*p_) & 1) != 0) {
             ++p_;
         }
     }
 
     bool take(char c) {
         skip_space();
-        if (p_ < end_ && *p_ == c) {
+        if (*p_ == c) {
             ++p_;
             return true;
         }
@@ -177,7 +206,7 @@ private:
             }
         }
 #endif
-        while (at < end_ && static_cast<signed char>(*at) >= 0x20 && *at != '"' && *at != '\\') {
+        while (static_cast<signed char>(*at) >= 0x20 && *at != '"' && *at != '\\') {
             ++at;
         }
         return static_cast<size_t>(at - p_);
@@ -185,13 +214,13 @@ private:
 
     // A string at p_ (its opening quote) with nothing to decode.
     bool string(std::string_view* text) {
-        ++p_;
+        p_ += kQuote;
         const size_t run = plain_run();
-        if (end_ - p_ <= static_cast<ptrdiff_t>(run) || p_[run] != '"') {
+        if (!quote_at(p_ + run)) {
             return false;
         }
         *text = std::string_view(p_, run);
-        p_ += run + 1;
+        p_ += static_cast<ptrdiff_t>(run) + kQuote;
         return true;
     }
 
@@ -205,11 +234,11 @@ private:
 
     // An integer of at most 18 digits, without a leading zero.
     bool integer(int64_t* value) {
-        const bool negative = p_ < end_ && *p_ == '-';
+        const bool negative = *p_ == '-';
         p_ += negative ? 1 : 0;
         const char* first = p_;
         int64_t magnitude = 0;
-        while (p_ < end_ && *p_ >= '0' && *p_ <= '9') {
+        while (*p_ >= '0' && *p_ <= '9') {
             if (p_ - first == 18) {
                 return false;  // a 19th digit could overflow: the parser reads it
             }
@@ -219,7 +248,7 @@ private:
         if (digits == 0 || (*first == '0' && digits > 1)) {
             return false;
         }
-        if (p_ < end_ && (*p_ == '.' || *p_ == 'e' || *p_ == 'E')) {
+        if (*p_ == '.' || *p_ == 'e' || *p_ == 'E') {
             return false;
         }
         *value = negative ? -magnitude : magnitude;
@@ -233,21 +262,18 @@ private:
             return false;
         }
         skip_space();
-        if (p_ == end_) {
-            return false;
-        }
         node->kind = Kind::List;
-        switch (*p_) {
-            case '"': {
-                std::string_view text;
-                if (!string(&text)) {
-                    return false;
-                }
-                node->kind = Kind::String;
-                node->text = text.data();
-                node->size = static_cast<uint32_t>(text.size());
-                return true;
+        if (quote_at(p_)) {
+            std::string_view text;
+            if (!string(&text)) {
+                return false;
             }
+            node->kind = Kind::String;
+            node->text = text.data();
+            node->size = static_cast<uint32_t>(text.size());
+            return true;
+        }
+        switch (*p_) {
             case '{':
                 return object(nullptr, depth + 1);
             case '[':
@@ -286,7 +312,7 @@ private:
     // An object at p_; its members picked into `fields` when given (the
     // outermost object), each repeated key overriding the one before.
     bool object(TenantFields* fields, int depth) {
-        if (p_ == end_ || *p_ != '{') {
+        if (*p_ != '{') {
             return false;
         }
         ++p_;
@@ -297,8 +323,7 @@ private:
             Member member{};
             std::string_view key;
             skip_space();
-            if (p_ == end_ || *p_ != '"' || !string(&key) || !take(':') ||
-                !value(&member.value, depth)) {
+            if (!quote_at(p_) || !string(&key) || !take(':') || !value(&member.value, depth)) {
                 return false;
             }
             if (fields != nullptr) {
@@ -318,13 +343,19 @@ struct ElementTexts {
     JsonListItem** items = nullptr;
     int count = 0;
 
-    // Text of element i (NUL-terminated), or null when it is not a string.
-    const char* text(int i) const {
+    // String node of element i (its text NUL-terminated unless escaped), or
+    // null when it is not a string.
+    const Node* text(int i, Node& built) const {
         if (list != nullptr) {
             const Node& item = list->items[i];
-            return item.kind == Kind::String ? item.text : nullptr;
+            return item.kind == Kind::String ? &item : nullptr;
         }
-        return items[i]->type == JSON_LIST_ITEM_STRING ? items[i]->text : nullptr;
+        if (items[i]->type != JSON_LIST_ITEM_STRING) {
+            return nullptr;
+        }
+        built = Node{};
+        built.text = items[i]->text;
+        return &built;
     }
 };
 
@@ -346,45 +377,75 @@ int find_texts(const JsonValue* data, ElementTexts& texts) {
     return TENANTS_WALKED;
 }
 
+// What reading one element's text came to.
+enum class Read { service, not_json, no_memory };
+
+// The fields of the element text, read plainly when it allows, else parsed
+// into `arena`.
+Read read_element(const char* text, size_t length, Arena& arena, TenantFields& fields) {
+    fields = no_fields();
+    if (PlainReader<false>(text, length).service(fields)) {
+        fields.without_nul = true;
+        return Read::service;
+    }
+    Node root{};
+    if (!ready_arena(arena, length)) {
+        return Read::no_memory;
+    }
+    if (!parse_into(arena, text, length, root)) {
+        return errno == ENOMEM ? Read::no_memory : Read::not_json;
+    }
+    fields = fields_of(root);
+    return Read::service;
+}
+
+// read_element for a string node: an escaped one read as it lies when
+// plain, else decoded into `scratch` first.
+Read read_string(const Node& item, Arena& arena, Arena& scratch, TenantFields& fields) {
+    if (item.escaped) {
+        fields = no_fields();
+        if (PlainReader<true>(item.text, item.size).service(fields)) {
+            fields.without_nul = true;
+            return Read::service;
+        }
+        Node decoded = item;
+        reset_arena(scratch, true);
+        if (!decode_text(scratch, item, &decoded.text, &decoded.size)) {
+            return Read::no_memory;
+        }
+        // The getters' reading of an element: json_parse stops at a NUL.
+        return read_element(decoded.text, strlen(decoded.text), arena, fields);
+    }
+    return read_element(item.text, strlen(item.text), arena, fields);
+}
+
 }  // namespace
 
 int walk_tenants(const JsonValue* data, TenantVisitor visit, void* context) noexcept {
     ElementTexts texts;
     int result = find_texts(data, texts);
     Arena arena{};
+    Arena scratch{};
     for (int i = 0; result == TENANTS_WALKED && i < texts.count; ++i) {
-        const char* text = texts.text(i);
-        if (text == nullptr) {
+        Node built;
+        const Node* item = texts.text(i, built);
+        if (item == nullptr) {
             if (!visit(context, i, TenantElement::not_string, nullptr))
                 break;
             continue;
         }
-        // The getters' reading of an element: json_parse stops at a NUL.
-        const size_t length = strlen(text);
-        TenantFields plain = no_fields();
-        if (PlainReader(text, length).service(plain)) {
-            if (!visit(context, i, TenantElement::service, &plain))
-                break;
-            continue;
-        }
-        Node root{};
-        if (!ready_arena(arena, length)) {
+        TenantFields fields;
+        const Read read = read_string(*item, arena, scratch, fields);
+        if (read == Read::no_memory) {
             result = TENANTS_NO_MEMORY;
-            continue;
-        }
-        if (!parse_into(arena, text, length, root)) {
-            if (errno == ENOMEM) {
-                result = TENANTS_NO_MEMORY;
-            } else if (!visit(context, i, TenantElement::not_json, nullptr)) {
-                break;
-            }
-            continue;
-        }
-        const TenantFields fields = fields_of(root);
-        if (!visit(context, i, TenantElement::service, &fields))
+        } else if (!visit(context, i,
+                          read == Read::service ? TenantElement::service : TenantElement::not_json,
+                          read == Read::service ? &fields : nullptr)) {
             break;
+        }
     }
     reset_arena(arena, false);
+    reset_arena(scratch, false);
     json_free_list_value(texts.items, texts.count);
     return result;
 }

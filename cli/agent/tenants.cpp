@@ -36,10 +36,14 @@ std::optional<std::string> read_text(const JsonValue* object, const char* key) {
 
 namespace {
 
-// A text field as the getters' C text reads it: up to an embedded NUL.
-std::optional<std::string_view> text_of(const sylvshared::TenantText& field) {
+// A text field as the getters' C text reads it: up to an embedded NUL,
+// which `without_nul` says there is none of.
+std::optional<std::string_view> text_of(const sylvshared::TenantText& field, bool without_nul) {
     if (!field.present) {
         return std::nullopt;
+    }
+    if (without_nul) {
+        return field.text;
     }
     const void* nul = memchr(field.text.data(), '\0', field.text.size());
     return nul == nullptr
@@ -50,13 +54,13 @@ std::optional<std::string_view> text_of(const sylvshared::TenantText& field) {
 
 TenantView view_of(const sylvshared::TenantFields& fields) {
     TenantView view;
-    view.name = text_of(fields.name);
-    view.status = text_of(fields.status);
-    view.ip_address = text_of(fields.ip_address);
-    view.uuid = text_of(fields.uuid);
-    view.onion_address = text_of(fields.onion_address);
-    view.reason = text_of(fields.reason);
-    view.synchronized = text_of(fields.synchronized);
+    view.name = text_of(fields.name, fields.without_nul);
+    view.status = text_of(fields.status, fields.without_nul);
+    view.ip_address = text_of(fields.ip_address, fields.without_nul);
+    view.uuid = text_of(fields.uuid, fields.without_nul);
+    view.onion_address = text_of(fields.onion_address, fields.without_nul);
+    view.reason = text_of(fields.reason, fields.without_nul);
+    view.synchronized = text_of(fields.synchronized, fields.without_nul);
     view.has_port = fields.port.present;
     view.has_virtual_port = fields.virtual_port.present;
     view.port = fields.port.value;

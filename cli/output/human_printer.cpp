@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cstring>
+#include <memory>
 #include <string>
 
 #include "cli/agent/tenants.h"
@@ -33,17 +34,31 @@ constexpr size_t LISTING_BLOCK = 65536;
 
 class ListingWriter {
 public:
-    ListingWriter() { block_.reserve(LISTING_BLOCK); }
+    ListingWriter() : block_(new char[LISTING_BLOCK]), end_(block_.get()) {}
     // The tool's own words.
     void text(std::string_view part) {
-        block_ += part;
-        flush_when_full();
+        if (part.size() > room()) {
+            flush_block();
+            if (part.size() > LISTING_BLOCK) {
+                write_checked(stdout, part);
+                return;
+            }
+        }
+        memcpy(end_, part.data(), part.size());
+        end_ += part.size();
     }
     // An untrusted field, cut to `limit` bytes (0: whole) and escaped.
     void field(std::string_view value, size_t limit = 0) {
-        append_terminal_safe(block_,
-                             limit == 0 ? value : value.substr(0, utf8_prefix(value, limit)));
-        flush_when_full();
+        if (limit != 0) {
+            value = value.substr(0, utf8_prefix(value, limit));
+        }
+        if (terminal_safe_as_is(value)) {
+            text(value);
+            return;
+        }
+        std::string escaped;
+        append_terminal_safe(escaped, value);
+        text(escaped);
     }
     void number(int value) {
         char digits[16];
@@ -51,17 +66,19 @@ public:
         text(std::string_view(digits, static_cast<size_t>(result.ptr - digits)));
     }
     void flush() {
-        write_checked(stdout, block_);
+        flush_block();
         flush_checked(stdout);
-        block_.clear();
     }
 
 private:
-    std::string block_;
-    void flush_when_full() {
-        if (block_.size() >= LISTING_BLOCK) {
-            flush();
-        }
+    std::unique_ptr<char[]> block_;
+    char* end_;  // end of the bytes held
+
+    size_t room() const { return LISTING_BLOCK - static_cast<size_t>(end_ - block_.get()); }
+    void flush_block() {
+        write_checked(stdout,
+                      std::string_view(block_.get(), static_cast<size_t>(end_ - block_.get())));
+        end_ = block_.get();
     }
 };
 

@@ -39,20 +39,33 @@ constexpr std::array<bool, 256> MAY_ESCAPE = [] {
 
 // Index of the first byte from `from` that may start an escape, or the size:
 // 16 bytes at a time where there are that many.
+#ifdef __SSE2__
+// Bits of the 16 bytes at `at` that may start an escape.
+unsigned may_escape_mask(const char* at) {
+    const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(at));
+    const __m128i control = _mm_cmpeq_epi8(_mm_min_epu8(bytes, _mm_set1_epi8(0x1F)), bytes);
+    const __m128i leads =
+        _mm_or_si128(_mm_cmpeq_epi8(bytes, _mm_set1_epi8(0x7F)),
+                     _mm_or_si128(_mm_cmpeq_epi8(bytes, _mm_set1_epi8(static_cast<char>(0xC2))),
+                                  _mm_cmpeq_epi8(bytes, _mm_set1_epi8(static_cast<char>(0xE2)))));
+    return static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(control, leads)));
+}
+#endif
+
 size_t next_may_escape(std::string_view text, size_t from) {
     size_t i = from;
 #ifdef __SSE2__
     for (; i + 16 <= text.size(); i += 16) {
-        const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(text.data() + i));
-        const __m128i control = _mm_cmpeq_epi8(_mm_min_epu8(bytes, _mm_set1_epi8(0x1F)), bytes);
-        const __m128i leads = _mm_or_si128(
-            _mm_cmpeq_epi8(bytes, _mm_set1_epi8(0x7F)),
-            _mm_or_si128(_mm_cmpeq_epi8(bytes, _mm_set1_epi8(static_cast<char>(0xC2))),
-                         _mm_cmpeq_epi8(bytes, _mm_set1_epi8(static_cast<char>(0xE2)))));
-        const int mask = _mm_movemask_epi8(_mm_or_si128(control, leads));
-        if (mask != 0) {
-            return i + static_cast<size_t>(__builtin_ctz(static_cast<unsigned>(mask)));
+        if (const unsigned mask = may_escape_mask(text.data() + i); mask != 0) {
+            return i + static_cast<size_t>(__builtin_ctz(mask));
         }
+    }
+    // The last bytes, as the end of one last block that overlaps the ones
+    // already seen.
+    if (i < text.size() && text.size() >= 16) {
+        const size_t start = text.size() - 16;
+        const unsigned mask = may_escape_mask(text.data() + start) >> (i - start);
+        return mask == 0 ? text.size() : i + static_cast<size_t>(__builtin_ctz(mask));
     }
 #endif
     while (i < text.size() && !MAY_ESCAPE[static_cast<unsigned char>(text[i])]) {
@@ -62,6 +75,10 @@ size_t next_may_escape(std::string_view text, size_t from) {
 }
 
 }  // namespace
+
+bool terminal_safe_as_is(std::string_view text) {
+    return next_may_escape(text, 0) == text.size();
+}
 
 // Plain runs are appended whole: a listing's fields rarely hold anything
 // to escape.

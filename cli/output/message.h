@@ -16,6 +16,9 @@
 // (U+202A-U+202E, U+2066-U+2069) as \uHHHH. Other bytes are copied as they
 // are.
 void append_terminal_safe(std::string& out, std::string_view text);
+// Whether append_terminal_safe would copy `text` as it is (nothing in it
+// may need escaping).
+bool terminal_safe_as_is(std::string_view text);
 
 // Length of `text` cut to at most `limit` bytes without splitting a UTF-8
 // sequence.

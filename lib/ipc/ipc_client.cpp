@@ -222,7 +222,9 @@ Outcome handle_event(networkConnection* connection, const JsonValue* message,
 Outcome handle_message(networkConnection* connection, const char* text_message,
                        char (&command_name)[RECEIVED_COMMAND_SIZE]) {
     errno = 0;
-    JsonPtr message(json_parse(text_message));
+    // The message outlives every value taken from it: each is released
+    // before receive_message returns, and callbacks copy what they keep.
+    JsonPtr message(json_parse_in_place(text_message));
     if (message == nullptr ||
         json_get_string_value(message.get(), "command", command_name, RECEIVED_COMMAND_SIZE) < 0) {
         if (out_of_memory()) {

@@ -22,7 +22,9 @@ enum IpcResult : int {
 // Builds a request's "data" from user_data; null means no "data" key.
 using ExecutionCallback = JsonValue* (*)(void* user_data);
 // Handles a response's or an event's "data" (may be null). The library
-// prints nothing: what the user sees is the caller's business.
+// prints nothing: what the user sees is the caller's business. `data` and
+// whatever is taken from it read the received message in place: valid only
+// during the call, so a callback copies what it keeps.
 using ResponseCallback = void (*)(JsonValue* data);
 
 constexpr int IPC_COMMAND_NAME_LIMIT = 255;  // names must be shorter

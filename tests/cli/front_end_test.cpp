@@ -87,6 +87,12 @@ TEST(TerminalText, EscapesControlsAndOverridesOnly) {
          "0123456789abcdef\x7f"
          "0123456789abcdef",
          "0123456789abcde\\u0085 and \\u202e0123456789abcdef\\x7f0123456789abcdef"},
+        // In the last bytes, read as the end of a block that overlaps the
+        // bytes before: one past the 16th, and one already escaped.
+        {"0123456789abcdef01\x07x", "0123456789abcdef01\\x07x"},
+        {"ab\x01"
+         "cdefghijklmnop",
+         "ab\\x01cdefghijklmnop"},
     };
     for (const auto& c : cases) {
         std::string shown;

@@ -10,12 +10,13 @@
 
 #include "ipc/ipc_client.h"
 
-// json_parse runs out of memory on demand (the binary links with --wrap).
+// The client's parse runs out of memory on demand (the binary links with
+// --wrap).
 bool parse_fails = false;
-extern "C" JsonValue* __real_json_parse(const char* text);
-extern "C" JsonValue* __wrap_json_parse(const char* text) {
+extern "C" JsonValue* __real_json_parse_in_place(const char* text);
+extern "C" JsonValue* __wrap_json_parse_in_place(const char* text) {
     errno = parse_fails ? ENOMEM : errno;
-    return parse_fails ? nullptr : __real_json_parse(text);
+    return parse_fails ? nullptr : __real_json_parse_in_place(text);
 }
 
 namespace {

@@ -200,6 +200,39 @@ TEST(Json, ListOfMixedElements) {
     json_free_list_value(nullptr, 3);
 }
 
+// Strings long enough to be left where they lie read, write and list as
+// the same text parsed whole: every escape, bad UTF-8 and surrogates, at
+// each offset of a 16-byte block.
+TEST(Json, InPlaceReadsAsParsedWhole) {
+    const std::string escapes[] = {R"(\")",        R"(\\)",           R"(\/)",     R"(\b\f\n\r\t)",
+                                   R"(\u00e9)",    R"(\ud83d\ude00)", R"(\ud800)", "\xff\xc3",
+                                   "\xe2\x82\xac", R"(\u0000)"};
+    for (const std::string& escape : escapes) {
+        for (size_t offset = 0; offset < 17; ++offset) {
+            const std::string inner = std::string(offset, 'a') + escape + std::string(64, 'b');
+            const std::string text = R"({"s":")" + inner + R"(","l":[")" + inner + R"(",1]})";
+            Value whole(json_parse(text.c_str()));
+            Value in_place(json_parse_in_place(text.c_str()));
+            ASSERT_NE(in_place.handle, nullptr) << text;
+            EXPECT_EQ(serialized(in_place.handle), serialized(whole.handle)) << text;
+            for (const size_t size : {256, 70, 18}) {
+                char expected[256] = {};
+                char got[256] = {};
+                EXPECT_EQ(json_get_string_value(in_place.handle, "s", got, size),
+                          json_get_string_value(whole.handle, "s", expected, size));
+                EXPECT_STREQ(got, expected) << text;
+            }
+            int count = 0;
+            JsonListItem** expected = json_get_list_value(whole.handle, "l", &count);
+            JsonListItem** got = json_get_list_value(in_place.handle, "l", &count);
+            ASSERT_NE(got, nullptr);
+            EXPECT_STREQ(got[0]->text, expected[0]->text) << text;
+            json_free_list_value(expected, count);
+            json_free_list_value(got, count);
+        }
+    }
+}
+
 // Invalid text, and the depth and value-count bounds a peer cannot push past
 // (brackets and commas inside strings, escaped quotes included, are text).
 TEST(Json, ParseRefusesInvalidTooDeepAndTooLargeText) {
@@ -229,11 +262,17 @@ TEST(Json, ParseRefusesInvalidTooDeepAndTooLargeText) {
         {"[1" + repeat(262142, ",1") + "]", true}, {"[1" + repeat(262143, ",1") + "]", false},
         {"[\"" + repeat(300000, ",") + "\"]", true},
         // Members are checked for repeats: 2,000 cost 2 million comparisons, 3,000 too many.
-        {"{" + members(2000) + "}", true}, {"{" + members(3000) + "}", false}};
+        {"{" + members(2000) + "}", true}, {"{" + members(3000) + "}", false},
+        // Long strings, which a parse in place checks without decoding.
+        {"[\"" + repeat(70, "a") + "\\x\"]", false}, {"[\"" + repeat(70, "a") + "\\u12g4\"]", false},
+        {"[\"" + repeat(70, "\\\"") + "\x01\"]", false}, {"[\"" + repeat(70, "a") + "\\", false},
+        {"[\"" + repeat(70, "a") + "\\\"]", false}, {"[\"" + repeat(70, "\\/") + "\"]", true}};
     // clang-format on
     for (const auto& [text, parses] : cases) {
         Value value(json_parse(text.c_str()));
         EXPECT_EQ(value.handle != nullptr, parses) << text.substr(0, 40) << " " << text.size();
+        Value in_place(json_parse_in_place(text.c_str()));
+        EXPECT_EQ(in_place.handle != nullptr, parses) << text.substr(0, 40) << " " << text.size();
     }
     EXPECT_EQ(json_parse(nullptr), nullptr);
 }

@@ -28,6 +28,7 @@ const std::vector<std::string> kElements = {
     quoted(R"({"tenant_name":"first","tenant_name":"last","port":1,"port":99999999999})"),
     quoted(R"({"tenant_name":"caf\u00e9 \ud83d\ude00","status":"x\"y","virtual_port":-3})"),
     quoted("{\"tenant_name\":\"bad \xff utf-8\",\"ack\":false}"),
+    quoted(R"({"tenant_name":"nul \u0000 inside","uuid":"u"})"),
     quoted(R"({"tenant_name":{"nested":[1,2]},"uuid":null,"port":1.5})"),
     quoted(R"([1,2,3])"),
     // Read without the parser when plain, by the parser when not: the same.
@@ -56,10 +57,17 @@ const std::vector<std::string> kElements = {
     quoted(""),
 };
 
-std::string answer() {
+// The answer holding kElements; padded, each string element ends in spaces
+// (which change no reading), long enough for a parse in place to leave it
+// escaped where it lies.
+std::string answer(bool padded = false) {
     std::string text = R"({"tenants":[)";
     for (size_t i = 0; i < kElements.size(); ++i) {
-        text += (i > 0 ? "," : "") + kElements[i];
+        std::string element = kElements[i];
+        if (padded && element[0] == '"') {
+            element.insert(element.size() - 1, 64, ' ');
+        }
+        text += (i > 0 ? "," : "") + element;
     }
     return text + "]}";
 }
@@ -84,6 +92,8 @@ void expect_same_as_getters(const char* text, TenantElement element, const Tenan
         return;
     }
     for (int i = 0; i < 7; ++i) {
+        const std::string_view whole = text_field(*fields, i).text;
+        EXPECT_FALSE(fields->without_nul && whole.find('\0') != std::string_view::npos) << text;
         for (const size_t size : {255, 6}) {
             char walked[256] = {};
             char got[256] = {};
@@ -101,15 +111,19 @@ void expect_same_as_getters(const char* text, TenantElement element, const Tenan
     json_free_value(value);
 }
 
-// Parsed from the wire, and built by the caller: the same reading as the
-// list getter, element by element.
+// Parsed from the wire (whole, and in place), and built by the caller: the
+// same reading as the list getter, element by element.
 TEST(WalkTenants, ReadsEveryElementAsTheGettersDo) {
     JsonValue* parsed = json_parse(answer().c_str());
     ASSERT_NE(parsed, nullptr);
+    const std::string wire = answer(true);
+    JsonValue* in_place = json_parse_in_place(wire.c_str());
+    ASSERT_NE(in_place, nullptr);
     JsonValue* built = json_create_json_object();
-    for (JsonValue* data : {parsed, built}) {
+    for (JsonValue* data : {parsed, in_place, built}) {
         int count = -1;
-        JsonListItem** items = json_get_list_value(parsed, "tenants", &count);
+        JsonListItem** items =
+            json_get_list_value(data == in_place ? in_place : parsed, "tenants", &count);
         ASSERT_EQ(count, static_cast<int>(kElements.size()));
         if (data == built) {  // the same list, built
             JsonValue* list = json_create_json_list();
@@ -141,6 +155,7 @@ TEST(WalkTenants, ReadsEveryElementAsTheGettersDo) {
         json_free_list_value(items, count);
     }
     json_free_value(parsed);
+    json_free_value(in_place);
     json_free_value(built);
 }
 

@@ -35,6 +35,11 @@ typedef struct JsonListItem {
  * string that is not UTF-8 reads as U+FFFD. On failure errno is ENOMEM when
  * memory ran out, EINVAL otherwise. */
 JsonValue* json_parse(const char* text);
+/* json_parse for a text that stays unchanged while the value is used: long
+ * strings are read where they lie in the text and decoded only when asked
+ * for. The value, and every value and list taken from it, must be released
+ * before the text is changed or freed. */
+JsonValue* json_parse_in_place(const char* text);
 /* Writes the compact text and its NUL into buffer. Returns its length, or a
  * negative value (buffer left empty) when it does not fit or on bad input.
  * Each byte sequence of a string that is not UTF-8 is written as U+FFFD. */

@@ -43,6 +43,9 @@ struct TenantFields {
     TenantNumber port;
     TenantNumber virtual_port;
     int ack;  // json_get_bool_value's answer: 1, 0, or -1
+    // No text holds a NUL (each was read as it lies, undecoded): a reader
+    // that cuts texts at a NUL need not look for one.
+    bool without_nul;
 };
 
 // What one element of the list is.
