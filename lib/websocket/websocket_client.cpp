@@ -281,6 +281,10 @@ int client_send(networkConnection* connection, JsonValue* value) {
     return WebSocket.send_data(connection, value, WS_DATA_TEXT, true);
 }
 
+int client_send_text(networkConnection* connection, const char* text, uint64_t length) {
+    return WebSocket.send_text(connection, text, length, true);
+}
+
 }  // namespace
 
 const WebSocketClientModule WebSocketClient = {
@@ -289,4 +293,5 @@ const WebSocketClientModule WebSocketClient = {
     .set_callbacks = set_callbacks,
     .send = client_send,
     .close_websocket_connection = close_websocket_connection,
+    .send_text = client_send_text,
 };
