@@ -6,8 +6,9 @@ set -euo pipefail
 # libfyaml-dev: the desired-state file; ansible-core and python3-pytest: the
 # Ansible collection's tests; prometheus: promtool, which checks the metrics;
 # prometheus-node-exporter: its textfile collector serves the metrics file in a
-# test; zsh and fish: the completion test runs every shell it finds.
-packages=(g++ cmake ninja-build pkg-config libevent-dev nlohmann-json3-dev libgtest-dev libfyaml-dev
+# test; zsh and fish: the completion test runs every shell it finds; lld:
+# the static link puts the code of one call together.
+packages=(g++ cmake ninja-build pkg-config lld libevent-dev nlohmann-json3-dev libgtest-dev libfyaml-dev
           python3 iproute2 ansible-core python3-pytest prometheus prometheus-node-exporter zsh fish
           "$@")
 

@@ -26,25 +26,13 @@ void fire_once(evutil_socket_t fd, short what, void* argument) {
     free(shot);
 }
 
-// Frees the first `count` subscriber lists (items belong to subscribers).
+// Frees the first `count` subscriber lists (items belong to subscribers);
+// identifiers nobody subscribed to have none.
 void free_lists(EventDispatcher* dispatcher, uint32_t count) {
     for (uint32_t i = 0; i < count; ++i) {
         LinkedList.free(dispatcher->subscribers[i], nullptr);
     }
     free(dispatcher->subscribers);
-}
-
-// Creates one empty list per identifier; 0, or -1 with none left allocated.
-int make_lists(EventDispatcher* dispatcher, uint32_t event_count) {
-    for (uint32_t i = 0; i < event_count; ++i) {
-        dispatcher->subscribers[i] = LinkedList.create(nullptr);
-        if (dispatcher->subscribers[i] == nullptr) {
-            Logger.fatal("Unable to allocate memory for subscriber list");
-            free_lists(dispatcher, i);
-            return -1;
-        }
-    }
-    return 0;
 }
 
 // New dispatcher over `base`; the caller destroys it with `destroy`.
@@ -59,10 +47,12 @@ EventDispatcher* dispatcher_create(struct event_base* base, uint32_t event_count
         return nullptr;
     }
     dispatcher->event_base = base;
+    // A list is made at an identifier's first subscription: the tool's 54
+    // identifiers have five subscribers at most.
     dispatcher->subscribers = static_cast<List**>(calloc(size_t{event_count} + 1, sizeof(List*)));
     if (dispatcher->subscribers == nullptr) {
         Logger.fatal("Unable to allocate memory for callback_event subscribers lists");
-    } else if (make_lists(dispatcher, event_count) == 0) {
+    } else {
         dispatcher->lock = Mutex.create();
         if (dispatcher->lock != nullptr) {
             dispatcher->event_count = event_count;
@@ -206,14 +196,20 @@ bool valid_id(const EventDispatcher* dispatcher, uint32_t event_id) {
     return false;
 }
 
-// Appends a subscriber under the lock; the entry is the unsubscribe handle.
+// Appends a subscriber under the lock, making the identifier's list at its
+// first subscription; the entry is the unsubscribe handle, null when either
+// cannot be allocated.
 ListEntry* subscribe(EventDispatcher* dispatcher, uint32_t event_id, SubscriberCallback callback) {
     if (dispatcher == nullptr || !valid_id(dispatcher, event_id)) {
         return nullptr;
     }
     Mutex.lock(dispatcher->lock, -1);
+    List*& list = dispatcher->subscribers[event_id];
+    if (list == nullptr) {
+        list = LinkedList.create(nullptr);
+    }
     ListEntry* entry =
-        LinkedList.add(dispatcher->subscribers[event_id], reinterpret_cast<void*>(callback));
+        list != nullptr ? LinkedList.add(list, reinterpret_cast<void*>(callback)) : nullptr;
     Mutex.unlock(dispatcher->lock);
     return entry;
 }
@@ -238,7 +234,8 @@ void notify(EventDispatcher* dispatcher, uint32_t event_id, void* data) {
         return;
     }
     Mutex.lock(dispatcher->lock, -1);
-    for (ListEntry* entry = dispatcher->subscribers[event_id]->head; entry != nullptr;
+    const List* list = dispatcher->subscribers[event_id];
+    for (ListEntry* entry = list != nullptr ? list->head : nullptr; entry != nullptr;
          entry = entry->next) {
         auto subscriber = reinterpret_cast<SubscriberCallback>(entry->item);
         CallbackInfo* info = new_info(subscriber, static_cast<int32_t>(event_id), data);

@@ -24,7 +24,7 @@ using SubscriberCallback = void (*)(uint32_t event_id, void* data);
 struct EventDispatcher {
     struct event_base* event_base;  // not owned; must outlive deliveries
     uint32_t event_count;
-    List** subscribers;  // owned, one list per identifier
+    List** subscribers;  // owned, one list per identifier subscribed to, else null
     Lock* lock;          // owned, guards the lists
 };
 

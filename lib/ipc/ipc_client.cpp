@@ -63,14 +63,16 @@ void ipc_client_disconnect(networkConnection* connection) {
 // Serialised size check and send of an already built request (which this
 // function always frees). 0, or -1 when it does not fit the envelope.
 int send_request(networkConnection* connection, JsonValue* request) {
-    char check[IPC_REQUEST_CHECK_SIZE];
-    if (json_serialize(request, check, sizeof check) < 0) {
+    char text[IPC_REQUEST_CHECK_SIZE];
+    const int length = json_serialize(request, text, sizeof text);
+    json_free_value(request);
+    if (length < 0) {
         Logger.fatal("Unable to serialized request. Stopped connection");
-        json_free_value(request);
         return IPC_ERR_FAILED;
     }
-    Logger.debug("Sending request %s", check);
-    if (WebSocketClient.send(connection, request) < 0) {
+    Logger.debug("Sending request %s", text);
+    // The text checked is the text sent: no second serialisation.
+    if (WebSocketClient.send_text(connection, text, static_cast<uint64_t>(length)) < 0) {
         // The command stays pending; the conversation's time-out settles it.
         Logger.error("Unable to send IPC request");
     }
@@ -110,13 +112,8 @@ void connection_established_callback(networkConnection* connection) {
     if (connection == nullptr || connection->config == nullptr) {
         return;
     }
-    JsonValue* announcement = json_parse(ANNOUNCEMENT);
-    if (announcement == nullptr) {
-        Logger.error("Unable to parse connection_string in connection_established_callback().");
-        return;
-    }
     Logger.debug("Sending the announcement %s", ANNOUNCEMENT);
-    WebSocketClient.send(connection, announcement);
+    WebSocketClient.send_text(connection, IPC_ANNOUNCEMENT_WIRE, strlen(IPC_ANNOUNCEMENT_WIRE));
     if (execute_command(connection, config_of(connection)) != IPC_OK) {
         ipc_client_disconnect(connection);
     }

@@ -27,6 +27,9 @@ enum IpcEvent : uint32_t {
 };
 
 constexpr int32_t IPC_ANNOUNCEMENT_ID = 17;
+// The announcement as it leaves, already serialised: the bytes the JSON
+// serialiser writes for {"command": "connection", "id": 17}.
+constexpr const char* IPC_ANNOUNCEMENT_WIRE = "{\"command\":\"connection\",\"id\":17}";
 constexpr int32_t IPC_ID_RANGE = 15000;
 constexpr size_t IPC_REQUEST_CHECK_SIZE = 1000;
 

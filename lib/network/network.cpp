@@ -13,6 +13,13 @@
 #include "core/logger.h"
 #include "network/network_internal.h"
 
+// What receive_ahead read past its caller's request: bytes[start, end).
+struct ReadAhead {
+    uint32_t start;
+    uint32_t end;
+    uint8_t bytes[NETWORK_RECEIVE_MAX];
+};
+
 namespace network_internal {
 
 int watch_reads(networkConnection* connection) {
@@ -88,6 +95,9 @@ void close_connection(networkConnection* connection) {
     }
     drop_event(&connection->read_event);
     drop_event(&connection->write_event);
+    if (connection->read_ahead != nullptr) {
+        connection->read_ahead->start = connection->read_ahead->end = 0;  // this socket's
+    }
     if (connection->state == NETWORK_CONNECTING || connection->state == NETWORK_CONNECTED) {
         close(connection->socket);
         connection->socket = -1;
@@ -121,6 +131,7 @@ void destroy_connection(networkConnection* connection) {
     DynamicBuffer.free(connection->sending_queue);
     DynamicBuffer.free(connection->receive_queue);
     free_protocol_state(connection->protocol_state);
+    free(connection->read_ahead);
     free(connection);
 }
 
@@ -321,15 +332,74 @@ int64_t receive_into(void* context, uint8_t* into, uint64_t room) {
     return reception->received;
 }
 
+// Hands out up to max_size kept bytes into the receive queue: their count,
+// 0 when none are kept, NETWORK_ERR_FAILED (connection dropped) when the
+// queue cannot take them.
+int64_t hand_out_kept(networkConnection* connection, int64_t max_size) {
+    ReadAhead* ahead = connection->read_ahead;
+    if (ahead == nullptr || ahead->start == ahead->end || max_size <= 0) {
+        return 0;
+    }
+    const uint32_t count =
+        static_cast<uint32_t>(std::min<int64_t>(max_size, ahead->end - ahead->start));
+    if (DynamicBuffer.append(connection->receive_queue, ahead->bytes + ahead->start, count) != 0) {
+        Logger.error("Unable to queue %d received bytes. Connection dropped",
+                     static_cast<int>(count));
+        close_and_reconnect(connection);
+        return NETWORK_ERR_FAILED;
+    }
+    ahead->start += count;
+    return count;
+}
+
+// receive_data through the read-ahead: kept bytes first, else one recv() of
+// a whole NETWORK_RECEIVE_MAX into it. Without room for it (allocation
+// failure), a plain receive_data.
+int64_t receive_ahead(networkConnection* connection, int64_t max_size) {
+    if (max_size > NETWORK_RECEIVE_MAX || max_size <= 0 || connection == nullptr ||
+        connection->protocol_state == nullptr || connection->receive_queue == nullptr) {
+        return receive_data(connection, max_size);  // its checks, its results
+    }
+    if (connection->read_ahead == nullptr) {
+        connection->read_ahead = static_cast<ReadAhead*>(malloc(sizeof(ReadAhead)));
+        if (connection->read_ahead == nullptr) {
+            return receive_data(connection, max_size);
+        }
+        connection->read_ahead->start = connection->read_ahead->end = 0;
+    }
+    ReadAhead* ahead = connection->read_ahead;
+    if (ahead->start == ahead->end) {
+        const ssize_t received = recv(connection->socket, ahead->bytes, sizeof ahead->bytes, 0);
+        if (received <= 0) {
+            Logger.trace("recv() failed on %s:%d. recv() returned %d", get_ip(connection),
+                         static_cast<int>(get_port(connection)), static_cast<int>(received));
+            close_and_reconnect(connection);
+            return NETWORK_ERR_FAILED;
+        }
+        ahead->start = 0;
+        ahead->end = static_cast<uint32_t>(received);
+    }
+    return hand_out_kept(connection, max_size);
+}
+
+uint64_t kept_ahead(const networkConnection* connection) {
+    const ReadAhead* ahead = connection != nullptr ? connection->read_ahead : nullptr;
+    return ahead != nullptr ? ahead->end - ahead->start : 0;
+}
+
 // A payload's bytes, as many as the socket holds up to max_size, in one
 // recv() straight into the receive queue: no stack buffer, no copy, and a
 // payload of megabytes takes a handful of loop rounds instead of one per
 // 4096 bytes. When the queue has no run of max_size free bytes, one
-// receive_data of at most NETWORK_RECEIVE_MAX instead.
+// receive_data of at most NETWORK_RECEIVE_MAX instead. Bytes receive_ahead
+// kept come first, without a recv().
 int64_t receive_payload(networkConnection* connection, int64_t max_size) {
     if (connection == nullptr || connection->protocol_state == nullptr ||
         connection->receive_queue == nullptr || max_size < 0) {
         return NETWORK_ERR_INCOMPLETE;
+    }
+    if (kept_ahead(connection) != 0) {
+        return hand_out_kept(connection, max_size);
     }
     Reception reception{connection->socket, false, 0};
     const int64_t received = DynamicBuffer.append_in_place(
@@ -512,4 +582,6 @@ const NetworkModule Network = {
     .unused_3 = empty_slot,
     .clean_retry_event = clean_retry_event,
     .receive_payload = receive_payload,
+    .receive_ahead = receive_ahead,
+    .kept_ahead = kept_ahead,
 };

@@ -86,6 +86,7 @@ struct networkConnection {
     networkConnectionConfig* config;
     void* user_data;  // the running layer's per-connection record; not owned
     EventDispatcher* dispatcher;
+    struct ReadAhead* read_ahead;  // owned; bytes receive_ahead read and not yet handed out
 };
 
 // The tool never calls is_initialized, deinit, the op port, graceful_close,
@@ -173,6 +174,16 @@ struct NetworkModule {
     // payload), else receive_data of at most NETWORK_RECEIVE_MAX. Same
     // results as receive_data; never ends the process.
     int64_t (*receive_payload)(networkConnection* connection, int64_t max_size);
+    // receive_data that reads ahead: when nothing read earlier is left, one
+    // recv() of up to NETWORK_RECEIVE_MAX bytes, of which the receive queue
+    // gets at most max_size; the rest is kept for the next calls (and
+    // receive_payload hands it out first). A small frame then costs one
+    // recv() instead of one per header part. The caller must go on while
+    // bytes are kept: the socket no longer says they are there. Same
+    // results as receive_data. A close or a new attempt drops what is kept.
+    int64_t (*receive_ahead)(networkConnection* connection, int64_t max_size);
+    // Bytes receive_ahead read and has not handed out yet.
+    uint64_t (*kept_ahead)(const networkConnection* connection);
 };
 
 extern const NetworkModule Network;

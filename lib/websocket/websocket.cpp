@@ -223,6 +223,29 @@ void destroy_peer_descriptor(websocketPeerDescriptor* descriptor) {
 
 // ---- sending ---------------------------------------------------------------
 
+// Builds one frame of `length` payload bytes and queues it. WS_OK, also
+// when the connection no longer takes it (the layer above learns that from
+// its own events); WS_ERR_MEMORY when the frame cannot be built.
+int queue_frame(networkConnection* connection, const uint8_t* payload, uint64_t length,
+                uint8_t opcode, bool masked) {
+    uint64_t frame_length = 0;
+    uint8_t* frame = websocket_build_frame(payload, length, opcode, true, masked, &frame_length);
+    if (frame == nullptr) {
+        Logger.error("Error while trying to send websocket data");
+        return WS_ERR_MEMORY;
+    }
+    Logger.debug("Sending a frame: opcode %u, %d bytes%s", opcode, static_cast<int>(length),
+                 masked ? ", masked" : "");
+    const int queued = Network.send(connection, frame, frame_length);
+    free(frame);
+    if (queued != NETWORK_OK) {
+        Logger.error("Unable to queue websocket data");
+        return WS_OK;
+    }
+    Logger.trace("Websocket data sent");
+    return WS_OK;
+}
+
 // Serialises and queues `value` as one frame; always frees `value`.
 int send_data(networkConnection* connection, JsonValue* value, int data_type, bool masked) {
     if (value == nullptr) {
@@ -266,25 +289,24 @@ int send_data(networkConnection* connection, JsonValue* value, int data_type, bo
                          data_type);
             return WS_ERR_DATA_TYPE;
     }
-    uint64_t frame_length = 0;
-    uint8_t* frame =
-        websocket_build_frame(reinterpret_cast<const uint8_t*>(text), static_cast<uint64_t>(length),
-                              opcode, true, masked, &frame_length);
-    if (frame == nullptr) {
-        Logger.error("Error while trying to send websocket data");
-        return WS_ERR_MEMORY;
+    return queue_frame(connection, reinterpret_cast<const uint8_t*>(text),
+                       static_cast<uint64_t>(length), opcode, masked);
+}
+
+// Queues `text` as one text frame: the serialised form of a value that
+// send_data would have sent.
+int send_text(networkConnection* connection, const char* text, uint64_t length, bool masked) {
+    if (connection == nullptr || text == nullptr || length >= WS_SEND_BUFFER_SIZE) {
+        Logger.error("Unable to send websocket text: missing connection or text, or too long");
+        return WS_ERR_REFUSED;
     }
-    Logger.debug("Sending a frame: opcode %u, %d bytes%s", opcode, length,
-                 masked ? ", masked" : "");
-    const int queued = Network.send(connection, frame, frame_length);
-    free(frame);
-    if (queued != NETWORK_OK) {
-        // Not connected (any more): the layer above learns it from its own events.
-        Logger.error("Unable to queue websocket data");
+    if (length == 0) {
+        Logger.trace("Serialized buffer length is 0. Unable to send websocket data");
         return WS_OK;
     }
-    Logger.trace("Websocket data sent");
-    return WS_OK;
+    Logger.trace("Sending a websocket text frame");
+    return queue_frame(connection, reinterpret_cast<const uint8_t*>(text), length, WS_OPCODE_TEXT,
+                       masked);
 }
 
 // The pong carries "{}" rather than the ping's payload, unmasked.
@@ -732,4 +754,5 @@ const WebSocketModule WebSocket = {
     .destroy_peer_descriptor = destroy_peer_descriptor,
     .send_data = send_data,
     .read_frame_bulk = read_frame_bulk,
+    .send_text = send_text,
 };

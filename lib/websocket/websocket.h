@@ -117,6 +117,11 @@ struct WebSocketModule {
                            bool require_mask, WebSocketReadFunction read,
                            WebSocketReadFunction read_payload, DisconnectCallback on_disconnect,
                            MessageCallback on_message);
+    // send_data of a value already serialised: `length` bytes of `text`
+    // queued as one text frame, without building and serialising a value.
+    // WS_OK sent (or nothing to send); WS_ERR_REFUSED missing argument or
+    // over 15000 bytes; WS_ERR_MEMORY.
+    int (*send_text)(networkConnection* connection, const char* text, uint64_t length, bool masked);
 };
 
 extern const WebSocketModule WebSocket;

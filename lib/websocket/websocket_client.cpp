@@ -60,18 +60,32 @@ void close_websocket_connection(networkConnection* connection) {
 
 // ---- framing state ---------------------------------------------------------
 
-// Framing read callback: one frame per readable event; -1 drops the socket.
+// Whether the connection still runs `state` with its descriptor: callbacks
+// may close it (the state and the descriptor are then freed).
+bool still_framing(const networkConnection* connection, const ProtocolState* state) {
+    return connection->protocol_state == state && connection->user_data != nullptr &&
+           connection->state == NETWORK_CONNECTED;
+}
+
+// Framing read callback: reads ahead up to 4096 bytes, so a small frame takes
+// one recv(), and goes on while bytes read ahead are left (the socket no
+// longer signals them); each round hands out at least one of them, and a
+// close drops them. -1 drops the socket.
 void framing_read(evutil_socket_t /*fd*/, short /*events*/, void* argument) {
     auto* connection = static_cast<networkConnection*>(argument);
     if (connection == nullptr) {
         return;
     }
-    const WebSocketCallbacks& callbacks = callbacks_of(connection);
-    if (WebSocket.read_frame_bulk(connection, descriptor_of(connection), false,
-                                  Network.receive_data, Network.receive_payload,
-                                  callbacks.on_disconnect, callbacks.on_message) < 0) {
-        Network.close_connection(connection);
-    }
+    const ProtocolState* state = connection->protocol_state;
+    do {
+        const WebSocketCallbacks& callbacks = callbacks_of(connection);
+        if (WebSocket.read_frame_bulk(connection, descriptor_of(connection), false,
+                                      Network.receive_ahead, Network.receive_payload,
+                                      callbacks.on_disconnect, callbacks.on_message) < 0) {
+            Network.close_connection(connection);
+            return;
+        }
+    } while (still_framing(connection, state) && Network.kept_ahead(connection) != 0);
 }
 
 // Framing setup: starts from a clean header and an empty receive queue, so
@@ -267,6 +281,10 @@ int client_send(networkConnection* connection, JsonValue* value) {
     return WebSocket.send_data(connection, value, WS_DATA_TEXT, true);
 }
 
+int client_send_text(networkConnection* connection, const char* text, uint64_t length) {
+    return WebSocket.send_text(connection, text, length, true);
+}
+
 }  // namespace
 
 const WebSocketClientModule WebSocketClient = {
@@ -275,4 +293,5 @@ const WebSocketClientModule WebSocketClient = {
     .set_callbacks = set_callbacks,
     .send = client_send,
     .close_websocket_connection = close_websocket_connection,
+    .send_text = client_send_text,
 };

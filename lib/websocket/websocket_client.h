@@ -36,6 +36,9 @@ struct WebSocketClientModule {
     // Frees the connection's protocol state and peer descriptor, then
     // Network.close_connection.
     void (*close_websocket_connection)(networkConnection* connection);
+    // `send` of a value already serialised into `text` (length bytes): one
+    // masked text frame. Results of WebSocket.send_text.
+    int (*send_text)(networkConnection* connection, const char* text, uint64_t length);
 };
 
 extern const WebSocketClientModule WebSocketClient;

@@ -45,6 +45,7 @@ TEST_F(CallbackEventTest, DeliveriesRunFromTheLoopOncePerSubscriber) {
     CallbackEvent.subscribe(dispatcher, 3, first);  // twice: two deliveries
     CallbackEvent.subscribe(dispatcher, 4, first);
     CallbackEvent.notify(dispatcher, 3, &payload);
+    CallbackEvent.notify(dispatcher, 5, &payload);                      // nobody ever subscribed
     EXPECT_EQ(CallbackEvent.subscribe(dispatcher, 8, first), nullptr);  // out of range
     EXPECT_TRUE(calls.empty()) << "a subscriber ran inside notify";
     event_base_dispatch(base);

@@ -76,3 +76,18 @@ TEST(IpcClient, EventsKeepTheQueueAndEvictionRaises47Then46) {
 }
 
 }  // namespace
+
+namespace {
+
+// The announcement leaves as a constant text, not as a serialised value: it
+// must be the very bytes the serialiser would write.
+TEST(IpcClient, AnnouncementIsTheSerialisedValue) {
+    JsonValue* value = json_parse("{\"command\": \"connection\", \"id\": 17}");
+    ASSERT_NE(value, nullptr);
+    char text[64] = {};
+    EXPECT_GT(json_serialize(value, text, sizeof text), 0);
+    EXPECT_STREQ(text, IPC_ANNOUNCEMENT_WIRE);
+    json_free_value(value);
+}
+
+}  // namespace
