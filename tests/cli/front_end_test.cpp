@@ -127,6 +127,21 @@ TEST(JsonText, EscapesQuotesBackslashesAndControlsAnywhereAndReplacesBadBytes) {
     }
 }
 
+// Every length around the 16-byte blocks, each special byte at every place:
+// the plain run ends right before it (short texts and last blocks included).
+TEST(JsonText, PlainPrefixEndsAtTheFirstSpecialByteWhateverTheLength) {
+    for (size_t length = 0; length <= 40; length++) {
+        EXPECT_EQ(json_plain_prefix(std::string(length, 'x')), length);
+        for (const char special : {'"', '\\', '\x1f', '\0', '\x80'}) {
+            for (size_t at = 0; at < length; at++) {
+                std::string text(length, 'x');
+                text[at] = special;
+                EXPECT_EQ(json_plain_prefix(text), at) << length << " " << at;
+            }
+        }
+    }
+}
+
 // A "data" object holding `elements` as its "tenants" list.
 JsonValue* listing(const std::string& elements) {
     return json_parse(("{\"tenants\": [" + elements + "]}").c_str());
