@@ -104,6 +104,21 @@ TEST(TerminalText, EscapesControlsAndOverridesOnly) {
     EXPECT_EQ(message.shown(), "'a\\x0ab' r");
 }
 
+// Every length around the 16-byte blocks, a control at every place: it is
+// escaped where it lies (short texts and last blocks included).
+TEST(TerminalSafe, EscapesAControlAtEveryPlaceWhateverTheLength) {
+    for (size_t length = 1; length <= 40; length++) {
+        for (size_t at = 0; at < length; at++) {
+            std::string text(length, 'x');
+            text[at] = '\x7f';
+            std::string shown;
+            append_terminal_safe(shown, text);
+            EXPECT_EQ(shown, std::string(at, 'x') + "\\x7f" + std::string(length - at - 1, 'x'))
+                << length << " " << at;
+        }
+    }
+}
+
 TEST(JsonText, EscapesQuotesBackslashesAndControlsAnywhereAndReplacesBadBytes) {
     const struct {
         std::string_view text;
