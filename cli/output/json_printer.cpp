@@ -81,16 +81,27 @@ public:
     }
     // `"key": ` after a first member, `, "key": ` after the others.
     void key(std::string_view name) {
-        add(first_member_ ? "\"" : ", \"");
-        add(name);
-        add("\": ");
+        const std::string_view lead = first_member_ ? "\"" : ", \"";
+        room(lead.size() + name.size() + 3);
+        copy(lead);
+        copy(name);
+        copy("\": ");
         first_member_ = false;
     }
+    // A text with nothing to escape is copied at once, the rest part by part.
     void text(std::string_view name, const std::optional<std::string_view>& value) {
-        if (value) {
-            key(name);
-            write_json_string(*value, [this](std::string_view part) { add(part); });
+        if (!value) {
+            return;
         }
+        key(name);
+        if (json_plain_prefix(*value) == value->size()) {
+            room(value->size() + 2);
+            data_[size_++] = '"';
+            copy(*value);
+            data_[size_++] = '"';
+            return;
+        }
+        write_json_string(*value, [this](std::string_view part) { add(part); });
     }
     void number(std::string_view name, int value) {
         char digits[16];
@@ -112,6 +123,20 @@ private:
     size_t services_ = 0;
     bool first_member_ = true;
 
+    // At least `more` bytes free after the text.
+    void room(size_t more) {
+        if (capacity_ - size_ < more) {
+            grow(more);
+        }
+    }
+    // Appends `part` into room already made (an empty view may have no data).
+    void copy(std::string_view part) {
+        if (part.empty()) {
+            return;
+        }
+        memcpy(data_ + size_, part.data(), part.size());
+        size_ += part.size();
+    }
     void grow(size_t more) {
         const size_t wanted = std::max(size_ + more, std::max<size_t>(2 * capacity_, 65536));
         auto* grown = static_cast<char*>(realloc(data_, wanted));

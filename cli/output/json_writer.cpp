@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstdio>
+#include <cstring>
 #include <new>
 
 #ifdef __SSE2__
@@ -33,26 +34,48 @@ void append_string(std::string& out, const char* text) {
 
 }  // namespace
 
-// 16 bytes at a time where there are that many, then one at a time.
+#ifdef __SSE2__
+// Bits of the 16 bytes at `at` that a JSON string cannot hold as they are.
+static unsigned special_mask(const char* at) noexcept {
+    const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(at));
+    const __m128i control = _mm_cmpeq_epi8(_mm_min_epu8(bytes, _mm_set1_epi8(0x1F)), bytes);
+    const __m128i quote = _mm_cmpeq_epi8(bytes, _mm_set1_epi8('"'));
+    const __m128i backslash = _mm_cmpeq_epi8(bytes, _mm_set1_epi8('\\'));
+    const __m128i special = _mm_or_si128(control, _mm_or_si128(quote, backslash));
+    return static_cast<unsigned>(_mm_movemask_epi8(special) | _mm_movemask_epi8(bytes));
+}
+#endif
+
+// 16 bytes at a time; the last bytes as the end of one block that overlaps
+// those already seen, a text shorter than a block as a copy padded with
+// plain bytes (most of a listing's texts are short and plain).
 size_t json_plain_prefix(std::string_view text) noexcept {
     size_t i = 0;
 #ifdef __SSE2__
     for (; i + 16 <= text.size(); i += 16) {
-        const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(text.data() + i));
-        const __m128i control = _mm_cmpeq_epi8(_mm_min_epu8(bytes, _mm_set1_epi8(0x1F)), bytes);
-        const __m128i quote = _mm_cmpeq_epi8(bytes, _mm_set1_epi8('"'));
-        const __m128i backslash = _mm_cmpeq_epi8(bytes, _mm_set1_epi8('\\'));
-        const __m128i special = _mm_or_si128(control, _mm_or_si128(quote, backslash));
-        const int mask = _mm_movemask_epi8(special) | _mm_movemask_epi8(bytes);
-        if (mask != 0) {
-            return i + static_cast<size_t>(__builtin_ctz(static_cast<unsigned>(mask)));
+        if (const unsigned mask = special_mask(text.data() + i); mask != 0) {
+            return i + static_cast<size_t>(__builtin_ctz(mask));
         }
     }
-#endif
+    if (i == text.size()) {
+        return i;
+    }
+    if (text.size() >= 16) {
+        const size_t start = text.size() - 16;
+        const unsigned mask = special_mask(text.data() + start) >> (i - start);
+        return mask == 0 ? text.size() : i + static_cast<size_t>(__builtin_ctz(mask));
+    }
+    char block[16];
+    memset(block, 'a', sizeof block);
+    memcpy(block, text.data(), text.size());
+    const unsigned mask = special_mask(block);
+    return mask == 0 ? text.size() : static_cast<size_t>(__builtin_ctz(mask));
+#else
     while (i < text.size() && !JSON_SPECIAL[static_cast<unsigned char>(text[i])]) {
         i++;
     }
     return i;
+#endif
 }
 
 size_t json_non_ascii(std::string_view text, std::string_view* valid) noexcept {

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstdio>
+#include <cstring>
 
 #ifdef __SSE2__
 #include <emmintrin.h>
@@ -67,11 +68,21 @@ size_t next_may_escape(std::string_view text, size_t from) {
         const unsigned mask = may_escape_mask(text.data() + start) >> (i - start);
         return mask == 0 ? text.size() : i + static_cast<size_t>(__builtin_ctz(mask));
     }
-#endif
+    // A text shorter than a block, as a copy padded with plain bytes.
+    if (i < text.size()) {
+        char block[16];
+        memset(block, 'a', sizeof block);
+        memcpy(block, text.data() + i, text.size() - i);
+        const unsigned mask = may_escape_mask(block);
+        return mask == 0 ? text.size() : i + static_cast<size_t>(__builtin_ctz(mask));
+    }
+    return i;
+#else
     while (i < text.size() && !MAY_ESCAPE[static_cast<unsigned char>(text[i])]) {
         i++;
     }
     return i;
+#endif
 }
 
 }  // namespace

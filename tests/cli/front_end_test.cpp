@@ -104,6 +104,21 @@ TEST(TerminalText, EscapesControlsAndOverridesOnly) {
     EXPECT_EQ(message.shown(), "'a\\x0ab' r");
 }
 
+// Every length around the 16-byte blocks, a control at every place: it is
+// escaped where it lies (short texts and last blocks included).
+TEST(TerminalSafe, EscapesAControlAtEveryPlaceWhateverTheLength) {
+    for (size_t length = 1; length <= 40; length++) {
+        for (size_t at = 0; at < length; at++) {
+            std::string text(length, 'x');
+            text[at] = '\x7f';
+            std::string shown;
+            append_terminal_safe(shown, text);
+            EXPECT_EQ(shown, std::string(at, 'x') + "\\x7f" + std::string(length - at - 1, 'x'))
+                << length << " " << at;
+        }
+    }
+}
+
 TEST(JsonText, EscapesQuotesBackslashesAndControlsAnywhereAndReplacesBadBytes) {
     const struct {
         std::string_view text;
@@ -124,6 +139,21 @@ TEST(JsonText, EscapesQuotesBackslashesAndControlsAnywhereAndReplacesBadBytes) {
         std::string written;
         write_json_string(c.text, [&](std::string_view part) { written += part; });
         EXPECT_EQ(written, c.written) << c.text;
+    }
+}
+
+// Every length around the 16-byte blocks, each special byte at every place:
+// the plain run ends right before it (short texts and last blocks included).
+TEST(JsonText, PlainPrefixEndsAtTheFirstSpecialByteWhateverTheLength) {
+    for (size_t length = 0; length <= 40; length++) {
+        EXPECT_EQ(json_plain_prefix(std::string(length, 'x')), length);
+        for (const char special : {'"', '\\', '\x1f', '\0', '\x80'}) {
+            for (size_t at = 0; at < length; at++) {
+                std::string text(length, 'x');
+                text[at] = special;
+                EXPECT_EQ(json_plain_prefix(text), at) << length << " " << at;
+            }
+        }
     }
 }
 
