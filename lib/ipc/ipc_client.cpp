@@ -11,6 +11,7 @@
 #include "core/logger.h"
 #include "core/no_throw.h"
 #include "core/owned.h"
+#include "core/random_bytes.h"
 #include "websocket/websocket_client.h"
 
 namespace {
@@ -90,7 +91,7 @@ int execute_command(networkConnection* connection, IpcClientConfig* config) {
         Logger.fatal("IPC client command execution callback is NULL. This should not happen");
         return IPC_ERR_FAILED;
     }
-    command->id = rand() % IPC_ID_RANGE;
+    command->id = Random.next() % IPC_ID_RANGE;
     JsonPtr request(json_create_json_object());
     if (request == nullptr || json_add_string_child(request.get(), "command", command->name) != 0 ||
         json_add_int_child(request.get(), "id", command->id) != 0) {

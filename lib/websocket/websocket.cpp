@@ -15,6 +15,7 @@
 #include "core/logger.h"
 #include "core/no_throw.h"
 #include "core/owned.h"
+#include "core/random_bytes.h"
 #include "websocket/crypto.h"
 
 namespace {
@@ -699,7 +700,7 @@ uint8_t* websocket_build_frame(const uint8_t* payload, uint64_t length, uint8_t 
             Logger.error("Error while computing websocket mask in frame");
         }
         if (key_at != 0) {
-            const uint32_t key = static_cast<uint32_t>(rand()) % 0xffffffffu;
+            const uint32_t key = static_cast<uint32_t>(Random.next()) % 0xffffffffu;
             const uint32_t wire = ByteOrder.host_to_network_32(key);
             memcpy(header + key_at, &wire, sizeof wire);
         }

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "core/random_bytes.h"
 #include "ws_test_support.h"
 
 namespace {
@@ -185,12 +186,12 @@ class BuilderLayout : public ::testing::TestWithParam<Layout> {};
 TEST_P(BuilderLayout, KeyPlacedByLowByteOfLengthAndFrameParses) {
     const auto [length, header_size, code, key_kind] = GetParam();
     const std::string payload = pattern(length);
-    srand(1234);
-    const auto random = static_cast<uint32_t>(rand());
+    Random.seed(1234);
+    const auto random = static_cast<uint32_t>(Random.next());
     const uint8_t k[4] = {uint8_t(random >> 24), uint8_t(random >> 16), uint8_t(random >> 8),
                           uint8_t(random)};
     const uint8_t keys[3][4] = {{k[0], k[1], k[2], k[3]}, {k[2], k[3], 0, 0}, {0, 0, 0, 0}};
-    srand(1234);
+    Random.seed(1234);
     uint64_t size = 0;
     uint8_t* frame = websocket_build_frame(reinterpret_cast<const uint8_t*>(payload.data()), length,
                                            WS_OPCODE_BINARY, true, true, &size);
