@@ -29,7 +29,7 @@ enum ProxyKey { kAddress, kType, kProxyEnabled };
 
 // Byte classes: what may stand in a plain key, in a plain scalar, in a JSON
 // string. Everything outside printable ASCII is in none of them.
-enum : uint8_t { kWordByte = 1, kKeyByte = 2, kPlainByte = 4, kJsonByte = 8 };
+enum : uint8_t { kWordByte = 1, kKeyByte = 2, kPlainByte = 4, kJsonByte = 8, kQuietByte = 16 };
 constexpr std::array<uint8_t, 256> kByteClasses = [] {
     std::array<uint8_t, 256> classes{};
     for (int c = 0x20; c < 0x7f; c++) {
@@ -38,13 +38,29 @@ constexpr std::array<uint8_t, 256> kByteClasses = [] {
         const bool flow = c == '#' || c == '\'' || c == '"' || c == ',' || c == '[' || c == ']' ||
                           c == '{' || c == '}';
         classes[c] = (word ? kWordByte : 0) | (word || c == '-' || c == ' ' ? kKeyByte : 0) |
-                     (flow ? 0 : kPlainByte) | (c == '"' || c == '\\' ? 0 : kJsonByte);
+                     (flow ? 0 : kPlainByte) | (c == '"' || c == '\\' ? 0 : kJsonByte) |
+                     (flow || c == ' ' || c == ':' ? 0 : kQuietByte);
     }
     return classes;
 }();
 
 bool is_a(char c, uint8_t byte_class) {
     return (kByteClasses[static_cast<unsigned char>(c)] & byte_class) != 0;
+}
+
+constexpr uint64_t kOnes = 0x0101010101010101ull;
+constexpr uint64_t kHighs = 0x8080808080808080ull;
+
+// The high bit of each byte of `word` that is zero.
+uint64_t zero_bytes(uint64_t word) {
+    return (word - kOnes) & ~word & kHighs;
+}
+
+// The high bit of each byte of `word` outside printable ASCII; the lowest
+// flagged byte is a true one (borrows only run upwards).
+uint64_t unprintable_bytes(uint64_t word) {
+    return (word & kHighs) | ((word - kOnes * 0x20) & ~word & kHighs) |
+           zero_bytes(word ^ (kOnes * 0x7f));
 }
 
 // A scalar as the full reader sees it: its text and whether it was plain.
@@ -238,6 +254,17 @@ public:
             return false;
         }
         const size_t start = pos_;
+        // Eight bytes a step while none is a quote, a backslash or unprintable.
+        for (; pos_ + 8 <= text_.size(); pos_ += 8) {
+            uint64_t word;
+            memcpy(&word, text_.data() + pos_, 8);
+            const uint64_t stop = unprintable_bytes(word) | zero_bytes(word ^ (kOnes * '"')) |
+                                  zero_bytes(word ^ (kOnes * '\\'));
+            if (stop != 0) {
+                pos_ += static_cast<size_t>(__builtin_ctzll(stop) >> 3);
+                break;
+            }
+        }
         for (; pos_ < text_.size(); pos_++) {
             if (!is_a(text_[pos_], kJsonByte)) {
                 if (text_[pos_] != '"') {
@@ -403,16 +430,11 @@ struct Line {
 // when it holds a byte outside printable ASCII: tabs, CR and UTF-8 are the
 // full reader's. Eight bytes a step while none is special.
 size_t line_end(std::string_view text, size_t pos) {
-    constexpr uint64_t kOnes = 0x0101010101010101ull;
-    constexpr uint64_t kHighs = 0x8080808080808080ull;
     for (; pos + 8 <= text.size(); pos += 8) {
         uint64_t word;
         memcpy(&word, text.data() + pos, 8);
-        const uint64_t del = word ^ (kOnes * 0x7f);
-        const uint64_t special = (word & kHighs) | ((word - kOnes * 0x20) & ~word & kHighs) |
-                                 ((del - kOnes) & ~del & kHighs);
+        const uint64_t special = unprintable_bytes(word);
         if (special != 0) {
-            // The lowest flagged byte is a true one: borrows only run upwards.
             const size_t at = pos + static_cast<size_t>(__builtin_ctzll(special) >> 3);
             return text[at] == '\n' ? at : std::string_view::npos;
         }
@@ -439,6 +461,15 @@ public:
                 return false;
             }
             size_t indent = pos_;
+            uint64_t word;
+            // Eight spaces a step: the indentation is mostly shorter.
+            while (indent + 8 <= end &&
+                   (memcpy(&word, text_.data() + indent, 8), word == kOnes * ' ')) {
+                indent += 8;
+            }
+            if (indent + 8 <= end) {
+                indent += static_cast<size_t>(__builtin_ctzll(word ^ (kOnes * ' ')) >> 3);
+            }
             while (indent < end && text_[indent] == ' ') {
                 indent++;
             }
@@ -535,6 +566,9 @@ bool yaml_plain(std::string_view rest, Scalar* out) {
     size_t end = 0;
     for (; end < rest.size(); end++) {
         const char c = rest[end];
+        if (is_a(c, kQuietByte)) {
+            continue;
+        }
         if (c == ' ' && end + 1 < rest.size() && rest[end + 1] == '#') {
             break;
         }
