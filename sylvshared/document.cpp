@@ -871,7 +871,7 @@ void release(Document* document) {
     }
 }
 
-size_t utf8_cut(std::string_view text, size_t limit) {
+size_t utf8_cut(std::string_view text, size_t limit) noexcept {
     if (text.size() <= limit) {
         return text.size();
     }

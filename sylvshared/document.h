@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "sylvshared/json.h"
+#include "sylvshared/tenants.h"
 
 namespace sylvshared {
 
@@ -99,9 +100,6 @@ void release(Document* document);
 // parse time, so there is one).
 const Node* find_member(const Node* object, const char* key);
 
-// Length of text cut to at most limit bytes without splitting a UTF-8
-// sequence, so the cut text stays valid.
-size_t utf8_cut(std::string_view text, size_t limit);
 // The node a handle views, or null for a built value (json.cpp).
 const Node* parsed_node(const JsonValue* value);
 

@@ -13,6 +13,7 @@
 #include "cli/desired_state/render.h"
 #include "cli/output/output.h"
 #include "cli/output/printers.h"
+#include "sylvshared/tenants.h"
 
 namespace {
 
@@ -50,7 +51,7 @@ public:
     // An untrusted field, cut to `limit` bytes (0: whole) and escaped.
     void field(std::string_view value, size_t limit = 0) {
         if (limit != 0) {
-            value = value.substr(0, utf8_prefix(value, limit));
+            value = value.substr(0, sylvshared::utf8_cut(value, limit));
         }
         if (terminal_safe_as_is(value)) {
             text(value);
@@ -91,7 +92,7 @@ std::string_view or_empty(const std::optional<std::string_view>& text) {
 }
 
 const char* listed_status(std::string_view status) {
-    status = status.substr(0, utf8_prefix(status, STATUS_LIMIT));
+    status = status.substr(0, sylvshared::utf8_cut(status, STATUS_LIMIT));
     if (status == "connected") {
         return "Enabled";
     }

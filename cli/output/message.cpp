@@ -10,6 +10,8 @@
 #include <emmintrin.h>
 #endif
 
+#include "sylvshared/tenants.h"
+
 namespace {
 
 void append_escape(std::string& out, const char* form, unsigned value) {
@@ -120,17 +122,6 @@ void append_terminal_safe(std::string& out, std::string_view text) {
     out.append(text.data() + run, text.size() - run);
 }
 
-size_t utf8_prefix(std::string_view text, size_t limit) {
-    if (text.size() <= limit) {
-        return text.size();
-    }
-    size_t cut = limit;
-    while (cut > 0 && (static_cast<unsigned char>(text[cut]) & 0xC0) == 0x80) {
-        --cut;
-    }
-    return cut;
-}
-
 Message& Message::say(std::string_view text) {
     raw_ += text;
     shown_ += text;
@@ -139,7 +130,8 @@ Message& Message::say(std::string_view text) {
 
 Message& Message::quote(std::string_view word, size_t limit) {
     raw_ += word;
-    append_terminal_safe(shown_, limit == 0 ? word : word.substr(0, utf8_prefix(word, limit)));
+    append_terminal_safe(shown_,
+                         limit == 0 ? word : word.substr(0, sylvshared::utf8_cut(word, limit)));
     return *this;
 }
 

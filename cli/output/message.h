@@ -20,10 +20,6 @@ void append_terminal_safe(std::string& out, std::string_view text);
 // may need escaping).
 bool terminal_safe_as_is(std::string_view text);
 
-// Length of `text` cut to at most `limit` bytes without splitting a UTF-8
-// sequence.
-size_t utf8_prefix(std::string_view text, size_t limit);
-
 class Message {
 public:
     Message() = default;

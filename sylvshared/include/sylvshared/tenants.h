@@ -87,4 +87,9 @@ int walk_tenants(const JsonValue* data, Visit&& visit) noexcept {
 // size is 0.
 int copy_field(const TenantText& field, char* buffer, size_t size) noexcept;
 
+// Length of text cut to at most limit bytes without splitting a UTF-8
+// sequence (the cut of copy_field and the string getters), so the cut text
+// stays valid.
+size_t utf8_cut(std::string_view text, size_t limit) noexcept;
+
 }  // namespace sylvshared
