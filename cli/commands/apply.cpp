@@ -198,15 +198,21 @@ int64_t step_seconds(const Change& change) {
     return command_row(single).timeout_seconds;
 }
 
-// The add_tenant record of a create: the file's target and virtual port
-// (the target's port when the file gives none), its clear services and
-// the run's key.
-void* create_record(const DesiredService& service) {
+// The edit_tenant record of an update: the file's target and virtual port
+// (the target's port when the file gives none).
+ServiceRequest* update_record(const DesiredService& service) {
     ServiceRequest* request = &service_request;
     snprintf(request->name, sizeof request->name, "%s", service.name.c_str());
     snprintf(request->ip_address, sizeof request->ip_address, "%s", service.target.address.c_str());
     request->port = service.target.port;
     request->virtual_port = service.effective_virtual_port();
+    return request;
+}
+
+// The add_tenant record of a create: the update's fields, the file's clear
+// services and the run's key.
+void* create_record(const DesiredService& service) {
+    ServiceRequest* request = update_record(service);
     snprintf(request->api_key, sizeof request->api_key, "%s", applying_state.key);
     request->clear_services = LinkedList.create(nullptr);
     if (request->clear_services == nullptr) {
@@ -219,15 +225,6 @@ void* create_record(const DesiredService& service) {
             finish(Outcome::fail(Failure::internal, OUT_OF_MEMORY));
         }
     }
-    return request;
-}
-
-void* update_record(const DesiredService& service) {
-    ServiceRequest* request = &service_request;
-    snprintf(request->name, sizeof request->name, "%s", service.name.c_str());
-    snprintf(request->ip_address, sizeof request->ip_address, "%s", service.target.address.c_str());
-    request->port = service.target.port;
-    request->virtual_port = service.effective_virtual_port();
     return request;
 }
 
