@@ -177,13 +177,30 @@ void set_user_data(networkConnection* connection, void* user_data) {
     }
 }
 
+// The address as inet_ntoa writes it, without its printf: the log lines that
+// name it evaluate it even when they are off. The text lives in a static
+// buffer until the next call.
 const char* get_ip(networkConnection* connection) {
     if (connection == nullptr) {
         Logger.warn(
             "Unable to retrieve ip address for specified networkConnection. Not Initialized");
         return nullptr;
     }
-    return inet_ntoa(connection->address.sin_addr);
+    static char text[sizeof "255.255.255.255"];
+    const uint32_t address = ntohl(connection->address.sin_addr.s_addr);
+    char* out = text;
+    for (int shift = 24; shift >= 0; shift -= 8) {
+        const unsigned octet = (address >> shift) & 0xff;
+        if (octet >= 100) {
+            *out++ = static_cast<char>('0' + octet / 100);
+        }
+        if (octet >= 10) {
+            *out++ = static_cast<char>('0' + octet / 10 % 10);
+        }
+        *out++ = static_cast<char>('0' + octet % 10);
+        *out++ = shift != 0 ? '.' : '\0';
+    }
+    return text;
 }
 
 uint16_t get_port(networkConnection* connection) {

@@ -120,7 +120,8 @@ struct NetworkModule {
     // attempt that cannot start (no socket, no event) goes through the retry
     // policy too; the connection stays its caller's.
     void (*perform_connection)(networkConnection* connection);
-    // inet_ntoa of the address (static buffer), or null when missing.
+    // The address in dotted decimal, as inet_ntoa writes it (static buffer),
+    // or null when missing.
     const char* (*get_ip)(networkConnection* connection);
     // Port in host order, or 0 when missing.
     uint16_t (*get_port)(networkConnection* connection);

@@ -295,6 +295,18 @@ TEST_F(NetworkTest, HardSendErrorDropsTheConnectionThroughTheRetryPolicy) {
     EXPECT_EQ(connection->state, NETWORK_CLOSED);
 }
 
+// The log lines name the peer with get_ip, whose own digits must read as
+// inet_ntoa's: one, two and three-digit octets, zeros inside and at the ends.
+TEST(NetworkAddressTest, NamedAsInetNtoaNamesIt) {
+    for (const char* address :
+         {"127.0.0.1", "0.0.0.0", "255.255.255.255", "10.100.9.200", "192.168.1.10", "1.20.0.99"}) {
+        networkConnection connection{};
+        connection.address.sin_addr.s_addr = inet_addr(address);
+        EXPECT_STREQ(Network.get_ip(&connection), inet_ntoa(connection.address.sin_addr))
+            << address;
+    }
+}
+
 // Runs in the death-test child: its own base, a connection, an oversized read.
 void receive_too_much() {
     Network.init();
