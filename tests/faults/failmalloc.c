@@ -6,7 +6,7 @@
 // operator new, which calls malloc, is counted through it. Counting starts
 // when main starts: the dynamic loader's and the C runtime's allocations
 // before it vary with the environment and are not the program's to handle.
-// SYLV_FAIL_COUNT=path writes the number of calls counted at exit.
+// SYLV_FAIL_COUNT=path writes the number of calls counted at exit or _exit.
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
@@ -24,9 +24,9 @@ typedef int (*MainFunction)(int, char**, char**);
 typedef int (*StartFunction)(MainFunction, int, char**, void (*)(void), void (*)(void),
                              void (*)(void), void*);
 
-static int armed;             // main has started
-static unsigned long calls;   // allocations counted since then
-static unsigned long fail_at; // the one to fail, 0 for none
+static int armed;              // main has started
+static unsigned long calls;    // allocations counted since then
+static unsigned long fail_at;  // the one to fail, 0 for none
 static MainFunction real_main;
 
 // Counts one allocation; true when it is the one to fail.
@@ -72,6 +72,15 @@ static void write_count(void) {
         dprintf(fd, "%lu\n", calls);
         close(fd);
     }
+}
+
+// The tool may end with _exit, which skips atexit: the count is written here too.
+void _exit(int status) {
+    write_count();
+    void (*next)(int);
+    *(void**)&next = dlsym(RTLD_NEXT, "_exit");
+    next(status);
+    __builtin_unreachable();
 }
 
 static int counted_main(int argc, char** argv, char** environment) {
