@@ -601,7 +601,7 @@ private:
     }
 
     // Bit masks of 64 bytes: backslashes, quotes, and bytes outside
-    // printable ASCII (controls and bytes from 0x80).
+    // printable ASCII (controls, DEL and bytes from 0x80).
     struct Marks {
         uint64_t backslashes;
         uint64_t quotes;
@@ -618,7 +618,8 @@ private:
         marks.backslashes |= bit(_mm_cmpeq_epi8(bytes, _mm_set1_epi8('\\')));
         marks.quotes |= bit(_mm_cmpeq_epi8(bytes, _mm_set1_epi8('"')));
         // Signed: below 0x20 also holds every byte from 0x80.
-        marks.odd |= bit(_mm_cmplt_epi8(bytes, _mm_set1_epi8(0x20)));
+        marks.odd |= bit(_mm_or_si128(_mm_cmplt_epi8(bytes, _mm_set1_epi8(0x20)),
+                                      _mm_cmpeq_epi8(bytes, _mm_set1_epi8(0x7F))));
     }
 #endif
 
@@ -635,7 +636,7 @@ private:
             const uint64_t bit = 1ULL << at;
             marks.backslashes |= in[at] == '\\' ? bit : 0;
             marks.quotes |= in[at] == '"' ? bit : 0;
-            marks.odd |= static_cast<signed char>(in[at]) < 0x20 ? bit : 0;
+            marks.odd |= static_cast<signed char>(in[at]) < 0x20 || in[at] == 0x7F ? bit : 0;
         }
 #endif
         return marks;

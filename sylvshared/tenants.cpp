@@ -532,7 +532,9 @@ Read read_string(const Node& item, Arena& arena, Arena& scratch, TenantFields& f
         fields = no_fields();
         // Another escape or byte would stop the plain reading anyway.
         if (item.quotes_only && PlainReader<true>(item.text, item.size).service(fields)) {
+            // Its strings end at the first backslash, in printable bytes.
             fields.without_nul = true;
+            fields.printable = true;
             return Read::service;
         }
         Node decoded = item;

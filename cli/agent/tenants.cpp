@@ -66,6 +66,7 @@ TenantView view_of(const sylvshared::TenantFields& fields) {
     view.port = fields.port.value;
     view.virtual_port = fields.virtual_port.value;
     view.ack = fields.ack;
+    view.printable = fields.printable;
     return view;
 }
 
