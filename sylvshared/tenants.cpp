@@ -411,12 +411,21 @@ private:
                 return false;
             }
             std::string_view key;
-            if (!string(&key) || !take(':')) {
+            if (!string(&key)) {
+                return false;
+            }
+            if (p_[0] == ':' && p_[1] == ' ') {  // as the agent writes it
+                p_ += 2;
+            } else if (!take(':')) {
                 return false;
             }
             skip_space();
             if (!member_value(target_of(key.data(), key.size(), fields))) {
                 return false;
+            }
+            if (p_[0] == ',' && p_[1] == ' ') {
+                p_ += 2;
+                continue;
             }
             skip_space();
             if (*p_ == ',') {
