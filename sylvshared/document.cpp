@@ -608,9 +608,20 @@ private:
         uint64_t odd;
     };
 
+    // Bits of the bytes outside printable ASCII among the 64 at `in`.
+    static uint64_t odd_bits(const char* in) {
+        uint64_t odd = 0;
+        for (int at = 0; at < 64; ++at) {
+            const bool outside = static_cast<signed char>(in[at]) < 0x20 || in[at] == 0x7F;
+            odd |= outside ? 1ULL << at : 0;
+        }
+        return odd;
+    }
+
 #ifdef __SSE2__
-    // Marks of the 16 bytes at `in`, shifted to `at`.
-    static void mark16(const char* in, int at, Marks& marks) {
+    // Backslashes and quotes of the 16 bytes at `in`, shifted to `at`; the
+    // bytes outside printable ASCII gathered into `odd`.
+    static void mark16(const char* in, int at, Marks& marks, __m128i& odd) {
         const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in));
         const auto bit = [at](__m128i set) {
             return static_cast<uint64_t>(static_cast<unsigned>(_mm_movemask_epi8(set))) << at;
@@ -618,26 +629,31 @@ private:
         marks.backslashes |= bit(_mm_cmpeq_epi8(bytes, _mm_set1_epi8('\\')));
         marks.quotes |= bit(_mm_cmpeq_epi8(bytes, _mm_set1_epi8('"')));
         // Signed: below 0x20 also holds every byte from 0x80.
-        marks.odd |= bit(_mm_or_si128(_mm_cmplt_epi8(bytes, _mm_set1_epi8(0x20)),
-                                      _mm_cmpeq_epi8(bytes, _mm_set1_epi8(0x7F))));
+        odd = _mm_or_si128(odd, _mm_or_si128(_mm_cmplt_epi8(bytes, _mm_set1_epi8(0x20)),
+                                             _mm_cmpeq_epi8(bytes, _mm_set1_epi8(0x7F))));
     }
 #endif
 
-    // Marks of the 64 readable bytes at `in`.
+    // Marks of the 64 readable bytes at `in`; where the odd bytes lie is
+    // only worked out when there are some.
     static Marks marks64(const char* in) {
         Marks marks{0, 0, 0};
 #ifdef __SSE2__
-        mark16(in, 0, marks);
-        mark16(in + 16, 16, marks);
-        mark16(in + 32, 32, marks);
-        mark16(in + 48, 48, marks);
+        __m128i odd = _mm_setzero_si128();
+        mark16(in, 0, marks, odd);
+        mark16(in + 16, 16, marks, odd);
+        mark16(in + 32, 32, marks, odd);
+        mark16(in + 48, 48, marks, odd);
+        if (_mm_movemask_epi8(odd) != 0) {
+            marks.odd = odd_bits(in);
+        }
 #else
         for (int at = 0; at < 64; ++at) {
             const uint64_t bit = 1ULL << at;
             marks.backslashes |= in[at] == '\\' ? bit : 0;
             marks.quotes |= in[at] == '"' ? bit : 0;
-            marks.odd |= static_cast<signed char>(in[at]) < 0x20 || in[at] == 0x7F ? bit : 0;
         }
+        marks.odd = odd_bits(in);
 #endif
         return marks;
     }
