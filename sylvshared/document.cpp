@@ -686,6 +686,9 @@ private:
                 const char* close = in + __builtin_ctzll(open);
                 return close < end_ ? close : nullptr;
             }
+            if (end_ - in <= 64) {
+                return nullptr;  // the text ends inside the string
+            }
             // A backslash last: its escaped byte opens the next step.
             in += marks.backslashes >> 63 != 0 ? 63 : 64;
         }

@@ -215,6 +215,9 @@ TEST(Json, InPlaceReadsAsParsedWhole) {
                 R"({"s":")" + std::string(offset, 'a') + bad + std::string(64, 'b') + "\"}";
             EXPECT_EQ(json_parse_in_place(text.c_str()), nullptr) << text;
         }
+        // Cut off after a backslash, wherever the text ends in its last step.
+        const std::string cut = R"({"s":")" + std::string(offset + 60, 'a') + "\\";
+        EXPECT_EQ(json_parse_in_place(cut.c_str()), nullptr) << cut;
     }
     for (const std::string& escape : escapes) {
         for (size_t offset = 0; offset < 70; ++offset) {
