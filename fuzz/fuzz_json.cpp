@@ -125,6 +125,11 @@ void check_element(const JsonListItem* item, sylvshared::TenantElement element,
         if (fields->without_nul && texts[i]->text.find('\0') != std::string_view::npos) {
             __builtin_trap();
         }
+        for (const char c : fields->printable ? texts[i]->text : std::string_view()) {
+            if (c < 0x20 || c >= 0x7F || c == '"' || c == '\\') {
+                __builtin_trap();  // shown unescaped, yet needs escaping
+            }
+        }
         for (const size_t size : kTextSizes) {
             char walked[256] = {};
             char got[256] = {};

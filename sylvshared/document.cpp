@@ -600,10 +600,104 @@ private:
 #endif
     }
 
+    // Bit masks of 64 bytes: backslashes, quotes, and bytes outside
+    // printable ASCII (controls, DEL and bytes from 0x80).
+    struct Marks {
+        uint64_t backslashes;
+        uint64_t quotes;
+        uint64_t odd;
+    };
+
+    // Bits of the bytes outside printable ASCII among the 64 at `in`.
+    static uint64_t odd_bits(const char* in) {
+        uint64_t odd = 0;
+        for (int at = 0; at < 64; ++at) {
+            const bool outside = static_cast<signed char>(in[at]) < 0x20 || in[at] == 0x7F;
+            odd |= outside ? 1ULL << at : 0;
+        }
+        return odd;
+    }
+
+#ifdef __SSE2__
+    // Backslashes and quotes of the 16 bytes at `in`, shifted to `at`; the
+    // bytes outside printable ASCII gathered into `odd`.
+    static void mark16(const char* in, int at, Marks& marks, __m128i& odd) {
+        const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in));
+        const auto bit = [at](__m128i set) {
+            return static_cast<uint64_t>(static_cast<unsigned>(_mm_movemask_epi8(set))) << at;
+        };
+        marks.backslashes |= bit(_mm_cmpeq_epi8(bytes, _mm_set1_epi8('\\')));
+        marks.quotes |= bit(_mm_cmpeq_epi8(bytes, _mm_set1_epi8('"')));
+        // Signed: below 0x20 also holds every byte from 0x80.
+        odd = _mm_or_si128(odd, _mm_or_si128(_mm_cmplt_epi8(bytes, _mm_set1_epi8(0x20)),
+                                             _mm_cmpeq_epi8(bytes, _mm_set1_epi8(0x7F))));
+    }
+#endif
+
+    // Marks of the 64 readable bytes at `in`; where the odd bytes lie is
+    // only worked out when there are some.
+    static Marks marks64(const char* in) {
+        Marks marks{0, 0, 0};
+#ifdef __SSE2__
+        __m128i odd = _mm_setzero_si128();
+        mark16(in, 0, marks, odd);
+        mark16(in + 16, 16, marks, odd);
+        mark16(in + 32, 32, marks, odd);
+        mark16(in + 48, 48, marks, odd);
+        if (_mm_movemask_epi8(odd) != 0) {
+            marks.odd = odd_bits(in);
+        }
+#else
+        for (int at = 0; at < 64; ++at) {
+            const uint64_t bit = 1ULL << at;
+            marks.backslashes |= in[at] == '\\' ? bit : 0;
+            marks.quotes |= in[at] == '"' ? bit : 0;
+        }
+        marks.odd = odd_bits(in);
+#endif
+        return marks;
+    }
+
+    // Marks of the bytes from `in` to end_ (fewer than 64), the rest read
+    // as quotes.
+    [[gnu::noinline]] Marks marks_near_end(const char* in) const {
+        char padded[64];
+        const auto size = static_cast<size_t>(end_ - in);
+        memcpy(padded, in, size);
+        memset(padded + size, '"', sizeof padded - size);
+        return marks64(padded);
+    }
+
+    // End of the string whose text starts at `in`, read 64 bytes a step
+    // while its only escapes are \" and its bytes printable ASCII (then
+    // *quotes_only stays true); the first other byte hands the rest to
+    // string_end_slow. Starts each step at a byte no backslash escapes.
+    const char* string_end(const char* in, bool* quotes_only) const {
+        for (;;) {
+            const Marks marks = end_ - in >= 64 ? marks64(in) : marks_near_end(in);
+            const uint64_t escaped = marks.backslashes << 1;
+            const uint64_t open = marks.quotes & ~escaped;
+            const uint64_t before = open != 0 ? (open & (0 - open)) - 1 : ~0ULL;
+            if ((((escaped & ~marks.quotes) | marks.odd) & before) != 0) {
+                *quotes_only = false;
+                return string_end_slow(in);
+            }
+            if (open != 0) {
+                const char* close = in + __builtin_ctzll(open);
+                return close < end_ ? close : nullptr;
+            }
+            if (end_ - in <= 64) {
+                return nullptr;  // the text ends inside the string
+            }
+            // A backslash last: its escaped byte opens the next step.
+            in += marks.backslashes >> 63 != 0 ? 63 : 64;
+        }
+    }
+
     // End of the string whose text starts at `in`: its closing quote, with
     // every escape checked; null when the string is not JSON. Bytes that
     // are not UTF-8 are left for decoding to replace.
-    const char* string_end(const char* in) const {
+    const char* string_end_slow(const char* in) const {
         for (;;) {
             if (end_ - in >= 16) {
                 const unsigned at = special_or_quoted(in);
@@ -632,7 +726,8 @@ private:
     // A string at p_ kept where it lies when long (see Node::escaped),
     // decoded as usual when short.
     bool long_string(Node& out) {
-        const char* close = string_end(p_ + 1);
+        bool quotes_only = true;
+        const char* close = string_end(p_ + 1, &quotes_only);
         if (close == nullptr) {
             return false;
         }
@@ -641,6 +736,7 @@ private:
             return string(&out.text, &out.size);
         }
         out.escaped = true;
+        out.quotes_only = quotes_only;
         out.text = p_ + 1;
         out.size = static_cast<uint32_t>(size);
         p_ = close + 1;

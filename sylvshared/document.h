@@ -24,6 +24,10 @@ struct Node {
     // between the quotes (checked, not NUL-terminated), `size` that count;
     // decode_text gives what it reads as. Only parse_in_place makes these.
     bool escaped;
+    // An escaped string whose only escapes are \" and whose bytes are all
+    // printable ASCII, 0x20 to 0x7E (a service as the agent writes it): a
+    // reader may take each backslash there for an escaped quote.
+    bool quotes_only;
     uint32_t size;
     union {
         bool boolean;

@@ -126,8 +126,9 @@ constexpr int kPlainDepth = 32;
 // control character in a string, a number that is not a short integer,
 // nesting or size past the bounds above) or not JSON: the caller then parses
 // the element, which tells the two apart. An escaped reader reads the
-// element's text as it lies in the answer, its quotes escaped (\"): any
-// other escape there is not plain.
+// element's text as it lies in the answer, its quotes escaped (\"), and
+// only a text with no other escape nor byte outside printable ASCII (one
+// with either is not plain).
 template <bool Escaped>
 class PlainReader {
 public:
@@ -139,7 +140,11 @@ public:
     // The fields of a text holding one object.
     bool service(TenantFields& fields) {
         skip_space();
-        if (!object(&fields, 0)) {
+        if (*p_ != '{') {
+            return false;
+        }
+        ++p_;
+        if (!take('}') && !members(fields)) {
             return false;
         }
         skip_space();
@@ -189,9 +194,26 @@ private:
     }
 
     // Bytes before the first quote, backslash, control character or byte
-    // outside ASCII, from p_.
+    // outside ASCII, from p_. An escaped text holds only printable ASCII
+    // and escaped quotes (Node::quotes_only): its run ends at a backslash.
     size_t plain_run() const {
         const char* at = p_;
+        if constexpr (Escaped) {
+#ifdef __SSE2__
+            for (; end_ - at >= 16; at += 16) {
+                const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(at));
+                const int mask = _mm_movemask_epi8(_mm_cmpeq_epi8(bytes, _mm_set1_epi8('\\')));
+                if (mask != 0) {
+                    return static_cast<size_t>(at - p_) +
+                           static_cast<unsigned>(__builtin_ctz(static_cast<unsigned>(mask)));
+                }
+            }
+#endif
+            while (*at != '\\' && *at != '"') {
+                ++at;
+            }
+            return static_cast<size_t>(at - p_);
+        }
 #ifdef __SSE2__
         for (; end_ - at >= 16; at += 16) {
             const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(at));
@@ -275,7 +297,7 @@ private:
         }
         switch (*p_) {
             case '{':
-                return object(nullptr, depth + 1);
+                return object(depth + 1);
             case '[':
                 return list(depth + 1);
             case 't':
@@ -295,6 +317,125 @@ private:
         }
     }
 
+    // Where a member's value goes: at most one of the three is set.
+    struct Target {
+        TenantText* text = nullptr;
+        TenantNumber* number = nullptr;
+        int* ack = nullptr;
+    };
+
+    // The field a key names (sizes first: one comparison per key at most
+    // two), or none.
+    static Target target_of(const char* key, size_t size, TenantFields& fields) {
+        const auto is = [key](const char* name, size_t n) { return memcmp(key, name, n) == 0; };
+        switch (size) {
+            case 3:
+                return is("ack", 3) ? Target{nullptr, nullptr, &fields.ack} : Target{};
+            case 4:
+                return is("uuid", 4)   ? Target{&fields.uuid}
+                       : is("port", 4) ? Target{nullptr, &fields.port}
+                                       : Target{};
+            case 6:
+                return is("status", 6)   ? Target{&fields.status}
+                       : is("reason", 6) ? Target{&fields.reason}
+                                         : Target{};
+            case 10:
+                return is("ip_address", 10) ? Target{&fields.ip_address} : Target{};
+            case 11:
+                return is("tenant_name", 11) ? Target{&fields.name} : Target{};
+            case 12:
+                return is("synchronized", 12)   ? Target{&fields.synchronized}
+                       : is("virtual_port", 12) ? Target{nullptr, &fields.virtual_port}
+                                                : Target{};
+            case 13:
+                return is("onion_address", 13) ? Target{&fields.onion_address} : Target{};
+            default:
+                return {};
+        }
+    }
+
+    // A member's value at p_ stored in its target as the getters read it:
+    // a text from a string or a boolean, a number from an integer within
+    // int (else -1, still present), ack from a boolean (else -1).
+    bool member_value(const Target& target) {
+        if (++values_ > kPlainValues) {
+            return false;
+        }
+        TenantText text{};
+        int64_t number = -1;
+        int ack = -1;
+        if (quote_at(p_)) {
+            std::string_view run;
+            if (!string(&run)) {
+                return false;
+            }
+            text = {run, true};
+        } else if (*p_ == 't' || *p_ == 'f') {
+            const bool yes = *p_ == 't';
+            if (!(yes ? literal("true", 4) : literal("false", 5))) {
+                return false;
+            }
+            text = {yes ? "true" : "false", true};
+            ack = yes ? 1 : 0;
+        } else if (*p_ == 'n') {
+            if (!literal("null", 4)) {
+                return false;
+            }
+        } else if (*p_ == '{' || *p_ == '[') {
+            if (!(*p_ == '{' ? object(1) : list(1))) {
+                return false;
+            }
+        } else {
+            int64_t value;
+            if (!integer(&value)) {
+                return false;
+            }
+            number = value >= INT_MIN && value <= INT_MAX ? value : -1;
+        }
+        if (target.text != nullptr) {
+            *target.text = text;
+        } else if (target.number != nullptr) {
+            *target.number = {static_cast<int>(number), true};
+        } else if (target.ack != nullptr) {
+            *target.ack = ack;
+        }
+        return true;
+    }
+
+    // The members of the outermost object, after its '{' (not empty):
+    // each repeated key overrides the one before.
+    bool members(TenantFields& fields) {
+        for (;;) {
+            skip_space();
+            if (!quote_at(p_)) {
+                return false;
+            }
+            std::string_view key;
+            if (!string(&key)) {
+                return false;
+            }
+            if (p_[0] == ':' && p_[1] == ' ') {  // as the agent writes it
+                p_ += 2;
+            } else if (!take(':')) {
+                return false;
+            }
+            skip_space();
+            if (!member_value(target_of(key.data(), key.size(), fields))) {
+                return false;
+            }
+            if (p_[0] == ',' && p_[1] == ' ') {
+                p_ += 2;
+                continue;
+            }
+            skip_space();
+            if (*p_ == ',') {
+                ++p_;
+            } else {
+                return take('}');
+            }
+        }
+    }
+
     bool list(int depth) {
         ++p_;
         if (take(']')) {
@@ -309,9 +450,8 @@ private:
         return take(']');
     }
 
-    // An object at p_; its members picked into `fields` when given (the
-    // outermost object), each repeated key overriding the one before.
-    bool object(TenantFields* fields, int depth) {
+    // A nested object at p_, only checked.
+    bool object(int depth) {
         if (*p_ != '{') {
             return false;
         }
@@ -320,16 +460,11 @@ private:
             return true;
         }
         do {
-            Member member{};
+            Node ignored;
             std::string_view key;
             skip_space();
-            if (!quote_at(p_) || !string(&key) || !take(':') || !value(&member.value, depth)) {
+            if (!quote_at(p_) || !string(&key) || !take(':') || !value(&ignored, depth)) {
                 return false;
-            }
-            if (fields != nullptr) {
-                member.key = key.data();
-                member.key_size = static_cast<uint32_t>(key.size());
-                pick(member, *fields);
             }
         } while (take(','));
         return take('}');
@@ -404,8 +539,11 @@ Read read_element(const char* text, size_t length, Arena& arena, TenantFields& f
 Read read_string(const Node& item, Arena& arena, Arena& scratch, TenantFields& fields) {
     if (item.escaped) {
         fields = no_fields();
-        if (PlainReader<true>(item.text, item.size).service(fields)) {
+        // Another escape or byte would stop the plain reading anyway.
+        if (item.quotes_only && PlainReader<true>(item.text, item.size).service(fields)) {
+            // Its strings end at the first backslash, in printable bytes.
             fields.without_nul = true;
+            fields.printable = true;
             return Read::service;
         }
         Node decoded = item;

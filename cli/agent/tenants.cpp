@@ -37,35 +37,39 @@ std::optional<std::string> read_text(const JsonValue* object, const char* key) {
 namespace {
 
 // A text field as the getters' C text reads it: up to an embedded NUL,
-// which `without_nul` says there is none of.
-std::optional<std::string_view> text_of(const sylvshared::TenantText& field, bool without_nul) {
+// which a field read as it lies (`WithoutNul`) has none of.
+template <bool WithoutNul>
+std::optional<std::string_view> text_of(const sylvshared::TenantText& field) {
     if (!field.present) {
         return std::nullopt;
     }
-    if (without_nul) {
-        return field.text;
+    if constexpr (!WithoutNul) {
+        if (const void* nul = memchr(field.text.data(), '\0', field.text.size())) {
+            return field.text.substr(
+                0, static_cast<size_t>(static_cast<const char*>(nul) - field.text.data()));
+        }
     }
-    const void* nul = memchr(field.text.data(), '\0', field.text.size());
-    return nul == nullptr
-               ? field.text
-               : field.text.substr(
-                     0, static_cast<size_t>(static_cast<const char*>(nul) - field.text.data()));
+    return field.text;
 }
 
+// The element as views into its fields, texts cut at a NUL unless known
+// free of one.
+template <bool WithoutNul>
 TenantView view_of(const sylvshared::TenantFields& fields) {
     TenantView view;
-    view.name = text_of(fields.name, fields.without_nul);
-    view.status = text_of(fields.status, fields.without_nul);
-    view.ip_address = text_of(fields.ip_address, fields.without_nul);
-    view.uuid = text_of(fields.uuid, fields.without_nul);
-    view.onion_address = text_of(fields.onion_address, fields.without_nul);
-    view.reason = text_of(fields.reason, fields.without_nul);
-    view.synchronized = text_of(fields.synchronized, fields.without_nul);
+    view.name = text_of<WithoutNul>(fields.name);
+    view.status = text_of<WithoutNul>(fields.status);
+    view.ip_address = text_of<WithoutNul>(fields.ip_address);
+    view.uuid = text_of<WithoutNul>(fields.uuid);
+    view.onion_address = text_of<WithoutNul>(fields.onion_address);
+    view.reason = text_of<WithoutNul>(fields.reason);
+    view.synchronized = text_of<WithoutNul>(fields.synchronized);
     view.has_port = fields.port.present;
     view.has_virtual_port = fields.virtual_port.present;
     view.port = fields.port.value;
     view.virtual_port = fields.virtual_port.value;
     view.ack = fields.ack;
+    view.printable = fields.printable;
     return view;
 }
 
@@ -91,7 +95,10 @@ TenantsRead walk(const JsonValue* data, Show show) {
         data, [&](int, sylvshared::TenantElement element, const sylvshared::TenantFields* fields) {
             try {
                 const TenantElement read = element_of(element);
-                const TenantView view = fields != nullptr ? view_of(*fields) : none;
+                const TenantView view =
+                    fields != nullptr
+                        ? (fields->without_nul ? view_of<true>(*fields) : view_of<false>(*fields))
+                        : none;
                 return show(read, view) == TenantWalk::next;
             } catch (...) {
                 thrown = std::current_exception();

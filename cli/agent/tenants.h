@@ -50,6 +50,9 @@ struct TenantView {
     int port = -1;
     int virtual_port = -1;
     int ack = -1;
+    // Every text is printable ASCII without a quote or a backslash: shown
+    // as it is, on a terminal or in JSON.
+    bool printable = false;
 };
 
 // A text member of any answer, read whole (see Tenant); absent when missing

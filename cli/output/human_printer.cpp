@@ -48,8 +48,13 @@ public:
         memcpy(end_, part.data(), part.size());
         end_ += part.size();
     }
-    // An untrusted field, cut to `limit` bytes (0: whole) and escaped.
-    void field(std::string_view value, size_t limit = 0) {
+    // An untrusted field, cut to `limit` bytes (0: whole) and escaped unless
+    // known `printable` (ASCII: cut anywhere, shown as it is).
+    void field(std::string_view value, size_t limit, bool printable) {
+        if (printable) {
+            text(value.substr(0, limit != 0 ? limit : value.size()));
+            return;
+        }
         if (limit != 0) {
             value = value.substr(0, sylvshared::utf8_cut(value, limit));
         }
@@ -110,14 +115,15 @@ void print_tenant(const TenantView& tenant, ListingWriter& out) {
     const char* shown_status = listed_status(or_empty(tenant.status));
     std::string_view ip_address = or_empty(tenant.ip_address);
     out.text("----------------------------------------\nService:\t");
-    out.field(or_empty(tenant.name));
+    const bool printable = tenant.printable;
+    out.field(or_empty(tenant.name), 0, printable);
     out.text("\nUuid:\t\t");
-    out.field(or_empty(tenant.uuid), UUID_LIMIT);
+    out.field(or_empty(tenant.uuid), UUID_LIMIT, printable);
     out.text("\nIP address:\t");
     if (ip_address.empty()) {
         out.text("Unknown");
     } else {
-        out.field(ip_address, IP_ADDRESS_LIMIT);
+        out.field(ip_address, IP_ADDRESS_LIMIT, printable);
     }
     out.text("\nPort:\t\t");
     if (tenant.port < 1) {
@@ -137,7 +143,7 @@ void print_tenant(const TenantView& tenant, ListingWriter& out) {
     std::string_view onion = or_empty(tenant.onion_address);
     if (!onion.empty() && strcmp(shown_status, "Enabled") == 0) {
         out.text("Onion address:\t");
-        out.field(onion, ONION_ADDRESS_LIMIT);
+        out.field(onion, ONION_ADDRESS_LIMIT, printable);
         out.text("\n");
     }
 }

@@ -116,12 +116,71 @@ public:
     }
     std::string_view text() const { return std::string_view(data_, size_); }
 
+    // A service whose texts need no escaping (TenantView::printable): room
+    // made once for its longest text, each part then copied as it is.
+    void printable_service(const TenantView& tenant) {
+        const std::optional<std::string_view>* texts[] = {
+            &tenant.name, &tenant.uuid, &tenant.status, &tenant.ip_address, &tenant.onion_address};
+        size_t longest = kServiceFrame;
+        for (const auto* text : texts) {
+            longest += text->has_value() ? (*text)->size() : 0;
+        }
+        room(longest);
+        at_ = data_ + size_;
+        put(services_++ == 0 ? "{" : ", {");
+        first_member_ = true;
+        put_text("\"service\": \"", tenant.name);
+        put_text("\"uuid\": \"", tenant.uuid);
+        put_text("\"status\": \"", tenant.status);
+        put_text("\"ip_address\": \"", tenant.ip_address);
+        if (tenant.has_port) {
+            put_number("\"port\": ", tenant.port);
+        }
+        if (tenant.has_virtual_port) {
+            put_number("\"virtual_port\": ", tenant.virtual_port);
+        }
+        put_text("\"onion_address\": \"", tenant.onion_address);
+        put("}");
+        size_ = static_cast<size_t>(at_ - data_);
+    }
+
 private:
     char* data_ = nullptr;
     size_t size_ = 0;
     size_t capacity_ = 0;
     size_t services_ = 0;
     bool first_member_ = true;
+
+    // Bytes of a service beyond its texts, at most: braces, separators,
+    // keys, quotes and two numbers.
+    static constexpr size_t kServiceFrame = 160;
+    char* at_ = nullptr;  // where printable_service writes next
+
+    void put(std::string_view part) {
+        memcpy(at_, part.data(), part.size());
+        at_ += part.size();
+    }
+    // `, ` unless first, then the key (with the value's opening quote).
+    void put_key(std::string_view key) {
+        if (!first_member_) {
+            put(", ");
+        }
+        first_member_ = false;
+        put(key);
+    }
+    void put_text(std::string_view key, const std::optional<std::string_view>& value) {
+        if (value) {
+            put_key(key);
+            if (!value->empty()) {
+                put(*value);
+            }
+            *at_++ = '"';
+        }
+    }
+    void put_number(std::string_view key, int value) {
+        put_key(key);
+        at_ = std::to_chars(at_, at_ + 16, value).ptr;
+    }
 
     // At least `more` bytes free after the text.
     void room(size_t more) {
@@ -150,6 +209,10 @@ private:
 
 // One service of the listing, with the agent's own field values.
 void add_service(ListingText& out, const TenantView& tenant) {
+    if (tenant.printable) {
+        out.printable_service(tenant);
+        return;
+    }
     out.open_object();
     out.text("service", tenant.name);
     out.text("uuid", tenant.uuid);

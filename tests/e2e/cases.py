@@ -279,6 +279,13 @@ LISTED = RULE + RULE.join([
     "Virtual port:\t2222\nStatus:\t\tEnabled\n"])
 
 
+# LISTING padded past the length a received string is left in place from,
+# and a service whose texts pass the human listing's cuts.
+LONG_LISTING = [dict(t, api_key="k" * 80) for t in LISTING] + [
+    tenant("long", uuid="u" * 50, ip_address="1" * 50, port=1, virtual_port=2,
+           onion_address="o" * 70)]
+
+
 def listing(*items):
     """A "tenants" list: dicts go as JSON strings, strings as they are
     (garbage included), anything else as a non-string element."""
@@ -297,6 +304,13 @@ add(
     Case("list_skips_non_strings_and_stops_at_garbage", ["-l"],
          stdout=LISTED[:LISTED.index("\n----") + 1],
          agent=listed(reply(listing(None, LISTING[0], 7, "{oops", LISTING[1])))),
+    # Services long enough to be read where they lie in the answer: shown
+    # as they are, with the same missing fields and cuts.
+    Case("list_long_services", ["-l"],
+         stdout=LISTED + RULE + "Service:\tlong\nUuid:\t\t" + "u" * 36 + "\nIP address:\t"
+         + "1" * 39 + "\nPort:\t\t1\nVirtual port:\t2\nStatus:\t\tEnabled\nOnion address:\t"
+         + "o" * 62 + "\n",
+         agent=listed(reply(listing(*LONG_LISTING)))),
     Case("list_missing_list", ["-l"], stdout=NONE_YET, agent=listed(reply({}))),
     Case("list_null_data", ["-l"], stdout=NONE_YET, agent=listed(reply(None))),
     # Frames: fragmented, 16-bit and 64-bit lengths, a ping before the answer.

@@ -22,8 +22,8 @@ from dataclasses import dataclass
 
 HERE = os.path.dirname(os.path.realpath(__file__))
 sys.path.insert(0, HERE)
-from cases import (ACKED, ADD, BUSY, DISABLING, KEY, LISTING, NO_AGENT, NO_ANSWER,  # noqa: E402
-                   PROGRESS, PROXY, REQUESTED, USAGE, Case, ack, after, listing, tenant)
+from cases import (ACKED, ADD, BUSY, DISABLING, KEY, LISTING, LONG_LISTING,  # noqa: E402
+                   NO_AGENT, NO_ANSWER, PROGRESS, PROXY, REQUESTED, USAGE, Case, ack, after, listing, tenant)
 from fake_agent import FakeAgent, event, evict, raw, reply, wait  # noqa: E402
 from run_case import tool_env  # noqa: E402
 
@@ -247,6 +247,18 @@ add(JsonCase("abbreviation_still_human", "--c 10.0.0.1:3128 -t HTTP".split(),
 VERSION = re.search(r"project\(sylvane-service VERSION (\S+)",
                     open(os.path.join(HERE, "..", "..", "CMakeLists.txt")).read()).group(1)
 add(JsonCase("version", ["--version"], stdout="sylvane-service %s\n" % VERSION))
+
+# Services read where they lie in the answer, some fields missing: the same
+# bytes as the writer of escaped texts (keys in this order, ", " and ": ").
+LONG_SENT = LONG_LISTING + [dict(port=5, api_key="k" * 80)]
+LONG_SHOWN = [{shown: t[key] for shown, key in [
+    ("service", "tenant_name"), ("uuid", "uuid"), ("status", "status"),
+    ("ip_address", "ip_address"), ("port", "port"), ("virtual_port", "virtual_port"),
+    ("onion_address", "onion_address")] if key in t} for t in LONG_SENT]
+add(JsonCase("json_list_long_services", ["--json", "-l"],
+             stdout='{"version": 1, "ok": true, "services": [%s]}\n'
+             % ", ".join(json.dumps(t) for t in LONG_SHOWN),
+             agent={"get_tenants": [reply(listing(*LONG_SENT))]}))
 both_ends("version", ["--version"], [dict(ok=True, tool_version=VERSION)])
 
 # -- --events ----------------------------------------------------------------------

@@ -201,14 +201,26 @@ TEST(Json, ListOfMixedElements) {
 }
 
 // Strings long enough to be left where they lie read, write and list as
-// the same text parsed whole: every escape, bad UTF-8 and surrogates, at
-// each offset of a 16-byte block.
+// the same text parsed whole: every escape, bad UTF-8, DEL and surrogates,
+// at each offset of a 64-byte step and past its end (a backslash last in
+// one step escapes the first byte of the next). A control byte or a bad
+// escape there is refused.
 TEST(Json, InPlaceReadsAsParsedWhole) {
     const std::string escapes[] = {R"(\")",        R"(\\)",           R"(\/)",     R"(\b\f\n\r\t)",
                                    R"(\u00e9)",    R"(\ud83d\ude00)", R"(\ud800)", "\xff\xc3",
-                                   "\xe2\x82\xac", R"(\u0000)"};
+                                   "\xe2\x82\xac", R"(\u0000)",       "\x7f",      R"(\\\")"};
+    for (size_t offset = 0; offset < 70; ++offset) {
+        for (const char* bad : {"\x01", R"(\x)", R"(\\\x)"}) {
+            const std::string text =
+                R"({"s":")" + std::string(offset, 'a') + bad + std::string(64, 'b') + "\"}";
+            EXPECT_EQ(json_parse_in_place(text.c_str()), nullptr) << text;
+        }
+        // Cut off after a backslash, wherever the text ends in its last step.
+        const std::string cut = R"({"s":")" + std::string(offset + 60, 'a') + "\\";
+        EXPECT_EQ(json_parse_in_place(cut.c_str()), nullptr) << cut;
+    }
     for (const std::string& escape : escapes) {
-        for (size_t offset = 0; offset < 17; ++offset) {
+        for (size_t offset = 0; offset < 70; ++offset) {
             const std::string inner = std::string(offset, 'a') + escape + std::string(64, 'b');
             const std::string text = R"({"s":")" + inner + R"(","l":[")" + inner + R"(",1]})";
             Value whole(json_parse(text.c_str()));

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -29,6 +30,8 @@ const std::vector<std::string> kElements = {
     quoted(R"({"tenant_name":"caf\u00e9 \ud83d\ude00","status":"x\"y","virtual_port":-3})"),
     quoted("{\"tenant_name\":\"bad \xff utf-8\",\"ack\":false}"),
     quoted(R"({"tenant_name":"nul \u0000 inside","uuid":"u"})"),
+    quoted("{\"tenant_name\":\"del \x7f\"}"),
+    quoted(R"({"tenant_name":"back\\slash"})"),
     quoted(R"({"tenant_name":{"nested":[1,2]},"uuid":null,"port":1.5})"),
     quoted(R"([1,2,3])"),
     // Read without the parser when plain, by the parser when not: the same.
@@ -94,6 +97,12 @@ void expect_same_as_getters(const char* text, TenantElement element, const Tenan
     for (int i = 0; i < 7; ++i) {
         const std::string_view whole = text_field(*fields, i).text;
         EXPECT_FALSE(fields->without_nul && whole.find('\0') != std::string_view::npos) << text;
+        // Shown unescaped when printable: nothing there may need it.
+        EXPECT_FALSE(
+            fields->printable &&
+            !std::all_of(whole.begin(), whole.end(),
+                         [](char c) { return c >= 0x20 && c < 0x7F && c != '"' && c != '\\'; }))
+            << text;
         for (const size_t size : {255, 6}) {
             char walked[256] = {};
             char got[256] = {};

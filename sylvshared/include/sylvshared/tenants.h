@@ -46,6 +46,9 @@ struct TenantFields {
     // No text holds a NUL (each was read as it lies, undecoded): a reader
     // that cuts texts at a NUL need not look for one.
     bool without_nul;
+    // Every text is printable ASCII (0x20 to 0x7E) without a quote or a
+    // backslash: nothing in it needs escaping, on a terminal or in JSON.
+    bool printable;
 };
 
 // What one element of the list is.
