@@ -130,16 +130,31 @@ Change unchanged_service(const DesiredService& service, size_t index, const Agen
     return same;
 }
 
-void plan_services(const DesiredState& desired, const AgentSnapshot& agent, bool prune,
-                   Groups* groups) {
-    const std::vector<AgentService>& listed = agent.services;
+// Whether the agent lists exactly the file's names in the file's order, as
+// when an export is read back. The file's names are distinct, so the
+// agent's are too: each service pairs with the entry at its own place.
+bool same_order(const DesiredState& desired, const std::vector<AgentService>& listed) {
+    if (listed.size() != desired.services.size()) {
+        return false;
+    }
+    for (size_t i = 0; i < listed.size(); i++) {
+        if (listed[i].name != desired.services[i].name) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// Services matched by name through an index of the agent's; creates for the
+// file's that are not listed, removes or not_managed for the agent's that
+// are not named.
+void plan_by_name(const DesiredState& desired, const std::vector<AgentService>& listed, bool prune,
+                  Groups* groups) {
     NameIndex first_listed(listed.size());  // the first of a name wins
     for (size_t i = 0; i < listed.size(); i++) {
         first_listed.add(listed[i].name, static_cast<uint32_t>(i));
     }
     std::vector<bool> named(listed.size());  // first entries the file names
-    (groups->names_only ? groups->unchanged_names.reserve(desired.services.size())
-                        : groups->unchanged_services.reserve(desired.services.size()));
     for (size_t i = 0; i < desired.services.size(); i++) {
         const DesiredService& service = desired.services[i];
         if (const uint32_t* found = first_listed.find(service.name)) {
@@ -163,6 +178,19 @@ void plan_services(const DesiredState& desired, const AgentSnapshot& agent, bool
                       .service = listed[i].name,
                       .before = agent_state(listed[i])};
         (prune ? groups->removes : groups->not_managed).push_back(std::move(change));
+    }
+}
+
+void plan_services(const DesiredState& desired, const AgentSnapshot& agent, bool prune,
+                   Groups* groups) {
+    (groups->names_only ? groups->unchanged_names.reserve(desired.services.size())
+                        : groups->unchanged_services.reserve(desired.services.size()));
+    if (!same_order(desired, agent.services)) {
+        plan_by_name(desired, agent.services, prune, groups);
+        return;
+    }
+    for (size_t i = 0; i < desired.services.size(); i++) {
+        plan_existing(desired.services[i], i, agent.services[i], groups);
     }
 }
 
