@@ -746,7 +746,7 @@ bool read_desired_state_quickly(std::string_view text, DesiredState* state) {
     if (start == std::string_view::npos) {
         return false;
     }
-    // An export spends about 80 bytes on a service.
-    Collector collector(state, text.size() / 64);
+    // An export spends 80 to 85 bytes on a service.
+    Collector collector(state, text.size() / 80);
     return text[start] == '{' ? read_json(text, &collector) : read_yaml(text, &collector);
 }
