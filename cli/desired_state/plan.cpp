@@ -181,6 +181,7 @@ void plan_by_name(const DesiredState& desired, const std::vector<AgentService>& 
     }
 }
 
+// Every service of the file and of the agent into its group.
 void plan_services(const DesiredState& desired, const AgentSnapshot& agent, bool prune,
                    Groups* groups) {
     (groups->names_only ? groups->unchanged_names.reserve(desired.services.size())
