@@ -73,15 +73,33 @@ struct Scalar {
     bool plain = false;
 };
 
+// Whether `a` and `b`, both `size` bytes, 4 to 16, are the same: a load
+// from each end of each, no call.
+bool same_short(const char* a, const char* b, size_t size) {
+    const auto ends_equal = [&](auto word) {
+        decltype(word) x[2];
+        decltype(word) y[2];
+        const size_t back = size - sizeof word;
+        memcpy(&x[0], a, sizeof word);
+        memcpy(&x[1], a + back, sizeof word);
+        memcpy(&y[0], b, sizeof word);
+        memcpy(&y[1], b + back, sizeof word);
+        return x[0] == y[0] && x[1] == y[1];
+    };
+    return size >= 8 ? ends_equal(uint64_t{}) : ends_equal(uint32_t{});
+}
+
 // The keys one mapping has had: a bit each.
 struct SeenKeys {
     unsigned bits = 0;
 
-    // The index of `key` in `allowed`, marked seen; -1 when unknown or seen.
+    // The index of `key` in `allowed` (4 to 16 bytes each), marked seen; -1
+    // when unknown or seen.
     template <size_t N>
     int add(const std::array<std::string_view, N>& allowed, std::string_view key) {
         for (size_t i = 0; i < N; i++) {
-            if (allowed[i].size() == key.size() && allowed[i][0] == key[0] && allowed[i] == key) {
+            if (allowed[i].size() == key.size() && allowed[i][0] == key[0] &&
+                same_short(allowed[i].data(), key.data(), key.size())) {
                 const unsigned bit = 1u << i;
                 const bool again = (bits & bit) != 0;
                 bits |= bit;
@@ -253,12 +271,12 @@ public:
         return pos_ == text_.size();
     }
 
-    // A string of printable ASCII without escapes, its end found 16 bytes
+    // A string of printable ASCII without escapes.
+    bool string(std::string_view* out) { return take('"') && string_rest(out); }
+
+    // The rest of a string after its opening quote, its end found 16 bytes
     // a step.
-    bool string(std::string_view* out) {
-        if (!take('"')) {
-            return false;
-        }
+    bool string_rest(std::string_view* out) {
         const size_t start = pos_;
         for (;; pos_ += 16) {
             const char* at = text_.data() + pos_;
@@ -292,7 +310,8 @@ public:
     bool scalar(Scalar* out) {
         if (next_is('"')) {
             out->plain = false;
-            return string(&out->text);
+            pos_++;
+            return string_rest(&out->text);
         }
         out->plain = true;
         if (pos_ < text_.size() &&
@@ -302,7 +321,8 @@ public:
                                                                : "null";
             out->text = word;
             pos_ += word.size();
-            return text_.substr(pos_ - word.size(), word.size()) == word;
+            return pos_ <= text_.size() &&
+                   same_short(text_.data() + pos_ - word.size(), word.data(), word.size());
         }
         const size_t start = pos_;
         while (pos_ < text_.size() && text_[pos_] >= '0' && text_[pos_] <= '9') {
