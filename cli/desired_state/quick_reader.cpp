@@ -154,12 +154,22 @@ bool take_endpoint(Scalar value, Endpoint* endpoint) {
     return true;
 }
 
+// A port 1-65535 of at most five digits, none leading with a zero: the
+// strict port reading, here so that it runs inline, once a service.
 bool take_port(Scalar value, std::optional<uint16_t>* port) {
-    uint16_t number = 0;
-    if (!value.plain || !parse_strict_port(value.text, &number)) {
+    const std::string_view text = value.text;
+    uint32_t number = 0;
+    for (const char c : text) {
+        const auto digit = static_cast<uint32_t>(c - '0');
+        if (digit > 9) {
+            return false;
+        }
+        number = number * 10 + digit;
+    }
+    if (!value.plain || text.empty() || text.size() > 5 || text[0] == '0' || number > 65535) {
         return false;
     }
-    *port = number;
+    *port = static_cast<uint16_t>(number);
     return true;
 }
 
@@ -547,10 +557,11 @@ public:
     explicit YamlLines(std::string_view text) : text_(text) {}
 
     // The next such line, left for take(); null at the end or when a line
-    // is not for this reader (failed() then tells).
+    // is not for this reader (failed() then tells). Kept small: it is asked
+    // again for the same line as often as for a new one.
     const Line* peek() {
-        while (!ready_ && !failed_ && pos_ < text_.size()) {
-            failed_ = !read_line();
+        if (!ready_ && !failed_ && pos_ < text_.size()) {
+            advance();
         }
         return ready_ && !failed_ ? &line_ : nullptr;
     }
@@ -588,6 +599,13 @@ private:
         }
         *length = 64;
         return false;
+    }
+
+    // Reads lines until one has content, the text ends or a line fails.
+    [[gnu::noinline]] void advance() {
+        while (!ready_ && !failed_ && pos_ < text_.size()) {
+            failed_ = !read_line();
+        }
     }
 
     // Reads the line at pos_ into line_ (ready_ when it has content) and
