@@ -350,8 +350,12 @@ public:
     // After a member or an item: true with `*done` when `close` ends the
     // object or list, true when a comma follows, false otherwise.
     bool after_item(char close, bool* done) {
-        *done = take(close);
-        return *done || take(',');
+        skip_space();
+        if (pos_ == text_.size() || (text_[pos_] != close && text_[pos_] != ',')) {
+            return false;
+        }
+        *done = text_[pos_++] == close;
+        return true;
     }
 
 private:
