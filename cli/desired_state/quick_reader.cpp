@@ -584,11 +584,12 @@ private:
     bool scan(uint64_t* space, uint64_t* odd, size_t* length) const {
         *space = 0;
         *odd = 0;
+        const bool room = pos_ + 64 <= text_.size();
         for (size_t k = 0; k < 64; k += 16) {
             const char* at = text_.data() + pos_ + k;
             char tail[16];
             // The last block of the text, padded with line ends.
-            if (pos_ + k + 16 > text_.size()) {
+            if (!room && pos_ + k + 16 > text_.size()) {
                 memset(tail, '\n', sizeof tail);
                 memcpy(tail, at, text_.size() - pos_ - k);
                 at = tail;
@@ -636,7 +637,12 @@ private:
             return true;
         }
         const size_t last = 64 - static_cast<size_t>(std::countl_zero(content));
-        line_ = Line{indent, std::string_view(p + indent, last - indent)};
+        // Key and value are set wherever they are read.
+        line_.indent = indent;
+        line_.body = std::string_view(p + indent, last - indent);
+        line_.entry = false;
+        line_.item = false;
+        line_.kind = Inline::bad;
         ready_ = true;
         read_entry(p, content, odd, last);
         return true;
