@@ -5,7 +5,6 @@
 
 #include "cli/desired_state/quick_reader.h"
 
-#include <algorithm>
 #include <array>
 #include <bit>
 #include <cstdint>
@@ -24,6 +23,17 @@ constexpr std::array<std::string_view, 3> kRootKeys{"version", "services", "prox
 constexpr std::array<std::string_view, 4> kServiceKeys{"target", "virtual_port", "clear_services",
                                                        "enabled"};
 constexpr std::array<std::string_view, 3> kProxyKeys{"address", "type", "enabled"};
+// SeenKeys compares keys by loads from each end: 4 to 16 bytes.
+template <size_t N>
+constexpr bool short_keys(const std::array<std::string_view, N>& keys) {
+    for (const std::string_view key : keys) {
+        if (key.size() < 4 || key.size() > 16) {
+            return false;
+        }
+    }
+    return true;
+}
+static_assert(short_keys(kRootKeys) && short_keys(kServiceKeys) && short_keys(kProxyKeys));
 constexpr size_t kMaxNameLength = 255;
 enum RootKey { kVersion, kServices, kProxy };
 enum ServiceKey { kTarget, kVirtualPort, kClearServices, kServiceEnabled };
