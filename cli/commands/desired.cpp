@@ -128,6 +128,14 @@ void* prepare_desired(const Invocation& in) {
         !read_desired_state_file(in.desired_file, &run_record.desired, &error)) {
         finish(Outcome::fail(Failure::bad_argument, Message().quote(error).say("\n")));
     }
+    // The agent mostly lists what the file names. Reserved room it does not
+    // fill is never touched, so costs no page; growing would copy the lot.
+    const size_t named = run_record.desired.services.size();
+    try {
+        run_record.agent.services.reserve(named + named / 2 + 16);
+    } catch (const std::bad_alloc&) {
+        out_of_memory();
+    }
     arm_desired_timeout(running().row->timeout_seconds);
     return nullptr;
 }

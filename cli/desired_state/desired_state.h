@@ -23,8 +23,8 @@ struct DesiredService {
     std::string name{};  // 1-255 bytes of UTF-8
     Endpoint target{};
     std::optional<uint16_t> virtual_port{};     // absent: the target's port
-    std::vector<std::string> clear_services{};  // used only when the service is created
     std::optional<bool> enabled{};              // absent: left as it is
+    std::vector<std::string> clear_services{};  // used only when the service is created
 
     uint16_t effective_virtual_port() const { return virtual_port.value_or(target.port); }
     bool operator==(const DesiredService&) const = default;

@@ -14,9 +14,13 @@ namespace {
 // Changes in the groups of the plan's order, concatenated at the end. The
 // unchanged services, most of a large plan, are kept as pairs and built
 // straight into the plan: no second copy of 10,000 entries.
+// When only names are asked for, unchanged services go straight to
+// `unchanged_names` and no pair is kept.
 struct Groups {
+    bool names_only = false;
     std::vector<Change> creates, updates, toggles, removes;
     std::vector<std::pair<size_t, const AgentService*>> unchanged_services;  // file index, agent's
+    std::vector<std::string_view> unchanged_names;
     std::vector<Change> unchanged_proxy, not_managed;
 };
 
@@ -106,7 +110,9 @@ void plan_existing(const DesiredService& service, size_t index, const AgentServi
     if (toggled) {
         groups->toggles.push_back(std::move(*toggled));
     }
-    if (!moved && !ported && !toggled) {
+    if (!moved && !ported && !toggled && groups->names_only) {
+        groups->unchanged_names.push_back(service.name);
+    } else if (!moved && !ported && !toggled) {
         groups->unchanged_services.emplace_back(index, &agent);
     }
 }
@@ -124,15 +130,31 @@ Change unchanged_service(const DesiredService& service, size_t index, const Agen
     return same;
 }
 
-void plan_services(const DesiredState& desired, const AgentSnapshot& agent, bool prune,
-                   Groups* groups) {
-    const std::vector<AgentService>& listed = agent.services;
+// Whether the agent lists exactly the file's names in the file's order, as
+// when an export is read back. The file's names are distinct, so the
+// agent's are too: each service pairs with the entry at its own place.
+bool same_order(const DesiredState& desired, const std::vector<AgentService>& listed) {
+    if (listed.size() != desired.services.size()) {
+        return false;
+    }
+    for (size_t i = 0; i < listed.size(); i++) {
+        if (listed[i].name != desired.services[i].name) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// Services matched by name through an index of the agent's; creates for the
+// file's that are not listed, removes or not_managed for the agent's that
+// are not named.
+void plan_by_name(const DesiredState& desired, const std::vector<AgentService>& listed, bool prune,
+                  Groups* groups) {
     NameIndex first_listed(listed.size());  // the first of a name wins
     for (size_t i = 0; i < listed.size(); i++) {
         first_listed.add(listed[i].name, static_cast<uint32_t>(i));
     }
     std::vector<bool> named(listed.size());  // first entries the file names
-    groups->unchanged_services.reserve(desired.services.size());
     for (size_t i = 0; i < desired.services.size(); i++) {
         const DesiredService& service = desired.services[i];
         if (const uint32_t* found = first_listed.find(service.name)) {
@@ -156,6 +178,20 @@ void plan_services(const DesiredState& desired, const AgentSnapshot& agent, bool
                       .service = listed[i].name,
                       .before = agent_state(listed[i])};
         (prune ? groups->removes : groups->not_managed).push_back(std::move(change));
+    }
+}
+
+// Every service of the file and of the agent into its group.
+void plan_services(const DesiredState& desired, const AgentSnapshot& agent, bool prune,
+                   Groups* groups) {
+    (groups->names_only ? groups->unchanged_names.reserve(desired.services.size())
+                        : groups->unchanged_services.reserve(desired.services.size()));
+    if (!same_order(desired, agent.services)) {
+        plan_by_name(desired, agent.services, prune, groups);
+        return;
+    }
+    for (size_t i = 0; i < desired.services.size(); i++) {
+        plan_existing(desired.services[i], i, agent.services[i], groups);
     }
 }
 
@@ -220,26 +256,22 @@ bool PlanSummary::pending() const {
 Plan make_plan(const DesiredState& desired, const AgentSnapshot& agent, bool prune,
                bool unchanged_in_full) {
     Groups groups;
+    groups.names_only = !unchanged_in_full;
     plan_services(desired, agent, prune, &groups);
     if (desired.proxy) {
         plan_proxy(*desired.proxy, agent.proxy, &groups);
     }
     Plan plan;
-    const size_t unchanged_changes = unchanged_in_full ? groups.unchanged_services.size() : 0;
     plan.changes.reserve(groups.creates.size() + groups.updates.size() + groups.toggles.size() +
-                         groups.removes.size() + unchanged_changes + groups.unchanged_proxy.size() +
-                         groups.not_managed.size());
-    plan.unchanged_names.reserve(groups.unchanged_services.size() - unchanged_changes);
+                         groups.removes.size() + groups.unchanged_services.size() +
+                         groups.unchanged_proxy.size() + groups.not_managed.size());
+    plan.unchanged_names = std::move(groups.unchanged_names);
     for (std::vector<Change>* group :
          {&groups.creates, &groups.updates, &groups.toggles, &groups.removes}) {
         std::move(group->begin(), group->end(), std::back_inserter(plan.changes));
     }
     for (const auto& [index, listed] : groups.unchanged_services) {
-        if (unchanged_in_full) {
-            plan.changes.push_back(unchanged_service(desired.services[index], index, *listed));
-        } else {
-            plan.unchanged_names.push_back(desired.services[index].name);
-        }
+        plan.changes.push_back(unchanged_service(desired.services[index], index, *listed));
     }
     for (std::vector<Change>* group : {&groups.unchanged_proxy, &groups.not_managed}) {
         std::move(group->begin(), group->end(), std::back_inserter(plan.changes));

@@ -5,11 +5,12 @@
 
 #include "cli/desired_state/quick_reader.h"
 
-#include <algorithm>
 #include <array>
 #include <bit>
 #include <cstdint>
 #include <cstring>
+
+#include <emmintrin.h>
 
 #include "cli/desired_state/name_index.h"
 #include "cli/preflight/strict_address.h"
@@ -22,6 +23,17 @@ constexpr std::array<std::string_view, 3> kRootKeys{"version", "services", "prox
 constexpr std::array<std::string_view, 4> kServiceKeys{"target", "virtual_port", "clear_services",
                                                        "enabled"};
 constexpr std::array<std::string_view, 3> kProxyKeys{"address", "type", "enabled"};
+// SeenKeys compares keys by loads from each end: 4 to 16 bytes.
+template <size_t N>
+constexpr bool short_keys(const std::array<std::string_view, N>& keys) {
+    for (const std::string_view key : keys) {
+        if (key.size() < 4 || key.size() > 16) {
+            return false;
+        }
+    }
+    return true;
+}
+static_assert(short_keys(kRootKeys) && short_keys(kServiceKeys) && short_keys(kProxyKeys));
 constexpr size_t kMaxNameLength = 255;
 enum RootKey { kVersion, kServices, kProxy };
 enum ServiceKey { kTarget, kVirtualPort, kClearServices, kServiceEnabled };
@@ -29,7 +41,7 @@ enum ProxyKey { kAddress, kType, kProxyEnabled };
 
 // Byte classes: what may stand in a plain key, in a plain scalar, in a JSON
 // string. Everything outside printable ASCII is in none of them.
-enum : uint8_t { kWordByte = 1, kKeyByte = 2, kPlainByte = 4, kJsonByte = 8, kQuietByte = 16 };
+enum : uint8_t { kWordByte = 1, kKeyByte = 2, kPlainByte = 4, kJsonSpace = 8 };
 constexpr std::array<uint8_t, 256> kByteClasses = [] {
     std::array<uint8_t, 256> classes{};
     for (int c = 0x20; c < 0x7f; c++) {
@@ -38,8 +50,10 @@ constexpr std::array<uint8_t, 256> kByteClasses = [] {
         const bool flow = c == '#' || c == '\'' || c == '"' || c == ',' || c == '[' || c == ']' ||
                           c == '{' || c == '}';
         classes[c] = (word ? kWordByte : 0) | (word || c == '-' || c == ' ' ? kKeyByte : 0) |
-                     (flow ? 0 : kPlainByte) | (c == '"' || c == '\\' ? 0 : kJsonByte) |
-                     (flow || c == ' ' || c == ':' ? 0 : kQuietByte);
+                     (flow ? 0 : kPlainByte);
+    }
+    for (const char c : {' ', '\n', '\r', '\t'}) {
+        classes[static_cast<unsigned char>(c)] |= kJsonSpace;
     }
     return classes;
 }();
@@ -69,15 +83,33 @@ struct Scalar {
     bool plain = false;
 };
 
+// Whether `a` and `b`, both `size` bytes, 4 to 16, are the same: a load
+// from each end of each, no call.
+bool same_short(const char* a, const char* b, size_t size) {
+    const auto ends_equal = [&](auto word) {
+        decltype(word) x[2];
+        decltype(word) y[2];
+        const size_t back = size - sizeof word;
+        memcpy(&x[0], a, sizeof word);
+        memcpy(&x[1], a + back, sizeof word);
+        memcpy(&y[0], b, sizeof word);
+        memcpy(&y[1], b + back, sizeof word);
+        return x[0] == y[0] && x[1] == y[1];
+    };
+    return size >= 8 ? ends_equal(uint64_t{}) : ends_equal(uint32_t{});
+}
+
 // The keys one mapping has had: a bit each.
 struct SeenKeys {
     unsigned bits = 0;
 
-    // The index of `key` in `allowed`, marked seen; -1 when unknown or seen.
+    // The index of `key` in `allowed` (4 to 16 bytes each), marked seen; -1
+    // when unknown or seen.
     template <size_t N>
     int add(const std::array<std::string_view, N>& allowed, std::string_view key) {
         for (size_t i = 0; i < N; i++) {
-            if (allowed[i].size() == key.size() && allowed[i][0] == key[0] && allowed[i] == key) {
+            if (allowed[i].size() == key.size() && allowed[i][0] == key[0] &&
+                same_short(allowed[i].data(), key.data(), key.size())) {
                 const unsigned bit = 1u << i;
                 const bool again = (bits & bit) != 0;
                 bits |= bit;
@@ -101,42 +133,53 @@ bool is_null(Scalar value) {
 // the same address and port.
 bool take_endpoint(Scalar value, Endpoint* endpoint) {
     const std::string_view text = value.text;
-    size_t pos = 0;
-    size_t colon = 0;
     uint32_t number = 0;
-    for (int part = 0; part < 5; part++) {
-        const size_t start = pos;
-        const size_t most = part < 4 ? 3 : 5;
-        for (number = 0;
-             pos < text.size() && pos - start < most && text[pos] >= '0' && text[pos] <= '9';
-             pos++) {
-            number = number * 10 + static_cast<uint32_t>(text[pos] - '0');
-        }
-        if (pos == start || (pos - start > 1 && text[start] == '0') ||
-            number > (part < 4 ? 255u : 65535u)) {
+    size_t digits = 0;
+    size_t parts = 0;  // the dots and the colon behind
+    size_t colon = 0;
+    // Each part is judged at its end, so the loop over digits stays short.
+    const auto part_ends = [&](size_t at, size_t most, uint32_t top) {
+        return digits != 0 && digits <= most && number <= top &&
+               (digits == 1 || text[at - digits] != '0');
+    };
+    for (size_t i = 0; i < text.size(); i++) {
+        const auto digit = static_cast<uint32_t>(text[i] - '0');
+        if (digit < 10) {
+            number = number * 10 + digit;
+            digits++;
+        } else if (parts < 4 && text[i] == (parts < 3 ? '.' : ':') && part_ends(i, 3, 255)) {
+            colon = i;
+            parts++;
+            number = 0;
+            digits = 0;
+        } else {
             return false;
         }
-        if (part < 4) {
-            colon = pos;
-            if (pos == text.size() || text[pos++] != (part < 3 ? '.' : ':')) {
-                return false;
-            }
-        }
     }
-    if (number == 0 || pos != text.size()) {
+    if (parts != 4 || number == 0 || !part_ends(text.size(), 5, 65535)) {
         return false;
     }
-    endpoint->address.assign(text.substr(0, colon));
+    endpoint->address.assign(text.data(), colon);
     endpoint->port = static_cast<uint16_t>(number);
     return true;
 }
 
+// A port 1-65535 of at most five digits, none leading with a zero: the
+// strict port reading, here so that it runs inline, once a service.
 bool take_port(Scalar value, std::optional<uint16_t>* port) {
-    uint16_t number = 0;
-    if (!value.plain || !parse_strict_port(value.text, &number)) {
+    const std::string_view text = value.text;
+    uint32_t number = 0;
+    for (const char c : text) {
+        const auto digit = static_cast<uint32_t>(c - '0');
+        if (digit > 9) {
+            return false;
+        }
+        number = number * 10 + digit;
+    }
+    if (!value.plain || text.empty() || text.size() > 5 || text[0] == '0' || number > 65535) {
         return false;
     }
-    *port = number;
+    *port = static_cast<uint16_t>(number);
     return true;
 }
 
@@ -249,32 +292,37 @@ public:
     }
 
     // A string of printable ASCII without escapes.
-    bool string(std::string_view* out) {
-        if (!take('"')) {
-            return false;
-        }
+    bool string(std::string_view* out) { return take('"') && string_rest(out); }
+
+    // The rest of a string after its opening quote, its end found 16 bytes
+    // a step.
+    bool string_rest(std::string_view* out) {
         const size_t start = pos_;
-        // Eight bytes a step while none is a quote, a backslash or unprintable.
-        for (; pos_ + 8 <= text_.size(); pos_ += 8) {
-            uint64_t word;
-            memcpy(&word, text_.data() + pos_, 8);
-            const uint64_t stop = unprintable_bytes(word) | zero_bytes(word ^ (kOnes * '"')) |
-                                  zero_bytes(word ^ (kOnes * '\\'));
-            if (stop != 0) {
-                pos_ += static_cast<size_t>(__builtin_ctzll(stop) >> 3);
+        for (;; pos_ += 16) {
+            const char* at = text_.data() + pos_;
+            char tail[16];
+            // The last block, padded with bytes that stop the search.
+            if (pos_ + 16 > text_.size()) {
+                memset(tail, 0, sizeof tail);
+                memcpy(tail, at, text_.size() - pos_);
+                at = tail;
+            }
+            const __m128i c = _mm_loadu_si128(reinterpret_cast<const __m128i*>(at));
+            const __m128i stop = _mm_or_si128(_mm_or_si128(_mm_cmplt_epi8(c, _mm_set1_epi8(0x20)),
+                                                           _mm_cmpeq_epi8(c, _mm_set1_epi8(0x7f))),
+                                              _mm_or_si128(_mm_cmpeq_epi8(c, _mm_set1_epi8('"')),
+                                                           _mm_cmpeq_epi8(c, _mm_set1_epi8('\\'))));
+            const auto bits = static_cast<uint32_t>(_mm_movemask_epi8(stop));
+            if (bits != 0) {
+                pos_ += static_cast<size_t>(std::countr_zero(bits));
                 break;
             }
         }
-        for (; pos_ < text_.size(); pos_++) {
-            if (!is_a(text_[pos_], kJsonByte)) {
-                if (text_[pos_] != '"') {
-                    return false;
-                }
-                *out = text_.substr(start, pos_++ - start);
-                return true;
-            }
+        if (pos_ >= text_.size() || text_[pos_] != '"') {
+            return false;
         }
-        return false;
+        *out = text_.substr(start, pos_++ - start);
+        return true;
     }
 
     // A string, true, false, null, or a positive integer of up to nine
@@ -282,7 +330,8 @@ public:
     bool scalar(Scalar* out) {
         if (next_is('"')) {
             out->plain = false;
-            return string(&out->text);
+            pos_++;
+            return string_rest(&out->text);
         }
         out->plain = true;
         if (pos_ < text_.size() &&
@@ -292,7 +341,8 @@ public:
                                                                : "null";
             out->text = word;
             pos_ += word.size();
-            return text_.substr(pos_ - word.size(), word.size()) == word;
+            return pos_ <= text_.size() &&
+                   same_short(text_.data() + pos_ - word.size(), word.data(), word.size());
         }
         const size_t start = pos_;
         while (pos_ < text_.size() && text_[pos_] >= '0' && text_[pos_] <= '9') {
@@ -310,14 +360,17 @@ public:
     // After a member or an item: true with `*done` when `close` ends the
     // object or list, true when a comma follows, false otherwise.
     bool after_item(char close, bool* done) {
-        *done = take(close);
-        return *done || take(',');
+        skip_space();
+        if (pos_ == text_.size() || (text_[pos_] != close && text_[pos_] != ',')) {
+            return false;
+        }
+        *done = text_[pos_++] == close;
+        return true;
     }
 
 private:
     void skip_space() {
-        while (pos_ < text_.size() && (text_[pos_] == ' ' || text_[pos_] == '\n' ||
-                                       text_[pos_] == '\r' || text_[pos_] == '\t')) {
+        while (pos_ < text_.size() && is_a(text_[pos_], kJsonSpace)) {
             pos_++;
         }
     }
@@ -420,12 +473,6 @@ bool read_json(std::string_view text, Collector* collector) {
 
 // ---- YAML: block mappings and sequences, one scalar a line.
 
-// A line with content: its indentation and the rest, trailing spaces cut.
-struct Line {
-    size_t indent = 0;
-    std::string_view body{};
-};
-
 // Where the line at `pos` ends (its newline or the end of the text), or npos
 // when it holds a byte outside printable ASCII: tabs, CR and UTF-8 are the
 // full reader's. Eight bytes a step while none is special.
@@ -447,204 +494,286 @@ size_t line_end(std::string_view text, size_t pos) {
     return pos;
 }
 
-// The lines of a text that hold more than blanks and a comment.
-class YamlLines {
-public:
-    explicit YamlLines(std::string_view text) : text_(text) {}
+// Sixteen bytes as bits (bit i for byte i): the spaces, the bytes outside
+// printable ASCII (one ends the line), and the bytes a plain key may not
+// hold (anything but letters, digits, _ . - and spaces).
+struct Block {
+    uint32_t space = 0;
+    uint32_t stop = 0;
+    uint32_t odd = 0;
+};
 
-    // The next such line, left for take(); false at the end.
-    bool peek(Line* line) {
-        while (!ready_ && pos_ < text_.size()) {
-            const size_t end = line_end(text_, pos_);
-            if (end == std::string_view::npos) {
-                failed_ = true;
-                return false;
-            }
-            size_t indent = pos_;
-            uint64_t word;
-            // Eight spaces a step: the indentation is mostly shorter.
-            while (indent + 8 <= end &&
-                   (memcpy(&word, text_.data() + indent, 8), word == kOnes * ' ')) {
-                indent += 8;
-            }
-            if (indent + 8 <= end) {
-                indent += static_cast<size_t>(__builtin_ctzll(word ^ (kOnes * ' ')) >> 3);
-            }
-            while (indent < end && text_[indent] == ' ') {
-                indent++;
-            }
-            size_t last = end;
-            while (last > indent && text_[last - 1] == ' ') {
-                last--;
-            }
-            if (last > indent && text_[indent] != '#') {
-                next_ = Line{indent - pos_, text_.substr(indent, last - indent)};
-                ready_ = true;
-            }
-            pos_ = end + 1;
-        }
-        *line = next_;
-        return ready_;
-    }
-    void take() { ready_ = false; }
-    // Whether a line held a byte this reader leaves to the full one.
-    bool failed() const { return failed_; }
+Block classify(const char* at) {
+    const __m128i c = _mm_loadu_si128(reinterpret_cast<const __m128i*>(at));
+    const auto is = [&c](char b) { return _mm_cmpeq_epi8(c, _mm_set1_epi8(b)); };
+    const auto within = [](__m128i v, char low, char high) {
+        return _mm_and_si128(_mm_cmpgt_epi8(v, _mm_set1_epi8(static_cast<char>(low - 1))),
+                             _mm_cmplt_epi8(v, _mm_set1_epi8(static_cast<char>(high + 1))));
+    };
+    // Bytes from 0x80 are negative: below 0x20 as well.
+    const __m128i stop = _mm_or_si128(_mm_cmplt_epi8(c, _mm_set1_epi8(0x20)), is(0x7f));
+    const __m128i space = is(' ');
+    const __m128i letter = within(_mm_or_si128(c, _mm_set1_epi8(0x20)), 'a', 'z');
+    const __m128i key =
+        _mm_or_si128(_mm_or_si128(letter, within(c, '0', '9')),
+                     _mm_or_si128(_mm_or_si128(within(c, '-', '.'), is('_')), space));
+    return Block{static_cast<uint32_t>(_mm_movemask_epi8(space)),
+                 static_cast<uint32_t>(_mm_movemask_epi8(stop)),
+                 static_cast<uint32_t>(_mm_movemask_epi8(key)) ^ 0xffffu};
+}
 
-    // The next line if it is indented exactly `indent`.
-    bool peek_at(size_t indent, Line* line) { return peek(line) && line->indent == indent; }
+// The bits from `from` up to (not including) `to`, both at most 63.
+uint64_t bits_between(size_t from, size_t to) {
+    return ((uint64_t{1} << to) - 1) & ~((uint64_t{1} << from) - 1);
+}
 
-private:
-    std::string_view text_;
-    size_t pos_ = 0;
-    Line next_{};
-    bool ready_ = false;
-    bool failed_ = false;
+// What follows a key's colon (or an item's dash) on its line; `bad` when
+// it is nothing this reader knows.
+enum class Inline { none, scalar, empty_mapping, empty_list, bad };
+
+// A line with content: its indentation, the rest with trailing spaces cut,
+// and what it says when it is "key: value" or "- value".
+struct Line {
+    size_t indent = 0;
+    std::string_view body{};
+    bool entry = false;
+    bool item = false;
+    Scalar key{};
+    Inline kind = Inline::bad;
+    Scalar value{};
 };
 
 // After a quoted scalar or a flow {} or []: nothing, or a comment.
 bool only_comment(std::string_view rest) {
-    return rest.empty() ||
-           (rest[0] == ' ' && rest.find_first_not_of(' ') != std::string_view::npos &&
-            rest[rest.find_first_not_of(' ')] == '#');
+    const size_t mark = rest.find_first_not_of(' ');
+    return rest.empty() || (rest[0] == ' ' && mark != std::string_view::npos && rest[mark] == '#');
 }
 
-// A single- or double-quoted scalar on one line, without escapes; `rest`
-// gets what follows the closing quote.
-bool yaml_quoted(std::string_view body, Scalar* out, std::string_view* rest) {
-    const char quote = body[0];
-    const size_t close = body.find(quote, 1);
+// A single- or double-quoted scalar at the start of `text`, without
+// escapes; `rest` gets what follows the closing quote.
+bool yaml_quoted(std::string_view text, Scalar* out, std::string_view* rest) {
+    const char quote = text[0];
+    const size_t close = text.find(quote, 1);
     if (close == std::string_view::npos) {
         return false;
     }
-    out->text = body.substr(1, close - 1);
+    out->text = text.substr(1, close - 1);
     out->plain = false;
-    *rest = body.substr(close + 1);
+    *rest = text.substr(close + 1);
     return quote == '\'' || out->text.find('\\') == std::string_view::npos;
 }
 
-// "key: rest" or "key:": a plain word (letters, digits, _ . - and inner
-// spaces) or a quoted key, then a colon and a space or the end.
-bool yaml_entry(std::string_view body, Scalar* key, std::string_view* rest) {
-    size_t colon = 0;
-    if (body[0] == '"' || body[0] == '\'') {
-        if (!yaml_quoted(body, key, rest) || rest->empty() || (*rest)[0] != ':') {
-            return false;
+// The lines of a text that hold more than blanks and a comment, each read
+// in one pass of 16-byte blocks: lines of content are at most 63 bytes,
+// longer ones (other than comments) are left to the full reader.
+class YamlLines {
+public:
+    explicit YamlLines(std::string_view text) : text_(text) {}
+
+    // The next such line, left for take(); null at the end or when a line
+    // is not for this reader (failed() then tells). Kept small: it is asked
+    // again for the same line as often as for a new one.
+    const Line* peek() {
+        if (!ready_ && !failed_ && pos_ < text_.size()) {
+            advance();
         }
-        colon = body.size() - rest->size();
-    } else {
-        if (!is_a(body[0], kWordByte)) {
-            return false;
-        }
-        while (colon < body.size() && is_a(body[colon], kKeyByte)) {
-            colon++;
-        }
-        if (colon == body.size() || body[colon] != ':' || body[colon - 1] == ' ') {
-            return false;
-        }
-        *key = Scalar{body.substr(0, colon), true};
+        return ready_ && !failed_ ? &line_ : nullptr;
     }
-    if (colon + 1 < body.size() && body[colon + 1] != ' ') {
+    void take() { ready_ = false; }
+    bool failed() const { return failed_; }
+
+    // The next line if it is indented exactly `indent`.
+    const Line* peek_at(size_t indent) {
+        const Line* line = peek();
+        return line != nullptr && line->indent == indent ? line : nullptr;
+    }
+
+private:
+    // The bits of the line at pos_ up to its end (`*length`, at most 63),
+    // or false with `*length` 64 when no end comes within 64 bytes.
+    bool scan(uint64_t* space, uint64_t* odd, size_t* length) const {
+        *space = 0;
+        *odd = 0;
+        const bool room = pos_ + 64 <= text_.size();
+        for (size_t k = 0; k < 64; k += 16) {
+            const char* at = text_.data() + pos_ + k;
+            char tail[16];
+            // The last block of the text, padded with line ends.
+            if (!room && pos_ + k + 16 > text_.size()) {
+                memset(tail, '\n', sizeof tail);
+                memcpy(tail, at, text_.size() - pos_ - k);
+                at = tail;
+            }
+            const Block block = classify(at);
+            *space |= uint64_t{block.space} << k;
+            *odd |= uint64_t{block.odd} << k;
+            if (block.stop != 0) {
+                *length = k + static_cast<size_t>(std::countr_zero(block.stop));
+                return true;
+            }
+        }
+        *length = 64;
         return false;
     }
-    size_t value = colon + 1;
-    while (value < body.size() && body[value] == ' ') {
-        value++;
-    }
-    *rest = body.substr(std::min(body.size(), value));
-    return true;
-}
 
-// What follows a key's colon on its line.
-enum class Inline { none, scalar, empty_mapping, empty_list };
-
-// A plain scalar: a word-like start, no flow or quote characters, no ": ",
-// a " #" starts a comment.
-bool yaml_plain(std::string_view rest, Scalar* out) {
-    if (!is_a(rest[0], kWordByte) && rest[0] != '~') {
-        return false;
-    }
-    size_t end = 0;
-    for (; end < rest.size(); end++) {
-        const char c = rest[end];
-        if (is_a(c, kQuietByte)) {
-            continue;
-        }
-        if (c == ' ' && end + 1 < rest.size() && rest[end + 1] == '#') {
-            break;
-        }
-        const bool colon_ends = c == ':' && (end + 1 == rest.size() || rest[end + 1] == ' ');
-        if (colon_ends || !is_a(c, kPlainByte)) {
-            return false;
+    // Reads lines until one has content, the text ends or a line fails.
+    [[gnu::noinline]] void advance() {
+        while (!ready_ && !failed_ && pos_ < text_.size()) {
+            failed_ = !read_line();
         }
     }
-    while (rest[end - 1] == ' ') {
-        end--;
-    }
-    *out = Scalar{rest.substr(0, end), true};
-    return true;
-}
 
-bool yaml_value(std::string_view rest, Inline* kind, Scalar* out) {
-    *kind = Inline::scalar;
-    if (rest.empty() || rest[0] == '#') {
-        *kind = Inline::none;
+    // Reads the line at pos_ into line_ (ready_ when it has content) and
+    // steps past it; false when it is not for this reader.
+    bool read_line() {
+        uint64_t space;
+        uint64_t odd;
+        size_t length;
+        const bool short_line = scan(&space, &odd, &length);
+        const char* p = text_.data() + pos_;
+        const size_t indent = static_cast<size_t>(std::countr_zero(~space));
+        if (!short_line) {
+            // Only a comment may run on; its end is found a word at a time.
+            const size_t end = line_end(text_, pos_ + 64);
+            pos_ = end == std::string_view::npos ? text_.size() : end + 1;
+            return indent < 64 && p[indent] == '#' && end != std::string_view::npos;
+        }
+        pos_ += length;
+        if (pos_ < text_.size() && text_[pos_++] != '\n') {
+            return false;  // tabs, CR and UTF-8 are the full reader's
+        }
+        const uint64_t content = ~space & bits_between(0, length);
+        if (content == 0 || p[indent] == '#') {
+            return true;
+        }
+        const size_t last = 64 - static_cast<size_t>(std::countl_zero(content));
+        // Key and value are set wherever they are read.
+        line_.indent = indent;
+        line_.body = std::string_view(p + indent, last - indent);
+        line_.entry = false;
+        line_.item = false;
+        line_.kind = Inline::bad;
+        ready_ = true;
+        read_entry(p, content, odd, last);
         return true;
     }
-    if (rest[0] == '"' || rest[0] == '\'') {
-        std::string_view after;
-        return yaml_quoted(rest, out, &after) && only_comment(after);
+
+    // Fills line_'s entry or item: the key, and what follows.
+    void read_entry(const char* p, uint64_t content, uint64_t odd, size_t last) {
+        const size_t indent = line_.indent;
+        size_t colon = 0;
+        if (p[indent] == '-' && (last == indent + 1 || p[indent + 1] == ' ')) {
+            line_.item = true;
+            colon = indent;
+        } else if (is_a(p[indent], kWordByte)) {
+            colon = static_cast<size_t>(std::countr_zero(odd & ~bits_between(0, indent)));
+            if (colon >= last || p[colon] != ':' || p[colon - 1] == ' ') {
+                return;
+            }
+            line_.key = Scalar{std::string_view(p + indent, colon - indent), true};
+        } else if (p[indent] == '"' || p[indent] == '\'') {
+            std::string_view rest;
+            if (!yaml_quoted(line_.body, &line_.key, &rest) || rest.empty() || rest[0] != ':') {
+                return;
+            }
+            colon = last - rest.size();
+        } else {
+            return;
+        }
+        if (colon + 1 < last && p[colon + 1] != ' ') {
+            return;
+        }
+        line_.entry = !line_.item;
+        const uint64_t after = content & ~bits_between(0, colon + 1);
+        line_.kind = after == 0 ? Inline::none
+                                : value(p, static_cast<size_t>(std::countr_zero(after)), odd, last);
     }
-    if (rest.starts_with("{}") || rest.starts_with("[]")) {
-        *kind = rest[0] == '{' ? Inline::empty_mapping : Inline::empty_list;
-        return only_comment(rest.substr(2));
+
+    // The value that starts at `v` and ends by `last`, into line_.value.
+    Inline value(const char* p, size_t v, uint64_t odd, size_t last) {
+        const std::string_view rest(p + v, last - v);
+        if (p[v] == '#') {
+            return Inline::none;
+        }
+        if (p[v] == '"' || p[v] == '\'') {
+            std::string_view after;
+            const bool read = yaml_quoted(rest, &line_.value, &after) && only_comment(after);
+            return read ? Inline::scalar : Inline::bad;
+        }
+        if (rest.starts_with("{}") || rest.starts_with("[]")) {
+            return !only_comment(rest.substr(2)) ? Inline::bad
+                   : p[v] == '{'                 ? Inline::empty_mapping
+                                                 : Inline::empty_list;
+        }
+        return plain(p, v, odd, last) ? Inline::scalar : Inline::bad;
     }
-    return yaml_plain(rest, out);
-}
+
+    // A plain scalar: a word-like start, no flow or quote characters, no
+    // ": ", and " #" starts a comment. Only the odd bytes need a look.
+    bool plain(const char* p, size_t v, uint64_t odd, size_t last) {
+        if (!is_a(p[v], kWordByte) && p[v] != '~') {
+            return false;
+        }
+        size_t end = last;
+        for (uint64_t left = odd & bits_between(v + 1, last); left != 0; left &= left - 1) {
+            const size_t at = static_cast<size_t>(std::countr_zero(left));
+            if (p[at] == '#' && p[at - 1] == ' ') {
+                end = at;
+                break;
+            }
+            const bool bad =
+                p[at] == ':' ? at + 1 == last || p[at + 1] == ' ' : !is_a(p[at], kPlainByte);
+            if (bad) {
+                return false;
+            }
+        }
+        while (p[end - 1] == ' ') {
+            end--;
+        }
+        line_.value = Scalar{std::string_view(p + v, end - v), true};
+        return true;
+    }
+
+    std::string_view text_;
+    size_t pos_ = 0;
+    Line line_{};
+    bool ready_ = false;
+    bool failed_ = false;
+};
 
 // Whether the line after a key with nothing after its colon starts a block
-// of its own: deeper, or a list at the key's own indentation.
-bool yaml_block_follows(YamlLines& lines, size_t key_indent, Line* first) {
-    if (!lines.peek(first)) {
-        return false;
-    }
-    const bool item = first->body[0] == '-' && (first->body.size() == 1 || first->body[1] == ' ');
-    return first->indent > key_indent || (first->indent == key_indent && item);
+// of its own: deeper, or a list at the key's own indentation. `*first` is
+// that line.
+bool yaml_block_follows(YamlLines& lines, size_t key_indent, const Line** first) {
+    *first = lines.peek();
+    const Line* line = *first;
+    return line != nullptr &&
+           (line->indent > key_indent || (line->indent == key_indent && line->item));
 }
 
-// The "- item" lines of a clear_services list, at the indentation of `first`.
-bool yaml_clear_services(YamlLines& lines, const Line& first, std::vector<std::string>* out) {
-    Line line;
-    while (lines.peek_at(first.indent, &line) && line.body.starts_with("- ")) {
+// The "- item" lines of a clear_services list, at the indentation `indent`.
+bool yaml_clear_services(YamlLines& lines, size_t indent, std::vector<std::string>* out) {
+    for (const Line* line;
+         (line = lines.peek_at(indent)) != nullptr && line->body.starts_with("- ");) {
         lines.take();
-        Inline kind;
-        Scalar item;
-        std::string_view rest = line.body.substr(2);
-        rest.remove_prefix(std::min(rest.size(), rest.find_first_not_of(' ')));
-        if (!yaml_value(rest, &kind, &item) || kind != Inline::scalar ||
-            !take_clear_service(item, out)) {
+        if (line->kind != Inline::scalar || !take_clear_service(line->value, out)) {
             return false;
         }
     }
     return true;
 }
 
-// Calls `member(key, kind, value)` for each "key: value" line of the block
-// mapping indented `indent`; stops at a line indented less. A line indented
-// more than the entries (a continued scalar) is not for this reader.
+// Calls `member(line)` for each "key: value" line of the block mapping
+// indented `indent`; stops at a line indented less. A line indented more
+// than the entries (a continued scalar) is not for this reader.
 template <typename Member>
 bool yaml_mapping(YamlLines& lines, size_t indent, Member member) {
-    Line line;
-    while (lines.peek(&line) && line.indent >= indent) {
-        Scalar key;
-        Scalar value;
-        std::string_view rest;
-        Inline kind;
-        if (line.indent != indent || !yaml_entry(line.body, &key, &rest) ||
-            !yaml_value(rest, &kind, &value)) {
+    for (const Line* line; (line = lines.peek()) != nullptr && line->indent >= indent;) {
+        if (line->indent != indent || !line->entry || line->kind == Inline::bad) {
             return false;
         }
         lines.take();
-        if (!member(key.text, kind, value)) {
+        if (!member(*line)) {
             return false;
         }
     }
@@ -652,91 +781,91 @@ bool yaml_mapping(YamlLines& lines, size_t indent, Member member) {
 }
 
 bool yaml_service(YamlLines& lines, size_t name_indent, DesiredService* service) {
-    Line first;
-    if (!yaml_block_follows(lines, name_indent, &first) || first.indent == name_indent) {
+    const Line* first;
+    if (!yaml_block_follows(lines, name_indent, &first) || first->indent == name_indent) {
         return false;
     }
+    const size_t indent = first->indent;
     SeenKeys seen;
-    const bool read =
-        yaml_mapping(lines, first.indent, [&](std::string_view key, Inline kind, Scalar value) {
-            const int index = seen.add(kServiceKeys, key);
-            if (index == kClearServices) {
-                Line items;
-                if (kind == Inline::empty_list) {
-                    return true;
-                }
-                return kind == Inline::none && yaml_block_follows(lines, first.indent, &items) &&
-                       yaml_clear_services(lines, items, &service->clear_services);
+    const bool read = yaml_mapping(lines, indent, [&](const Line& line) {
+        const int index = seen.add(kServiceKeys, line.key.text);
+        if (index == kClearServices) {
+            const Line* items;
+            if (line.kind == Inline::empty_list) {
+                return true;
             }
-            // Nothing after the colon is a null or a block: never a field's value.
-            return index >= 0 && kind == Inline::scalar &&
-                   Collector::service_field(index, value, service);
-        });
+            return line.kind == Inline::none && yaml_block_follows(lines, indent, &items) &&
+                   yaml_clear_services(lines, items->indent, &service->clear_services);
+        }
+        // Nothing after the colon is a null or a block: never a field's value.
+        return index >= 0 && line.kind == Inline::scalar &&
+               Collector::service_field(index, line.value, service);
+    });
     return read && seen.has(kTarget);
 }
 
-// The value of "services" or "proxy": null, or a block mapping read by
-// `block` from its indentation, or for services an empty {}.
+// The value of "services" or "proxy" (`line`): null, or a block mapping
+// read by `block` from its indentation, or for services an empty {}.
 template <typename Block>
-bool yaml_null_or_block(YamlLines& lines, Inline kind, Scalar value, bool empty_allowed,
-                        Block block) {
-    Line first;
-    switch (kind) {
+bool yaml_null_or_block(YamlLines& lines, const Line& line, bool empty_allowed, Block block) {
+    const Line* first;
+    switch (line.kind) {
         case Inline::scalar:
-            return is_null(value);
+            return is_null(line.value);
         case Inline::empty_mapping:
             return empty_allowed;
         case Inline::none:
             if (!yaml_block_follows(lines, 0, &first)) {
-                return true;
+                return !lines.failed();
             }
-            return first.indent > 0 && block(first.indent);
+            return first->indent > 0 && block(first->indent);
         default:
             return false;
     }
 }
 
 bool yaml_services(YamlLines& lines, size_t indent, Collector* collector) {
-    return yaml_mapping(lines, indent, [&](std::string_view name, Inline kind, Scalar) {
-        DesiredService* service = collector->add_service(name);
-        return service != nullptr && kind == Inline::none && yaml_service(lines, indent, service);
+    return yaml_mapping(lines, indent, [&](const Line& line) {
+        DesiredService* service = collector->add_service(line.key.text);
+        return service != nullptr && line.kind == Inline::none &&
+               yaml_service(lines, indent, service);
     });
 }
 
 bool yaml_proxy(YamlLines& lines, size_t indent, Collector* collector) {
     SeenKeys seen;
-    const bool read =
-        yaml_mapping(lines, indent, [&](std::string_view key, Inline kind, Scalar value) {
-            const int index = seen.add(kProxyKeys, key);
-            return index >= 0 && kind == Inline::scalar && collector->proxy_field(index, value);
-        });
+    const bool read = yaml_mapping(lines, indent, [&](const Line& line) {
+        const int index = seen.add(kProxyKeys, line.key.text);
+        return index >= 0 && line.kind == Inline::scalar &&
+               collector->proxy_field(index, line.value);
+    });
     return read && seen.has(kAddress) && seen.has(kType);
 }
 
 bool read_yaml(std::string_view text, Collector* collector) {
     YamlLines lines(text);
-    Line line;
-    if (lines.peek_at(0, &line) && line.body == "---") {
+    const Line* start = lines.peek_at(0);
+    if (start != nullptr && start->body == "---") {
         lines.take();
     }
     SeenKeys seen;
-    const bool read = yaml_mapping(lines, 0, [&](std::string_view key, Inline kind, Scalar value) {
-        switch (seen.add(kRootKeys, key)) {
+    const bool read = yaml_mapping(lines, 0, [&](const Line& line) {
+        switch (seen.add(kRootKeys, line.key.text)) {
             case kVersion:
-                return kind == Inline::scalar && Collector::version(value);
+                return line.kind == Inline::scalar && Collector::version(line.value);
             case kServices:
-                return yaml_null_or_block(lines, kind, value, true, [&](size_t indent) {
+                return yaml_null_or_block(lines, line, true, [&](size_t indent) {
                     return yaml_services(lines, indent, collector);
                 });
             case kProxy:
-                return yaml_null_or_block(lines, kind, value, false, [&](size_t indent) {
+                return yaml_null_or_block(lines, line, false, [&](size_t indent) {
                     return yaml_proxy(lines, indent, collector);
                 });
             default:
                 return false;
         }
     });
-    return read && !lines.peek(&line) && !lines.failed() && seen.has(kVersion);
+    return read && lines.peek() == nullptr && !lines.failed() && seen.has(kVersion);
 }
 
 }  // namespace
@@ -746,7 +875,7 @@ bool read_desired_state_quickly(std::string_view text, DesiredState* state) {
     if (start == std::string_view::npos) {
         return false;
     }
-    // An export spends about 80 bytes on a service.
-    Collector collector(state, text.size() / 64);
+    // An export spends 80 to 85 bytes on a service.
+    Collector collector(state, text.size() / 80);
     return text[start] == '{' ? read_json(text, &collector) : read_yaml(text, &collector);
 }

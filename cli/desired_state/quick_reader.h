@@ -9,7 +9,8 @@
 #include "cli/desired_state/desired_state.h"
 
 // Reads `text` when it is a JSON object, or YAML in block style (plain or
-// simply quoted scalars, comments, one "---"), of printable ASCII, that the
+// simply quoted scalars, comments, one "---", lines of content of at most
+// 63 bytes), of printable ASCII, that the
 // full reader accepts: `state` is then exactly what the full reader gives.
 // Anything else, including every file the full reader refuses, returns
 // false with `state` in no particular shape: the full reader then decides.

@@ -268,8 +268,22 @@ std::string without_throwing(Build build) noexcept {
 // "  unchanged service NAME": most lines of a large plan, so no temporaries.
 void add_unchanged_line(std::string_view name, std::string* out) {
     *out += "  unchanged service ";
-    *out += terminal_safe(name);
+    if (std::all_of(name.begin(), name.end(), [](char c) { return c >= 0x20 && c < 0x7F; })) {
+        *out += name;
+    } else {
+        *out += terminal_safe(name);
+    }
     *out += '\n';
+}
+
+// Room for the unchanged names' lines (as printable ASCII) and some more:
+// one allocation instead of a doubling string that touches twice the pages.
+size_t room_for(const Plan& plan) {
+    size_t room = 256 + 128 * plan.changes.size();
+    for (std::string_view name : plan.unchanged_names) {
+        room += name.size() + 21;
+    }
+    return room;
 }
 
 }  // namespace
@@ -279,6 +293,7 @@ void add_unchanged_line(std::string_view name, std::string* out) {
 std::string render_plan_text(const Plan& plan) {
     return without_throwing([&] {
         std::string out;
+        out.reserve(room_for(plan));
         bool names_written = plan.unchanged_names.empty();
         for (const Change& change : plan.changes) {
             const bool kept = change.action == ChangeAction::unchanged ||
@@ -300,7 +315,9 @@ std::string render_plan_text(const Plan& plan) {
         for (size_t i = 0; !names_written && i < plan.unchanged_names.size(); i++) {
             add_unchanged_line(plan.unchanged_names[i], &out);
         }
-        return out + summary_line(plan.summary) + "\n";
+        out += summary_line(plan.summary);
+        out += '\n';
+        return out;
     });
 }
 

@@ -81,6 +81,12 @@ TEST(Plan, ServicesTheFileDoesNotName) {
         R"({"object": "service", "service": "web", "action": "remove", "before": {"target": "1.2.3.4:80", "virtual_port": 80, "enabled": true, "status": "connected"}, "after": null})";
     EXPECT_EQ(changes(make_plan(desired("services: {}"), agent, true)),
               std::vector<std::string>{removed});
+    // As many entries as the file has, in place, but another name: no pairing.
+    Plan plan = make_plan(desired("services:\n  db: {target: 1.2.3.4:80}\n"),
+                          AgentSnapshot{.services = {web_in("connected")}}, false);
+    ASSERT_EQ(plan.changes.size(), 2u);
+    EXPECT_EQ(plan.changes[0].action, ChangeAction::create);
+    EXPECT_EQ(plan.changes[1].action, ChangeAction::not_managed);
 }
 
 TEST(Plan, ProxyActions) {

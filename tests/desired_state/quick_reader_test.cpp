@@ -45,6 +45,11 @@ TEST(QuickReader, TakesCommonShapesAsTheTreeReaderDoes) {
         "{\"version\": 1, \"services\": {}}",
         "{\"version\": 1, \"services\": {\"b\": {\"target\": \"1.2.3.4:80\", "
         "\"clear_services\": []}}}",
+        // a comment past 64 bytes, no newline at the end
+        "# " + std::string(100, 'c') + "\n" + kWeb + "    virtual_port: 65535",
+        "version: 1\nservices:  # all of them\n  web:\n    target: 10.0.0.1:8080\n",
+        // the longest line read in one pass: 63 bytes
+        "version: 1\nservices:\n  " + std::string(60, 'n') + ":\n    target: 0.0.0.0:1\n",
     };
     for (const std::string& text : cases) {
         EXPECT_TRUE(quick_agrees(text)) << text;
@@ -97,6 +102,14 @@ TEST(QuickReader, DeclinesWhatItDoesNotKnow) {
         "version: 1\nservices:\n  web:\n    target: 1.2.3.4:65536\n",
         "version: 1\nservices:\n  web:\n    target: 1.2.3:80\n",
         "version: 1\nservices:\n  web:\n    target: ~\n",
+        "version: 1\nservices:\n  web:\n    target: 01.2.3.4:80\n",
+        "version: 1\nservices:\n  web:\n    target: 1.2.3.4:0\n",
+        "version: 1\nservices:\n  web:\n    target: 1.2.3.4.5:80\n",
+        "version: 1\nservices:\n  web:\n    target: 1.2.3.4:80:1\n",
+        kWeb + "    virtual_port: 65536\n",
+        kWeb + "    virtual_port: 08\n",
+        // a line of content past 63 bytes is the tree reader's
+        kWeb + "    enabled: true  # " + std::string(60, 'c') + "\n",
         "version: 1\nservices:\n  " + std::string(256, 'n') + ":\n    target: 1.2.3.4:80\n",
         "version: 1\nservices: []\n",
         "version: 1\nproxy: {}\n",
@@ -119,6 +132,8 @@ TEST(QuickReader, DeclinesWhatItDoesNotKnow) {
         "{\"version\": 1, \"services\": {\"a\": {\"target\": \"1.2.3.4:80\", "
         "\"enabled\": nul}}}",
         "{\"version\": 1, \"services\": []}",
+        "{\"version\": 1, \"services\": {\"a\": {\"target\": \"1.2.3.4:80\", \"enabled\": tru",
+        "{\"version\": 1, \"services\": {\"a",
     };
     for (const std::string& text : cases) {
         EXPECT_FALSE(quick_agrees(text)) << text;
