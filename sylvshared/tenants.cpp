@@ -45,52 +45,53 @@ void read_number(const Node& value, TenantNumber& field) {
     }
 }
 
-// True when the member's key is `key`; sizes are compared by the caller.
-template <size_t N>
-bool named(const Member& member, const char (&key)[N]) {
-    return memcmp(member.key, key, N - 1) == 0;
+// Where a member's value goes: at most one of the three is set.
+struct Target {
+    TenantText* text = nullptr;
+    TenantNumber* number = nullptr;
+    int* ack = nullptr;
+};
+
+// The field a key names (sizes first: one comparison per key at most
+// two), or none. Inlined: the plain reading calls it once a member.
+[[gnu::always_inline]] inline Target target_of(const char* key, size_t size, TenantFields& fields) {
+    const auto is = [key](const char* name, size_t n) { return memcmp(key, name, n) == 0; };
+    switch (size) {
+        case 3:
+            return is("ack", 3) ? Target{nullptr, nullptr, &fields.ack} : Target{};
+        case 4:
+            return is("uuid", 4)   ? Target{&fields.uuid}
+                   : is("port", 4) ? Target{nullptr, &fields.port}
+                                   : Target{};
+        case 6:
+            return is("status", 6)   ? Target{&fields.status}
+                   : is("reason", 6) ? Target{&fields.reason}
+                                     : Target{};
+        case 10:
+            return is("ip_address", 10) ? Target{&fields.ip_address} : Target{};
+        case 11:
+            return is("tenant_name", 11) ? Target{&fields.name} : Target{};
+        case 12:
+            return is("synchronized", 12)   ? Target{&fields.synchronized}
+                   : is("virtual_port", 12) ? Target{nullptr, &fields.virtual_port}
+                                            : Target{};
+        case 13:
+            return is("onion_address", 13) ? Target{&fields.onion_address} : Target{};
+        default:
+            return {};
+    }
 }
 
-// Stores one member when it is a wanted field.
+// Stores one parsed member when it is a wanted field.
 void pick(const Member& member, TenantFields& fields) {
     const Node& value = member.value;
-    switch (member.key_size) {
-        case 3:
-            if (named(member, "ack"))
-                fields.ack = value.kind != Kind::Boolean ? -1 : value.boolean ? 1 : 0;
-            break;
-        case 4:
-            if (named(member, "uuid"))
-                read_text(value, fields.uuid);
-            else if (named(member, "port"))
-                read_number(value, fields.port);
-            break;
-        case 6:
-            if (named(member, "status"))
-                read_text(value, fields.status);
-            else if (named(member, "reason"))
-                read_text(value, fields.reason);
-            break;
-        case 10:
-            if (named(member, "ip_address"))
-                read_text(value, fields.ip_address);
-            break;
-        case 11:
-            if (named(member, "tenant_name"))
-                read_text(value, fields.name);
-            break;
-        case 12:
-            if (named(member, "synchronized"))
-                read_text(value, fields.synchronized);
-            else if (named(member, "virtual_port"))
-                read_number(value, fields.virtual_port);
-            break;
-        case 13:
-            if (named(member, "onion_address"))
-                read_text(value, fields.onion_address);
-            break;
-        default:
-            break;
+    const Target target = target_of(member.key, member.key_size, fields);
+    if (target.text != nullptr) {
+        read_text(value, *target.text);
+    } else if (target.number != nullptr) {
+        read_number(value, *target.number);
+    } else if (target.ack != nullptr) {
+        *target.ack = value.kind != Kind::Boolean ? -1 : value.boolean ? 1 : 0;
     }
 }
 
@@ -314,43 +315,6 @@ private:
             default:
                 node->kind = Kind::Integer;
                 return integer(&node->integer);
-        }
-    }
-
-    // Where a member's value goes: at most one of the three is set.
-    struct Target {
-        TenantText* text = nullptr;
-        TenantNumber* number = nullptr;
-        int* ack = nullptr;
-    };
-
-    // The field a key names (sizes first: one comparison per key at most
-    // two), or none.
-    static Target target_of(const char* key, size_t size, TenantFields& fields) {
-        const auto is = [key](const char* name, size_t n) { return memcmp(key, name, n) == 0; };
-        switch (size) {
-            case 3:
-                return is("ack", 3) ? Target{nullptr, nullptr, &fields.ack} : Target{};
-            case 4:
-                return is("uuid", 4)   ? Target{&fields.uuid}
-                       : is("port", 4) ? Target{nullptr, &fields.port}
-                                       : Target{};
-            case 6:
-                return is("status", 6)   ? Target{&fields.status}
-                       : is("reason", 6) ? Target{&fields.reason}
-                                         : Target{};
-            case 10:
-                return is("ip_address", 10) ? Target{&fields.ip_address} : Target{};
-            case 11:
-                return is("tenant_name", 11) ? Target{&fields.name} : Target{};
-            case 12:
-                return is("synchronized", 12)   ? Target{&fields.synchronized}
-                       : is("virtual_port", 12) ? Target{nullptr, &fields.virtual_port}
-                                                : Target{};
-            case 13:
-                return is("onion_address", 13) ? Target{&fields.onion_address} : Target{};
-            default:
-                return {};
         }
     }
 
