@@ -50,24 +50,29 @@ void append_escape(std::string& out, uint32_t code_point) {
     out += escaped;
 }
 
-// Agent text for a terminal: dangerous characters and bytes that are not
-// UTF-8 as \xNN or \uNNNN, the rest as it is.
-std::string terminal_safe(std::string_view text) {
+// Agent text for a terminal, appended to `out`: dangerous characters and
+// bytes that are not UTF-8 as \xNN or \uNNNN, the rest as it is.
+void append_for_terminal(std::string_view text, std::string* out) {
     if (std::all_of(text.begin(), text.end(), [](char c) { return c >= 0x20 && c < 0x7F; })) {
-        return std::string(text);  // printable ASCII, the common case, as it is
+        *out += text;  // printable ASCII, the common case, as it is
+        return;
     }
-    std::string out;
     for (size_t i = 0; i < text.size();) {
         uint32_t code_point = 0;
         bool valid = false;
         size_t length = next_code_point(text, i, &code_point, &valid);
         if (!valid || is_dangerous(code_point)) {
-            append_escape(out, code_point);
+            append_escape(*out, code_point);
         } else {
-            out.append(text.substr(i, length));
+            out->append(text.substr(i, length));
         }
         i += length;
     }
+}
+
+std::string terminal_safe(std::string_view text) {
+    std::string out;
+    append_for_terminal(text, &out);
     return out;
 }
 
@@ -268,11 +273,7 @@ std::string without_throwing(Build build) noexcept {
 // "  unchanged service NAME": most lines of a large plan, so no temporaries.
 void add_unchanged_line(std::string_view name, std::string* out) {
     *out += "  unchanged service ";
-    if (std::all_of(name.begin(), name.end(), [](char c) { return c >= 0x20 && c < 0x7F; })) {
-        *out += name;
-    } else {
-        *out += terminal_safe(name);
-    }
+    append_for_terminal(name, out);
     *out += '\n';
 }
 
