@@ -128,39 +128,75 @@ bool is_null(Scalar value) {
                             (t[2] | 32) == 'l' && (t[3] | 32) == 'l'));
 }
 
-// "a.b.c.d:port" in one pass: four decimals 0-255 and one 1-65535, none with
-// a leading zero. It takes only what the strict endpoint reading takes, with
-// the same address and port.
+// A port at `p`: 1 to 5 digits, none leading with a zero, 1-65535. The
+// byte after it, or null. Reads up to six bytes: the caller keeps them there.
+const char* port_at(const char* p, uint32_t* port) {
+    uint32_t number = 0;
+    const char* q = p;
+    for (uint32_t digit; q - p < 6 && (digit = static_cast<uint8_t>(*q) - uint32_t{'0'}) < 10;
+         q++) {
+        number = number * 10 + digit;
+    }
+    if (q == p || q - p > 5 || *p == '0' || number > 65535) {
+        return nullptr;
+    }
+    *port = number;
+    return q;
+}
+
+// One part of an address at `p`: 1 to 3 digits, none leading with a zero,
+// at most 255; the byte after it, or null. Reads three bytes.
+const char* octet_at(const char* p) {
+    const uint32_t a = static_cast<uint8_t>(p[0]) - uint32_t{'0'};
+    const uint32_t b = static_cast<uint8_t>(p[1]) - uint32_t{'0'};
+    const uint32_t c = static_cast<uint8_t>(p[2]) - uint32_t{'0'};
+    if (a > 9) {
+        return nullptr;
+    }
+    if (b > 9) {
+        return p + 1;
+    }
+    if (a == 0) {
+        return nullptr;
+    }
+    if (c > 9) {
+        return p + 2;
+    }
+    return a * 100 + b * 10 + c <= 255 ? p + 3 : nullptr;
+}
+
+// "a.b.c.d:port" at `p`, straight through: four parts 0-255 and a port
+// 1-65535, none with a leading zero. The byte after the port, or null;
+// `*colon` is where the address ends. Reads up to 24 bytes.
+const char* endpoint_at(const char* p, const char** colon, uint32_t* port) {
+    const char* q = p;
+    for (const char separator : {'.', '.', '.', ':'}) {
+        q = octet_at(q);
+        if (q == nullptr || *q != separator) {
+            return nullptr;
+        }
+        q++;
+    }
+    *colon = q - 1;
+    return port_at(q, port);
+}
+
+// The strict endpoint reading of a scalar, on a padded copy so that the
+// straight parse may look past its end.
 bool take_endpoint(Scalar value, Endpoint* endpoint) {
     const std::string_view text = value.text;
-    uint32_t number = 0;
-    size_t digits = 0;
-    size_t parts = 0;  // the dots and the colon behind
-    size_t colon = 0;
-    // Each part is judged at its end, so the loop over digits stays short.
-    const auto part_ends = [&](size_t at, size_t most, uint32_t top) {
-        return digits != 0 && digits <= most && number <= top &&
-               (digits == 1 || text[at - digits] != '0');
-    };
-    for (size_t i = 0; i < text.size(); i++) {
-        const auto digit = static_cast<uint32_t>(text[i] - '0');
-        if (digit < 10) {
-            number = number * 10 + digit;
-            digits++;
-        } else if (parts < 4 && text[i] == (parts < 3 ? '.' : ':') && part_ends(i, 3, 255)) {
-            colon = i;
-            parts++;
-            number = 0;
-            digits = 0;
-        } else {
-            return false;
-        }
-    }
-    if (parts != 4 || number == 0 || !part_ends(text.size(), 5, 65535)) {
+    char padded[32] = {};
+    if (text.size() > 21) {  // "255.255.255.255:65535"
         return false;
     }
-    endpoint->address.assign(text.data(), colon);
-    endpoint->port = static_cast<uint16_t>(number);
+    memcpy(padded, text.data(), text.size());
+    const char* colon = nullptr;
+    uint32_t port = 0;
+    if (endpoint_at(padded, &colon, &port) != padded + text.size()) {
+        return false;
+    }
+    endpoint->address.assign(text.data(), static_cast<size_t>(colon - padded));
+    endpoint->port = static_cast<uint16_t>(port);
     return true;
 }
 
@@ -211,6 +247,24 @@ bool take_proxy_type(Scalar value, std::string* type) {
     return *type == "HTTP" || *type == "HTTPS" || *type == "SOCKS5";
 }
 
+// A service's fields as its straight-through reading finds them; `seen`
+// holds a bit for each ServiceKey read.
+struct QuickFields {
+    std::string_view address{};
+    uint16_t port = 0;
+    std::optional<uint16_t> virtual_port{};
+    std::optional<bool> enabled{};
+    unsigned seen = 0;
+
+    // Marks `key` seen; false when it was already.
+    bool first(int key) {
+        const unsigned bit = 1u << key;
+        const bool again = (seen & bit) != 0;
+        seen |= bit;
+        return !again;
+    }
+};
+
 // What both syntaxes fill: the state, and the names seen so far (views
 // into the text, which outlives the reading).
 class Collector {
@@ -229,6 +283,22 @@ public:
         }
         state_->services.emplace_back().name.assign(name);
         return &state_->services.back();
+    }
+
+    // A whole service read straight through; false, with nothing added, when
+    // the name is empty, too long or seen before (the slow way refuses it).
+    bool add_quick(std::string_view name, const QuickFields& fields) {
+        const auto index = static_cast<uint32_t>(state_->services.size());
+        if (name.empty() || name.size() > kMaxNameLength || !names_.add(name, index)) {
+            return false;
+        }
+        DesiredService& service = state_->services.emplace_back();
+        service.name.assign(name);
+        service.target.address.assign(fields.address);
+        service.target.port = fields.port;
+        service.virtual_port = fields.virtual_port;
+        service.enabled = fields.enabled;
+        return true;
     }
 
     // Sets one field of `service`; `key` as SeenKeys gave it.
@@ -266,6 +336,241 @@ private:
     DesiredState* state_;
     NameIndex names_;
 };
+
+// ---- Services in the shape --export writes, read straight through.
+//
+// Each reader below takes one service whole or declines with nothing
+// changed, and the general reader then reads it. They look ahead without
+// bound checks: their callers leave them kYamlReach / kJsonReach bytes.
+
+__m128i load16(const char* at) {
+    return _mm_loadu_si128(reinterpret_cast<const __m128i*>(at));
+}
+
+// Byte by byte: whether `low` <= byte <= `high` (both below 0x80).
+__m128i bytes_within(__m128i bytes, char low, char high) {
+    return _mm_and_si128(_mm_cmpgt_epi8(bytes, _mm_set1_epi8(static_cast<char>(low - 1))),
+                         _mm_cmplt_epi8(bytes, _mm_set1_epi8(static_cast<char>(high + 1))));
+}
+
+// The spaces at `at`, up to 16.
+size_t indent_at(const char* at) {
+    const auto spaces =
+        static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(load16(at), _mm_set1_epi8(' '))));
+    return static_cast<size_t>(std::countr_zero(~spaces));
+}
+
+// The bytes at `at` up to the first that is not a letter, digit, _ . or -;
+// at most 64.
+size_t name_run(const char* at) {
+    for (size_t k = 0; k < 64; k += 16) {
+        const __m128i c = load16(at + k);
+        const __m128i letter = bytes_within(_mm_or_si128(c, _mm_set1_epi8(0x20)), 'a', 'z');
+        const __m128i other = _mm_or_si128(
+            _mm_or_si128(bytes_within(c, '0', '9'), letter),
+            _mm_or_si128(bytes_within(c, '-', '.'), _mm_cmpeq_epi8(c, _mm_set1_epi8('_'))));
+        const auto stops = static_cast<uint32_t>(_mm_movemask_epi8(other)) ^ 0xffffu;
+        if (stops != 0) {
+            return k + static_cast<size_t>(std::countr_zero(stops));
+        }
+    }
+    return 64;
+}
+
+// The bytes of the 16 at `at` that end a JSON string read as it lies: the
+// quote, the backslash, and everything outside printable ASCII.
+uint32_t json_string_stops(const char* at) {
+    const __m128i c = load16(at);
+    const __m128i stop = _mm_or_si128(_mm_or_si128(_mm_cmplt_epi8(c, _mm_set1_epi8(0x20)),
+                                                   _mm_cmpeq_epi8(c, _mm_set1_epi8(0x7f))),
+                                      _mm_or_si128(_mm_cmpeq_epi8(c, _mm_set1_epi8('"')),
+                                                   _mm_cmpeq_epi8(c, _mm_set1_epi8('\\'))));
+    return static_cast<uint32_t>(_mm_movemask_epi8(stop));
+}
+
+// The bytes at `at` up to the first that ends a JSON string; at most 64.
+size_t json_string_run(const char* at) {
+    for (size_t k = 0; k < 64; k += 16) {
+        const uint32_t stops = json_string_stops(at + k);
+        if (stops != 0) {
+            return k + static_cast<size_t>(std::countr_zero(stops));
+        }
+    }
+    return 64;
+}
+
+// `true` or `false` at `p`: the byte after it, or null.
+const char* boolean_at(const char* p, std::optional<bool>* flag) {
+    if (same_short(p, "true", 4)) {
+        *flag = true;
+        return p + 4;
+    }
+    if (same_short(p, "false", 5)) {
+        *flag = false;
+        return p + 5;
+    }
+    return nullptr;
+}
+
+// The target's address and port at `p` into `fields`: the byte after the
+// port, or null.
+const char* quick_target(const char* p, QuickFields* fields) {
+    const char* colon = nullptr;
+    uint32_t port = 0;
+    const char* end = endpoint_at(p, &colon, &port);
+    if (end != nullptr) {
+        fields->address = std::string_view(p, static_cast<size_t>(colon - p));
+        fields->port = static_cast<uint16_t>(port);
+    }
+    return end;
+}
+
+// A virtual port at `p` into `fields`: the byte after it, or null.
+const char* quick_port(const char* p, QuickFields* fields) {
+    uint32_t port = 0;
+    const char* end = port_at(p, &port);
+    if (end != nullptr) {
+        fields->virtual_port = static_cast<uint16_t>(port);
+    }
+    return end;
+}
+
+// The reach of yaml_quick_service: a name line of at most 65 bytes with 64
+// looked at, three fields of at most 51, and a look at the next line.
+constexpr size_t kYamlReach = 320;
+
+// One "key: value" line of a service at `k`, its key: the byte after its
+// line end, or null unless it is a target, virtual port or enabled flag
+// not seen before, its value plain and nothing after it.
+const char* yaml_quick_field(const char* k, QuickFields* fields) {
+    const char* end = nullptr;
+    switch (k[0]) {
+        case 't':
+            end = same_short(k, "target: ", 8) && fields->first(kTarget)
+                      ? quick_target(k + 8, fields)
+                      : nullptr;
+            break;
+        case 'v':
+            end = same_short(k, "virtual_port: ", 14) && fields->first(kVirtualPort)
+                      ? quick_port(k + 14, fields)
+                      : nullptr;
+            break;
+        case 'e':
+            end = same_short(k, "enabled: ", 9) && fields->first(kServiceEnabled)
+                      ? boolean_at(k + 9, &fields->enabled)
+                      : nullptr;
+            break;
+        default:
+            break;
+    }
+    return end != nullptr && *end == '\n' ? end + 1 : nullptr;
+}
+
+// The service whose name line starts at `p`, indented `indent`: a plain
+// name of letters, digits, _ . - and its colon alone, then its fields one
+// a line at one deeper indentation, then a line of content indented less.
+// The byte after its last field line, or null when it is not that shape.
+const char* yaml_quick_service(const char* p, size_t indent, Collector* collector) {
+    const char* name = p + indent;
+    const size_t length = name_run(name);
+    if (indent_at(p) != indent || !is_a(name[0], kWordByte) || length > 48 || name[length] != ':' ||
+        name[length + 1] != '\n') {
+        return nullptr;
+    }
+    const char* line = name + length + 2;
+    const size_t deeper = indent_at(line);
+    if (deeper <= indent || deeper >= 16) {
+        return nullptr;
+    }
+    QuickFields fields;
+    size_t at = deeper;
+    for (; at == deeper; at = indent_at(line)) {
+        line = yaml_quick_field(line + deeper, &fields);
+        if (line == nullptr) {
+            return nullptr;
+        }
+    }
+    // A blank or comment line may hide more fields: the general reader's.
+    const bool ends = at < deeper && line[at] != '#' && line[at] != '\n';
+    return ends && (fields.seen & (1u << kTarget)) != 0 &&
+                   collector->add_quick(std::string_view(name, length), fields)
+               ? line
+               : nullptr;
+}
+
+// The reach of json_quick_service: a name of 64 bytes with its quote,
+// eleven runs of white space of 16, three fields of at most 40 bytes.
+constexpr size_t kJsonReach = 512;
+
+// Up to 16 bytes of JSON white space at `p`: the first byte after them.
+const char* json_space(const char* p) {
+    for (int i = 0; i < 16 && is_a(*p, kJsonSpace); i++) {
+        p++;
+    }
+    return p;
+}
+
+// A colon between white space at `p`: the byte after, or null.
+const char* json_colon(const char* p) {
+    p = json_space(p);
+    return *p == ':' ? json_space(p + 1) : nullptr;
+}
+
+// One member of a service at `k`, just after its key's opening quote: the
+// byte after its value, or null unless it is a target string, a virtual
+// port or an enabled flag not seen before.
+const char* json_quick_field(const char* k, QuickFields* fields) {
+    const char* value = nullptr;
+    switch (k[0]) {
+        case 't':
+            value = same_short(k, "target\"", 7) && fields->first(kTarget) ? json_colon(k + 7)
+                                                                           : nullptr;
+            if (value != nullptr && *value == '"') {
+                const char* end = quick_target(value + 1, fields);
+                return end != nullptr && *end == '"' ? end + 1 : nullptr;
+            }
+            return nullptr;
+        case 'v':
+            value = same_short(k, "virtual_port\"", 13) && fields->first(kVirtualPort)
+                        ? json_colon(k + 13)
+                        : nullptr;
+            return value != nullptr ? quick_port(value, fields) : nullptr;
+        case 'e':
+            value = same_short(k, "enabled\"", 8) && fields->first(kServiceEnabled)
+                        ? json_colon(k + 8)
+                        : nullptr;
+            return value != nullptr ? boolean_at(value, &fields->enabled) : nullptr;
+        default:
+            return nullptr;
+    }
+}
+
+// The member at `p` of the services' object, white space first: a name
+// without escapes, then an object of target, virtual port and enabled
+// flag. The byte after its closing brace, or null when it is not that shape.
+const char* json_quick_service(const char* p, Collector* collector) {
+    p = json_space(p);
+    const char* name = p + 1;
+    const size_t length = json_string_run(name);
+    if (*p != '"' || name[length] != '"' || (p = json_colon(name + length + 1)) == nullptr ||
+        *p != '{') {
+        return nullptr;
+    }
+    QuickFields fields;
+    for (p = json_space(p + 1);; p = json_space(p + 1)) {
+        if (*p != '"' || (p = json_quick_field(p + 1, &fields)) == nullptr) {
+            return nullptr;
+        }
+        p = json_space(p);
+        if (*p != ',') {
+            break;
+        }
+    }
+    return *p == '}' && (fields.seen & (1u << kTarget)) != 0 &&
+                   collector->add_quick(std::string_view(name, length), fields)
+               ? p + 1
+               : nullptr;
+}
 
 // ---- JSON: any object of the format's shape, strings without escapes.
 
@@ -307,12 +612,7 @@ public:
                 memcpy(tail, at, text_.size() - pos_);
                 at = tail;
             }
-            const __m128i c = _mm_loadu_si128(reinterpret_cast<const __m128i*>(at));
-            const __m128i stop = _mm_or_si128(_mm_or_si128(_mm_cmplt_epi8(c, _mm_set1_epi8(0x20)),
-                                                           _mm_cmpeq_epi8(c, _mm_set1_epi8(0x7f))),
-                                              _mm_or_si128(_mm_cmpeq_epi8(c, _mm_set1_epi8('"')),
-                                                           _mm_cmpeq_epi8(c, _mm_set1_epi8('\\'))));
-            const auto bits = static_cast<uint32_t>(_mm_movemask_epi8(stop));
+            const uint32_t bits = json_string_stops(at);
             if (bits != 0) {
                 pos_ += static_cast<size_t>(std::countr_zero(bits));
                 break;
@@ -352,6 +652,19 @@ public:
         const bool more =
             pos_ < text_.size() && (text_[pos_] == '.' || text_[pos_] == 'e' || text_[pos_] == 'E');
         return !out->text.empty() && out->text.size() <= 9 && out->text[0] != '0' && !more;
+    }
+
+    // The next member of the services' object when json_quick_service takes
+    // it; false, with nothing read, when not.
+    bool quick_service(Collector* collector) {
+        if (text_.size() - pos_ < kJsonReach) {
+            return false;
+        }
+        const char* end = json_quick_service(text_.data() + pos_, collector);
+        if (end != nullptr) {
+            pos_ = static_cast<size_t>(end - text_.data());
+        }
+        return end != nullptr;
     }
 
     // A key and its colon.
@@ -427,6 +740,31 @@ bool json_service(JsonCursor& json, DesiredService* service) {
     return read && seen.has(kTarget);
 }
 
+// The services' object: each member straight through when it has the
+// common shape, else key by key.
+bool json_services(JsonCursor& json, Collector* collector) {
+    if (!json.take('{')) {
+        return false;
+    }
+    if (json.take('}')) {
+        return true;
+    }
+    for (bool done = false; !done;) {
+        if (!json.quick_service(collector)) {
+            std::string_view name;
+            DesiredService* service = nullptr;
+            if (!json.key(&name) || (service = collector->add_service(name)) == nullptr ||
+                !json_service(json, service)) {
+                return false;
+            }
+        }
+        if (!json.after_item('}', &done)) {
+            return false;
+        }
+    }
+    return true;
+}
+
 // A null, or an object whose members `object` reads.
 template <typename Object>
 bool json_null_or(JsonCursor& json, Object object) {
@@ -456,12 +794,7 @@ bool read_json(std::string_view text, Collector* collector) {
             case kVersion:
                 return json.scalar(&value) && Collector::version(value);
             case kServices:
-                return json_null_or(json, [&] {
-                    return json_object(json, [&](std::string_view name) {
-                        DesiredService* service = collector->add_service(name);
-                        return service != nullptr && json_service(json, service);
-                    });
-                });
+                return json_null_or(json, [&] { return json_services(json, collector); });
             case kProxy:
                 return json_null_or(json, [&] { return json_proxy(json, collector); });
             default:
@@ -582,6 +915,23 @@ public:
     void take() { ready_ = false; }
     bool failed() const { return failed_; }
 
+    // The service at the next line when yaml_quick_service takes it (a line
+    // already looked at is read again); false, with nothing read, when not.
+    bool quick_service(size_t indent, Collector* collector) {
+        if (ready_ && !failed_) {
+            pos_ = line_start_;
+            ready_ = false;
+        }
+        if (ready_ || failed_ || text_.size() - pos_ < kYamlReach) {
+            return false;
+        }
+        const char* end = yaml_quick_service(text_.data() + pos_, indent, collector);
+        if (end != nullptr) {
+            pos_ = static_cast<size_t>(end - text_.data());
+        }
+        return end != nullptr;
+    }
+
     // The next line if it is indented exactly `indent`.
     const Line* peek_at(size_t indent) {
         const Line* line = peek();
@@ -647,6 +997,7 @@ private:
             return true;
         }
         const size_t last = 64 - static_cast<size_t>(std::countl_zero(content));
+        line_start_ = static_cast<size_t>(p - text_.data());
         // Key and value are set wherever they are read.
         line_.indent = indent;
         line_.body = std::string_view(p + indent, last - indent);
@@ -737,6 +1088,7 @@ private:
     std::string_view text_;
     size_t pos_ = 0;
     Line line_{};
+    size_t line_start_ = 0;  // of the line in line_
     bool ready_ = false;
     bool failed_ = false;
 };
@@ -824,12 +1176,26 @@ bool yaml_null_or_block(YamlLines& lines, const Line& line, bool empty_allowed, 
     }
 }
 
+// The services' block mapping, indented `indent`: each service straight
+// through when it has the common shape, else line by line.
 bool yaml_services(YamlLines& lines, size_t indent, Collector* collector) {
-    return yaml_mapping(lines, indent, [&](const Line& line) {
-        DesiredService* service = collector->add_service(line.key.text);
-        return service != nullptr && line.kind == Inline::none &&
-               yaml_service(lines, indent, service);
-    });
+    for (;;) {
+        if (lines.quick_service(indent, collector)) {
+            continue;
+        }
+        const Line* line = lines.peek();
+        if (line == nullptr || line->indent < indent) {
+            return true;
+        }
+        if (line->indent != indent || !line->entry || line->kind != Inline::none) {
+            return false;
+        }
+        lines.take();
+        DesiredService* service = collector->add_service(line->key.text);
+        if (service == nullptr || !yaml_service(lines, indent, service)) {
+            return false;
+        }
+    }
 }
 
 bool yaml_proxy(YamlLines& lines, size_t indent, Collector* collector) {
