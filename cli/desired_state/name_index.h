@@ -62,22 +62,55 @@ private:
         return capacity;
     }
 
+    static uint64_t load8(const char* at) {
+        uint64_t word;
+        memcpy(&word, at, 8);
+        return word;
+    }
+    static uint32_t load4(const char* at) {
+        uint32_t word;
+        memcpy(&word, at, 4);
+        return word;
+    }
+
+    // The last bytes of a name (up to eight) as one word, by loads of a
+    // fixed size: a call to memcpy would cost more than the rest of hash().
+    static uint64_t tail_word(const char* data, size_t size) {
+        if (size >= 8) {
+            return load8(data + size - 8);
+        }
+        if (size >= 4) {
+            return load4(data) | uint64_t{load4(data + size - 4)} << 32;
+        }
+        if (size > 0) {
+            return static_cast<uint8_t>(data[0]) | static_cast<uint8_t>(data[size / 2]) << 8 |
+                   static_cast<uint8_t>(data[size - 1]) << 16;
+        }
+        return 0;
+    }
+
     // Eight bytes a step: names are short, and only spread matters here.
     static uint64_t hash(std::string_view name) {
         uint64_t h = name.size() * 0x9e3779b97f4a7c15ull;
-        size_t i = 0;
-        for (; i + 8 <= name.size(); i += 8) {
-            uint64_t word;
-            memcpy(&word, name.data() + i, 8);
-            h = (h ^ word) * 0xff51afd7ed558ccdull;
+        for (size_t i = 0; i + 8 < name.size(); i += 8) {
+            h = (h ^ load8(name.data() + i)) * 0xff51afd7ed558ccdull;
             h ^= h >> 32;
         }
-        uint64_t tail = 0;
-        if (i < name.size()) {
-            memcpy(&tail, name.data() + i, name.size() - i);
-        }
-        h = (h ^ tail) * 0xc4ceb9fe1a85ec53ull;
+        // The tail's last bytes sit in its high bits: fold them down before
+        // the low bits are taken as the slot.
+        h = (h ^ tail_word(name.data(), name.size())) * 0xff51afd7ed558ccdull;
+        h = (h ^ (h >> 32)) * 0xc4ceb9fe1a85ec53ull;
         return h ^ (h >> 29);
+    }
+
+    // Whether a slot's name is `name`: the last word first, as names that
+    // share a prefix differ there, and no call for short names.
+    static bool same_name(const Slot& slot, std::string_view name) {
+        const size_t size = name.size();
+        if (slot.size != size || tail_word(slot.data, size) != tail_word(name.data(), size)) {
+            return false;
+        }
+        return size <= 8 || memcmp(slot.data, name.data(), size - 8) == 0;
     }
 
     // The slot holding `name`, or the empty one where it would go.
@@ -85,7 +118,7 @@ private:
         const size_t mask = slots_.size() - 1;
         for (size_t i = hash(name) & mask;; i = (i + 1) & mask) {
             Slot& slot = slots_[i];
-            if (!slot.used() || slot.name() == name) {
+            if (!slot.used() || same_name(slot, name)) {
                 return slot;
             }
         }

@@ -20,6 +20,18 @@ bool quick_agrees(const std::string& text) {
     return true;
 }
 
+// `text` with 600 bytes of padding after it that changes nothing: a
+// comment for YAML, white space for JSON. Services that far from the end
+// are read straight through; nearer it, line by line.
+std::string padded(const std::string& text) {
+    const bool json = text.find_first_not_of(" \t\r\n") != std::string::npos &&
+                      text[text.find_first_not_of(" \t\r\n")] == '{';
+    const std::string comment = "# " + std::string(600, 'p') + "\n";
+    return json                   ? text + std::string(600, ' ')
+           : text.ends_with('\n') ? text + comment
+                                  : text + "\n" + comment;
+}
+
 const std::string kWeb = "version: 1\nservices:\n  web:\n    target: 10.0.0.1:8080\n";
 
 // Shapes that --export and people write: each taken, each the same state.
@@ -48,11 +60,18 @@ TEST(QuickReader, TakesCommonShapesAsTheTreeReaderDoes) {
         // a comment past 64 bytes, no newline at the end
         "# " + std::string(100, 'c') + "\n" + kWeb + "    virtual_port: 65535",
         "version: 1\nservices:  # all of them\n  web:\n    target: 10.0.0.1:8080\n",
+        // fields in any order, a comment or a blank line between them
+        "version: 1\nservices:\n  web:\n    target: 10.0.0.1:8080\n  # later\n    enabled: false\n"
+        "  db:\n    enabled: true\n    target: 10.0.0.2:1\n\n    virtual_port: 443\n",
+        "{\n  \"version\": 1,\n  \"services\": {\n    \"a\": {\n      \"enabled\": false,\n"
+        "      \"virtual_port\": 443,\n      \"target\": \"1.2.3.4:80\"\n    },\n"
+        "    \"b\": {\"target\": \"0.0.0.0:65535\"}\n  }\n}\n",
         // the longest line read in one pass: 63 bytes
         "version: 1\nservices:\n  " + std::string(60, 'n') + ":\n    target: 0.0.0.0:1\n",
     };
     for (const std::string& text : cases) {
         EXPECT_TRUE(quick_agrees(text)) << text;
+        EXPECT_TRUE(quick_agrees(padded(text))) << text;
     }
 }
 
@@ -107,6 +126,9 @@ TEST(QuickReader, DeclinesWhatItDoesNotKnow) {
         "version: 1\nservices:\n  web:\n    target: 1.2.3.4.5:80\n",
         "version: 1\nservices:\n  web:\n    target: 1.2.3.4:80:1\n",
         kWeb + "    virtual_port: 65536\n",
+        kWeb + "    enabled: trueX    virtual_port: 80\n  db:\n    target: 1.2.3.4:1\n",
+        "{\"version\": 1, \"services\": {\"a\": {\"target\": \"1.2.3.4:80\", "
+        "\"target\": \"1.2.3.4:81\"}}}",
         kWeb + "    virtual_port: 08\n",
         // a line of content past 63 bytes is the tree reader's
         kWeb + "    enabled: true  # " + std::string(60, 'c') + "\n",
@@ -137,6 +159,7 @@ TEST(QuickReader, DeclinesWhatItDoesNotKnow) {
     };
     for (const std::string& text : cases) {
         EXPECT_FALSE(quick_agrees(text)) << text;
+        EXPECT_FALSE(quick_agrees(padded(text))) << text;
     }
 }
 
