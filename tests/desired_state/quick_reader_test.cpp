@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
+#include "cli/desired_state/name_index.h"
 #include "cli/desired_state/quick_reader.h"
 
 namespace {
@@ -160,6 +162,31 @@ TEST(QuickReader, DeclinesWhatItDoesNotKnow) {
     for (const std::string& text : cases) {
         EXPECT_FALSE(quick_agrees(text)) << text;
         EXPECT_FALSE(quick_agrees(padded(text))) << text;
+    }
+}
+
+// Names of every length up to 24 that differ from one another in a single
+// byte, wherever it is: the index holds each apart (it compares short names
+// by words from both ends, and longer ones by a word from the end first).
+TEST(NameIndex, TellsApartNamesThatDifferInOneByte) {
+    for (size_t length = 1; length <= 24; length++) {
+        std::vector<std::string> names{std::string(length, 'n')};
+        for (size_t at = 0; at < length; at++) {
+            names.push_back(names[0]);
+            names.back()[at] = 'm';
+        }
+        NameIndex index;
+        for (size_t i = 0; i < names.size(); i++) {
+            EXPECT_TRUE(index.add(names[i], static_cast<uint32_t>(i))) << names[i];
+        }
+        for (size_t i = 0; i < names.size(); i++) {
+            const uint32_t* found = index.find(names[i]);
+            ASSERT_NE(found, nullptr) << names[i];
+            EXPECT_EQ(*found, i) << names[i];
+        }
+        uint32_t found = 99;
+        EXPECT_FALSE(index.add(std::string(length, 'n'), 7, &found));
+        EXPECT_EQ(found, 0u);
     }
 }
 
