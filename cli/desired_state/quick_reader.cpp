@@ -131,17 +131,23 @@ bool is_null(Scalar value) {
 // A port at `p`: 1 to 5 digits, none leading with a zero, 1-65535. The
 // byte after it, or null. Reads up to six bytes: the caller keeps them there.
 const char* port_at(const char* p, uint32_t* port) {
-    uint32_t number = 0;
-    const char* q = p;
-    for (uint32_t digit; q - p < 6 && (digit = static_cast<uint8_t>(*q) - uint32_t{'0'}) < 10;
-         q++) {
+    uint32_t number = static_cast<uint8_t>(p[0]) - uint32_t{'0'};
+    if (number - 1 > 8) {
+        return nullptr;  // not 1-9
+    }
+    for (size_t n = 1; n < 5; n++) {
+        const uint32_t digit = static_cast<uint8_t>(p[n]) - uint32_t{'0'};
+        if (digit > 9) {
+            *port = number;
+            return p + n;
+        }
         number = number * 10 + digit;
     }
-    if (q == p || q - p > 5 || *p == '0' || number > 65535) {
+    if (number > 65535 || static_cast<uint8_t>(p[5]) - uint32_t{'0'} < 10) {
         return nullptr;
     }
     *port = number;
-    return q;
+    return p + 5;
 }
 
 // One part of an address at `p`: 1 to 3 digits, none leading with a zero,
@@ -503,7 +509,9 @@ const char* yaml_quick_service(const char* p, size_t indent, Collector* collecto
 constexpr size_t kJsonReach = 512;
 
 // Up to 16 bytes of JSON white space at `p`: the first byte after them.
+// None or one space, as json.dump and most writers put them, is two tests.
 const char* json_space(const char* p) {
+    p += *p == ' ' ? 1 : 0;
     for (int i = 0; i < 16 && is_a(*p, kJsonSpace); i++) {
         p++;
     }
@@ -516,6 +524,16 @@ const char* json_colon(const char* p) {
     return *p == ':' ? json_space(p + 1) : nullptr;
 }
 
+// The value of the member at `k` (just after its key's opening quote) when
+// its key is `key`, given with its quote, colon and space: at once after
+// those, else after a colon between white space. Null for another key.
+const char* json_value_of(const char* k, std::string_view key) {
+    if (same_short(k, key.data(), key.size())) {
+        return k + key.size();
+    }
+    return same_short(k, key.data(), key.size() - 2) ? json_colon(k + key.size() - 2) : nullptr;
+}
+
 // One member of a service at `k`, just after its key's opening quote: the
 // byte after its value, or null unless it is a target string, a virtual
 // port or an enabled flag not seen before.
@@ -523,23 +541,21 @@ const char* json_quick_field(const char* k, QuickFields* fields) {
     const char* value = nullptr;
     switch (k[0]) {
         case 't':
-            value = same_short(k, "target\"", 7) && fields->first(kTarget) ? json_colon(k + 7)
-                                                                           : nullptr;
-            if (value != nullptr && *value == '"') {
-                const char* end = quick_target(value + 1, fields);
-                return end != nullptr && *end == '"' ? end + 1 : nullptr;
+            value = json_value_of(k, "target\": ");
+            if (value == nullptr || *value != '"' || !fields->first(kTarget)) {
+                return nullptr;
             }
-            return nullptr;
+            value = quick_target(value + 1, fields);
+            return value != nullptr && *value == '"' ? value + 1 : nullptr;
         case 'v':
-            value = same_short(k, "virtual_port\"", 13) && fields->first(kVirtualPort)
-                        ? json_colon(k + 13)
-                        : nullptr;
-            return value != nullptr ? quick_port(value, fields) : nullptr;
+            value = json_value_of(k, "virtual_port\": ");
+            return value != nullptr && fields->first(kVirtualPort) ? quick_port(value, fields)
+                                                                   : nullptr;
         case 'e':
-            value = same_short(k, "enabled\"", 8) && fields->first(kServiceEnabled)
-                        ? json_colon(k + 8)
-                        : nullptr;
-            return value != nullptr ? boolean_at(value, &fields->enabled) : nullptr;
+            value = json_value_of(k, "enabled\": ");
+            return value != nullptr && fields->first(kServiceEnabled)
+                       ? boolean_at(value, &fields->enabled)
+                       : nullptr;
         default:
             return nullptr;
     }
@@ -552,8 +568,11 @@ const char* json_quick_service(const char* p, Collector* collector) {
     p = json_space(p);
     const char* name = p + 1;
     const size_t length = json_string_run(name);
-    if (*p != '"' || name[length] != '"' || (p = json_colon(name + length + 1)) == nullptr ||
-        *p != '{') {
+    if (*p != '"' || name[length] != '"') {
+        return nullptr;
+    }
+    p = same_short(name + length, "\": {", 4) ? name + length + 3 : json_colon(name + length + 1);
+    if (p == nullptr || *p != '{') {
         return nullptr;
     }
     QuickFields fields;
