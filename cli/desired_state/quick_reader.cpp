@@ -271,6 +271,20 @@ struct QuickFields {
     }
 };
 
+// A string built where it is to be held: the element's member is
+// initialised straight from the conversion, with no string moved or
+// assigned after it.
+struct Text {
+    std::string_view view;
+    operator std::string() const { return std::string(view); }
+};
+
+// The target of QuickFields, built in place the same way.
+struct TargetOf {
+    const QuickFields* fields;
+    operator Endpoint() const { return Endpoint{Text{fields->address}, fields->port}; }
+};
+
 // What both syntaxes fill: the state, and the names seen so far (views
 // into the text, which outlives the reading).
 class Collector {
@@ -298,12 +312,8 @@ public:
         if (name.empty() || name.size() > kMaxNameLength || !names_.add(name, index)) {
             return false;
         }
-        DesiredService& service = state_->services.emplace_back();
-        service.name.assign(name);
-        service.target.address.assign(fields.address);
-        service.target.port = fields.port;
-        service.virtual_port = fields.virtual_port;
-        service.enabled = fields.enabled;
+        state_->services.emplace_back(Text{name}, TargetOf{&fields}, fields.virtual_port,
+                                      fields.enabled);
         return true;
     }
 
@@ -576,14 +586,20 @@ const char* json_quick_service(const char* p, Collector* collector) {
         return nullptr;
     }
     QuickFields fields;
-    for (p = json_space(p + 1);; p = json_space(p + 1)) {
+    p = json_space(p + 1);
+    for (;;) {
         if (*p != '"' || (p = json_quick_field(p + 1, &fields)) == nullptr) {
             return nullptr;
+        }
+        if (p[0] == ',' && p[1] == ' ' && p[2] == '"') {
+            p += 2;  // json.dump's separator
+            continue;
         }
         p = json_space(p);
         if (*p != ',') {
             break;
         }
+        p = json_space(p + 1);
     }
     return *p == '}' && (fields.seen & (1u << kTarget)) != 0 &&
                    collector->add_quick(std::string_view(name, length), fields)
