@@ -451,6 +451,11 @@ const char* quick_port(const char* p, QuickFields* fields) {
     return end;
 }
 
+// Declines in a row after which a services' block is read the general way
+// to its end: a file whose services all have another shape then costs
+// little more than before the straight-through reading.
+constexpr size_t kQuickTries = 8;
+
 // The reach of yaml_quick_service: a name line of at most 65 bytes with 64
 // looked at, three fields of at most 51, and a look at the next line.
 constexpr size_t kYamlReach = 320;
@@ -784,8 +789,12 @@ bool json_services(JsonCursor& json, Collector* collector) {
     if (json.take('}')) {
         return true;
     }
+    size_t declined = 0;
     for (bool done = false; !done;) {
-        if (!json.quick_service(collector)) {
+        if (declined < kQuickTries && json.quick_service(collector)) {
+            declined = 0;
+        } else {
+            declined++;
             std::string_view name;
             DesiredService* service = nullptr;
             if (!json.key(&name) || (service = collector->add_service(name)) == nullptr ||
@@ -1214,10 +1223,13 @@ bool yaml_null_or_block(YamlLines& lines, const Line& line, bool empty_allowed, 
 // The services' block mapping, indented `indent`: each service straight
 // through when it has the common shape, else line by line.
 bool yaml_services(YamlLines& lines, size_t indent, Collector* collector) {
+    size_t declined = 0;
     for (;;) {
-        if (lines.quick_service(indent, collector)) {
+        if (declined < kQuickTries && lines.quick_service(indent, collector)) {
+            declined = 0;
             continue;
         }
+        declined++;
         const Line* line = lines.peek();
         if (line == nullptr || line->indent < indent) {
             return true;
