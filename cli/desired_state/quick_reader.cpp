@@ -271,20 +271,6 @@ struct QuickFields {
     }
 };
 
-// A string built where it is to be held: the element's member is
-// initialised straight from the conversion, with no string moved or
-// assigned after it.
-struct Text {
-    std::string_view view;
-    operator std::string() const { return std::string(view); }
-};
-
-// The target of QuickFields, built in place the same way.
-struct TargetOf {
-    const QuickFields* fields;
-    operator Endpoint() const { return Endpoint{Text{fields->address}, fields->port}; }
-};
-
 // What both syntaxes fill: the state, and the names seen so far (views
 // into the text, which outlives the reading).
 class Collector {
@@ -312,8 +298,12 @@ public:
         if (name.empty() || name.size() > kMaxNameLength || !names_.add(name, index)) {
             return false;
         }
-        state_->services.emplace_back(Text{name}, TargetOf{&fields}, fields.virtual_port,
-                                      fields.enabled);
+        DesiredService& service = state_->services.emplace_back();
+        service.name.assign(name);
+        service.target.address.assign(fields.address);
+        service.target.port = fields.port;
+        service.virtual_port = fields.virtual_port;
+        service.enabled = fields.enabled;
         return true;
     }
 
