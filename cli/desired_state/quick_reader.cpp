@@ -687,7 +687,7 @@ public:
     // The next member of the services' object when json_quick_service takes
     // it; false, with nothing read, when not.
     bool quick_service(Collector* collector) {
-        if (text_.size() - pos_ < kJsonReach) {
+        if (pos_ + kJsonReach > text_.size()) {
             return false;
         }
         const char* end = json_quick_service(text_.data() + pos_, collector);
@@ -956,7 +956,8 @@ public:
             pos_ = line_start_;
             ready_ = false;
         }
-        if (ready_ || failed_ || text_.size() - pos_ < kYamlReach) {
+        // pos_ may stand one past the end after a last line without newline.
+        if (ready_ || failed_ || pos_ + kYamlReach > text_.size()) {
             return false;
         }
         const char* end = yaml_quick_service(text_.data() + pos_, indent, collector);
