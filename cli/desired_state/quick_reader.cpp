@@ -349,6 +349,7 @@ private:
 // changed, and the general reader then reads it. They look ahead without
 // bound checks: their callers leave them kYamlReach / kJsonReach bytes.
 
+// The 16 bytes at `at`, unaligned.
 __m128i load16(const char* at) {
     return _mm_loadu_si128(reinterpret_cast<const __m128i*>(at));
 }
@@ -446,9 +447,10 @@ const char* quick_port(const char* p, QuickFields* fields) {
 // little more than before the straight-through reading.
 constexpr size_t kQuickTries = 8;
 
-// The reach of yaml_quick_service: a name line of at most 65 bytes with 64
-// looked at, three fields of at most 51, and a look at the next line.
-constexpr size_t kYamlReach = 320;
+// The reach of yaml_quick_service: 64 bytes of name looked at past an
+// indentation of up to 62, or a name line of at most 65 bytes, three field
+// lines of at most 51, then the next line's indentation and key: about 210.
+constexpr size_t kYamlReach = 320;  // with room to spare
 
 // One "key: value" line of a service at `k`, its key: the byte after its
 // line end, or null unless it is a target, virtual port or enabled flag
@@ -509,9 +511,10 @@ const char* yaml_quick_service(const char* p, size_t indent, Collector* collecto
                : nullptr;
 }
 
-// The reach of json_quick_service: a name of 64 bytes with its quote,
-// eleven runs of white space of 16, three fields of at most 40 bytes.
-constexpr size_t kJsonReach = 512;
+// The reach of json_quick_service: a name of 64 bytes with its quotes,
+// runs of up to 17 bytes of white space around each colon, brace and
+// comma, three members and the key of a fourth: about 510.
+constexpr size_t kJsonReach = 640;  // with room to spare
 
 // Up to 16 bytes of JSON white space at `p`: the first byte after them.
 // None or one space, as json.dump and most writers put them, is two tests.

@@ -72,9 +72,6 @@ TEST(QuickReader, TakesCommonShapesAsTheTreeReaderDoes) {
         // fields in any order, a comment or a blank line between them
         "version: 1\nservices:\n  web:\n    target: 10.0.0.1:8080\n  # later\n    enabled: false\n"
         "  db:\n    enabled: true\n    target: 10.0.0.2:1\n\n    virtual_port: 443\n",
-        "{\n  \"version\": 1,\n  \"services\": {\n    \"a\": {\n      \"enabled\": false,\n"
-        "      \"virtual_port\": 443,\n      \"target\": \"1.2.3.4:80\"\n    },\n"
-        "    \"b\": {\"target\": \"0.0.0.0:65535\"}\n  }\n}\n",
         // the longest line read in one pass: 63 bytes
         "version: 1\nservices:\n  " + std::string(60, 'n') + ":\n    target: 0.0.0.0:1\n",
     };
