@@ -91,7 +91,7 @@ Invocation read_humanly(int argc, char** argv) {
     if (argc < 2) {
         return in;  // the usage text
     }
-    GetoptArray options = getopt_options(false);
+    const GetoptArray& options = getopt_options(false);
     Collected c{};
     int value;
     while ((value = getopt_long(argc, argv, SHORT_OPTIONS, options.data(), nullptr)) != -1) {

@@ -96,7 +96,7 @@ void take(Invocation* in, int value) {
 Invocation read_strictly(int argc, char** argv) {
     Invocation in;
     in.reading = Reading::strict;
-    GetoptArray options = getopt_options(true);
+    const GetoptArray& options = getopt_options(true);
     int value;
     while ((value = getopt_long(argc, argv, SHORT_OPTIONS, options.data(), nullptr)) != -1) {
         take(&in, value);
@@ -122,7 +122,7 @@ struct LineScan {
 // proper later sees argv as it came. The copy lives on the stack for usual
 // command lines.
 LineScan scan_line(int argc, char** argv) {
-    GetoptArray options = getopt_options(true);
+    const GetoptArray& options = getopt_options(true);
     char* on_stack[STACK_ARGUMENTS];
     std::vector<char*> on_heap;
     char** copy = on_stack;
