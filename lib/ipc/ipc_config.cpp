@@ -41,7 +41,7 @@ IpcCommand* create_command(const char* name, ExecutionCallback execution_callbac
         Logger.fatal("Unable to allocate memory for IPC command");
         return nullptr;
     }
-    strncpy(command->name, name, IPC_COMMAND_NAME_LIMIT);
+    memcpy(command->name, name, strlen(name));  // shorter than the zeroed field
     command->execution_callback = execution_callback;
     command->user_data = user_data;
     command->response_callback = response_callback;
