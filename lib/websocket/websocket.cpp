@@ -124,10 +124,11 @@ char* accept_of(const char* nonce, uint64_t* out_length) {
                      static_cast<long>(nonce_length));
         return nullptr;
     }
-    const std::string challenge = std::string(nonce) + kAcceptGuid;
+    uint8_t challenge[kMaxNonceLength + sizeof kAcceptGuid];  // nonce + GUID, on the stack
+    memcpy(challenge, nonce, nonce_length);
+    memcpy(challenge + nonce_length, kAcceptGuid, sizeof kAcceptGuid - 1);
     uint8_t digest[SHA1_DIGEST_SIZE] = {};
-    if (Crypto.sha1_compute(reinterpret_cast<const uint8_t*>(challenge.data()), challenge.size(),
-                            digest) != 0) {
+    if (Crypto.sha1_compute(challenge, nonce_length + sizeof kAcceptGuid - 1, digest) != 0) {
         Logger.error("Unable to sha1 value");
         return nullptr;
     }
