@@ -528,3 +528,93 @@ void json_free_list_value(JsonListItem** items, int /*count*/) {
 }
 
 }  // extern "C"
+
+// The caller owns the buffer; the text only writes into it.
+void json_text_start(JsonText* text, char* buffer, size_t size) {
+    text->buffer = buffer;
+    text->size = size;
+    text->length = 0;
+    text->failed = size == 0;
+    if (size > 0) {
+        buffer[0] = '\0';
+    }
+}
+
+namespace {
+
+// Appends `length` bytes and the NUL after them, or marks the text failed.
+void put(JsonText* text, const char* bytes, size_t length) {
+    if (text->failed || length >= text->size - text->length) {
+        text->failed = 1;
+        return;
+    }
+    memcpy(text->buffer + text->length, bytes, length);
+    text->length += length;
+    text->buffer[text->length] = '\0';
+}
+
+// Printable ASCII that a JSON string holds as it is.
+bool plain(const char* value, size_t length) {
+    for (size_t i = 0; i < length; i++) {
+        const auto byte = static_cast<unsigned char>(value[i]);
+        if (byte < 0x20 || byte >= 0x7f || byte == '"' || byte == '\\') {
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
+// `raw` stays the caller's.
+void json_text_raw(JsonText* text, const char* raw) {
+    put(text, raw, strlen(raw));
+}
+
+// Plain texts (every request's names and addresses, as a rule) are copied;
+// any other goes through the serialiser, so that escapes and replaced bytes
+// stay exactly json_serialize's.
+void json_text_string(JsonText* text, const char* value) {
+    const size_t length = strlen(value);
+    if (plain(value, length)) {
+        put(text, "\"", 1);
+        put(text, value, length);
+        put(text, "\"", 1);
+        return;
+    }
+    const int written = guarded(-1, [&] {
+        const std::string quoted = Json(value).dump(-1, ' ', false, Json::error_handler_t::replace);
+        put(text, quoted.data(), quoted.size());
+        return 0;
+    });
+    if (written < 0) {
+        text->failed = 1;
+    }
+}
+
+// Decimal digits written by hand: no stdio on a request's path.
+void json_text_int(JsonText* text, int64_t value) {
+    char digits[24];
+    size_t at = sizeof digits;
+    uint64_t magnitude =
+        value < 0 ? 0 - static_cast<uint64_t>(value) : static_cast<uint64_t>(value);
+    do {
+        digits[--at] = static_cast<char>('0' + magnitude % 10);
+        magnitude /= 10;
+    } while (magnitude != 0);
+    if (value < 0) {
+        digits[--at] = '-';
+    }
+    put(text, digits + at, sizeof digits - at);
+}
+
+// Lengths past the end are ignored.
+void json_text_cut(JsonText* text, size_t length) {
+    if (length <= text->length) {
+        text->length = length;
+        text->failed = 0;
+        if (text->size > 0) {
+            text->buffer[length] = '\0';
+        }
+    }
+}

@@ -6,6 +6,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "cli/command_line/command_line.h"
 #include "cli/command_line/option_table.h"
@@ -23,14 +24,15 @@ struct Collected {
     bool key_given;
 };
 
-Invocation command(Invocation in, CommandId id) {
+// The reading ends: `in` is moved out, never copied.
+Invocation command(Invocation& in, CommandId id) {
     in.command = id;
-    return in;
+    return std::move(in);
 }
 
 // The long-only commands, from the first argument whatever position the
 // option had; --saveTraceabilityConfig counts its words by position.
-Invocation first_argument_command(Invocation in, int argc, char** argv) {
+Invocation first_argument_command(Invocation& in, int argc, char** argv) {
     const char* first = argv[1];
     const struct {
         const char* name;
@@ -67,7 +69,7 @@ bool has_key(const Collected& c, const Invocation& in) {
 }
 
 // The post-scan choice: add, then edit, then proxy, else the usage.
-Invocation collected_command(const Invocation& in, const Collected& c) {
+Invocation collected_command(Invocation& in, const Collected& c) {
     const bool add_complete =
         c.add_requested && c.address_given && in.service_name != nullptr && in.address != nullptr;
     if (add_complete && has_key(c, in)) {
@@ -91,7 +93,7 @@ Invocation read_humanly(int argc, char** argv) {
     if (argc < 2) {
         return in;  // the usage text
     }
-    GetoptArray options = getopt_options(false);
+    const GetoptArray& options = getopt_options(false);
     Collected c{};
     int value;
     while ((value = getopt_long(argc, argv, SHORT_OPTIONS, options.data(), nullptr)) != -1) {

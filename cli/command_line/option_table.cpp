@@ -112,19 +112,24 @@ std::span<const OptionRow> option_table() {
     return OPTION_TABLE_ROWS;
 }
 
-const OptionRow* option_by_value(int value) {
+namespace {
+
+// The row whose getopt value is `value`; every value looked for is in the
+// table.
+constexpr const OptionRow& row_of(int value) {
     for (const OptionRow& row : OPTION_TABLE_ROWS) {
         if (row.value == value) {
-            return &row;
+            return row;
         }
     }
-    return nullptr;
+    return OPTION_TABLE_ROWS[0];
 }
 
 // The human options in table order, their exact aliases, then (for the
 // strict reading) the scripting options: getopt lists the candidates of an
-// ambiguous abbreviation in this order.
-GetoptArray getopt_options(bool scripting) {
+// ambiguous abbreviation in this order. Built by the compiler, so a run
+// reads its options from a constant.
+constexpr GetoptArray make_getopt_options(bool scripting) {
     GetoptArray options{};
     size_t count = 0;
     auto add = [&](const char* name, const OptionRow& row) {
@@ -142,7 +147,7 @@ GetoptArray getopt_options(bool scripting) {
         }
     }
     for (const char* abbreviation : VERSION_ABBREVIATIONS) {
-        add(abbreviation, *option_by_value(OPTION_VERSION));
+        add(abbreviation, row_of(OPTION_VERSION));
     }
     for (const OptionRow& row : OPTION_TABLE_ROWS) {
         if (scripting && row.scripting) {
@@ -150,6 +155,24 @@ GetoptArray getopt_options(bool scripting) {
         }
     }
     return options;  // the rest stays all-zero
+}
+
+constexpr GetoptArray HUMAN_OPTIONS = make_getopt_options(false);
+constexpr GetoptArray ALL_OPTIONS = make_getopt_options(true);
+
+}  // namespace
+
+const OptionRow* option_by_value(int value) {
+    for (const OptionRow& row : OPTION_TABLE_ROWS) {
+        if (row.value == value) {
+            return &row;
+        }
+    }
+    return nullptr;
+}
+
+const GetoptArray& getopt_options(bool scripting) {
+    return scripting ? ALL_OPTIONS : HUMAN_OPTIONS;
 }
 
 const char* usage_text() {

@@ -69,10 +69,11 @@ std::span<const OptionRow> option_table();
 const OptionRow* option_by_value(int value);
 
 // A getopt_long array: every option of the table (`scripting` true) or the
-// human interface's only, then the all-zero end.
+// human interface's only, then the all-zero end; a constant that lives as
+// long as the program.
 constexpr size_t GETOPT_CAPACITY = 48;
 using GetoptArray = std::array<struct option, GETOPT_CAPACITY>;
-GetoptArray getopt_options(bool scripting);
+const GetoptArray& getopt_options(bool scripting);
 
 // The usage text, without its final newline.
 const char* usage_text();

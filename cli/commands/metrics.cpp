@@ -31,7 +31,12 @@ constexpr int AGENT_DOWN_STATUS = 3;
 
 // What this run saw, filled as the answers come; the clock starts before the
 // connection.
-MetricsSnapshot seen;
+// What the run saw, made at first use: as a global it would register its
+// destructor at every start of the tool.
+MetricsSnapshot& seen() {
+    static MetricsSnapshot made;
+    return made;
+}
 timespec started{};
 
 double elapsed_seconds() {
@@ -62,26 +67,26 @@ void write_or_fail(const std::string& text) {
 
 // Both answers were read: the full text, printed or written.
 [[noreturn]] void deliver_answered() {
-    seen.agent_up = true;
-    seen.response_seconds = elapsed_seconds();
-    const std::string text = rendered(seen);
+    seen().agent_up = true;
+    seen().response_seconds = elapsed_seconds();
+    const std::string text = rendered(seen());
     const bool to_file = running().invocation->command == CommandId::metrics_file;
     if (!to_file) {
         finish(Outcome::success(Message().say(text)));
     }
     write_or_fail(text);
-    finish(
-        Outcome::success({}, JsonWriter()
-                                 .text("file", running().invocation->metrics_file)
-                                 .boolean("agent_up", true)
-                                 .number("services", static_cast<int64_t>(seen.services.size()))));
+    finish(Outcome::success({},
+                            JsonWriter()
+                                .text("file", running().invocation->metrics_file)
+                                .boolean("agent_up", true)
+                                .number("services", static_cast<int64_t>(seen().services.size()))));
 }
 
 // The agent did not answer usably: sylvane_agent_up 0 all the same, then the
 // failure. Nothing partial is written: a half-read state would look current.
 [[noreturn]] void deliver_down(Failure failure, const char* why) {
     MetricsSnapshot down;
-    down.version = seen.version;
+    down.version = seen().version;
     const std::string text = rendered(down);
     const char* path = running().invocation->metrics_file;
     if (running().invocation->command == CommandId::metrics) {
@@ -103,7 +108,7 @@ void* start_metrics(const Invocation& in) {
     if (in.command == CommandId::metrics_file && in.metrics_file[0] == '\0') {
         finish(Outcome::fail(Failure::bad_argument, "--metrics-file needs a file name.\n"));
     }
-    seen.version = SYLV_TOOL_VERSION;
+    seen().version = SYLV_TOOL_VERSION;
     clock_gettime(CLOCK_MONOTONIC, &started);
     return nullptr;
 }
@@ -113,9 +118,9 @@ void* start_metrics(const Invocation& in) {
 void metrics_tenants_answer(JsonValue* data) {
     const TenantsRead read = read_tenants(data, [](TenantElement element, const Tenant& tenant) {
         if (element == TenantElement::tenant && tenant.name) {
-            seen.services.push_back({*tenant.name, tenant.uuid.value_or(""),
-                                     tenant.status.value_or(""),
-                                     tenant.onion_address.value_or("")});
+            seen().services.push_back({*tenant.name, tenant.uuid.value_or(""),
+                                       tenant.status.value_or(""),
+                                       tenant.onion_address.value_or("")});
         }
         return TenantWalk::next;
     });
@@ -125,7 +130,7 @@ void metrics_tenants_answer(JsonValue* data) {
     if (read == TenantsRead::missing) {
         deliver_down(Failure::not_an_agent, NOT_AN_AGENT);
     }
-    seen.services_known = true;
+    seen().services_known = true;
     Session.send("get_proxy", build_empty_request, nullptr, guarded<metrics_proxy_answer>);
 }
 
@@ -134,8 +139,8 @@ void metrics_proxy_answer(JsonValue* data) {
     if (read_proxy_settings(data, &proxy) != nullptr) {
         deliver_down(Failure::not_an_agent, NOT_AN_AGENT);
     }
-    seen.proxy_known = true;
-    seen.proxy = {proxy.ip_address + ":" + std::to_string(proxy.port), proxy.type, proxy.enabled};
+    seen().proxy_known = true;
+    seen().proxy = {proxy.ip_address + ":" + std::to_string(proxy.port), proxy.type, proxy.enabled};
     deliver_answered();
 }
 

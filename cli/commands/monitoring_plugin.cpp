@@ -44,8 +44,17 @@ constexpr const char* PLUGIN_HELP =
     "10:20, @10:20 (alert inside). Exit status: 0 OK, 1 WARNING, 2 CRITICAL, 3 UNKNOWN\n"
     "(also after --help and --version, as the Monitoring Plugins do).\n";
 
-PluginArguments arguments;
-PluginObservation observation;
+// The run's arguments and what it saw, made at first use: as globals they
+// would register their destructors at every start of the tool.
+PluginArguments& arguments() {
+    static PluginArguments made;
+    return made;
+}
+
+PluginObservation& observation() {
+    static PluginObservation made;
+    return made;
+}
 timespec started{};
 struct event* deadline = nullptr;
 
@@ -66,8 +75,8 @@ double elapsed_seconds() {
 }
 
 [[noreturn]] void conclude(AgentContact contact) {
-    observation.contact = contact;
-    const PluginVerdict verdict = plugin_verdict(arguments, observation);
+    observation().contact = contact;
+    const PluginVerdict verdict = plugin_verdict(arguments(), observation());
     say(verdict.line, verdict.state);
 }
 
@@ -92,7 +101,7 @@ void on_listing(JsonValue* data) {
         const TenantsRead read =
             read_tenants(data, [](TenantElement element, const Tenant& tenant) {
                 if (element == TenantElement::tenant && tenant.name) {
-                    observation.services.push_back({*tenant.name, tenant.status.value_or("")});
+                    observation().services.push_back({*tenant.name, tenant.status.value_or("")});
                 }
                 return TenantWalk::next;
             });
@@ -102,7 +111,7 @@ void on_listing(JsonValue* data) {
         if (read == TenantsRead::missing) {
             conclude(AgentContact::malformed);
         }
-        observation.response_seconds = seconds;
+        observation().response_seconds = seconds;
         conclude(AgentContact::answered);
     } catch (const std::bad_alloc&) {
         out_of_memory();
@@ -145,7 +154,7 @@ bool arm_deadline(double seconds) {
         .hung_up = on_hung_up,
     };
     if (Session.start(SINGLE_ATTEMPT, &hooks) != SESSION_OK ||
-        !arm_deadline(arguments.timeout_seconds)) {
+        !arm_deadline(arguments().timeout_seconds)) {
         say("SYLVANE UNKNOWN - could not start: out of memory", PLUGIN_UNKNOWN);
     }
     clock_gettime(CLOCK_MONOTONIC, &started);
@@ -166,17 +175,17 @@ bool is_monitoring_plugin(const char* program) {
 
 void run_monitoring_plugin(int argc, char** argv) {
     std::string error;
-    if (parse_plugin_arguments(argc, argv, &arguments, &error) != 0) {
+    if (parse_plugin_arguments(argc, argv, &arguments(), &error) != 0) {
         say(error.empty() ? "SYLVANE UNKNOWN - out of memory" : plugin_usage_line(error),
             PLUGIN_UNKNOWN);
     }
-    if (arguments.help) {
+    if (arguments().help) {
         say(std::string(PLUGIN_HELP, strlen(PLUGIN_HELP) - 1), PLUGIN_UNKNOWN);
     }
-    if (arguments.version) {
+    if (arguments().version) {
         say(std::string(PLUGIN_NAME) + " (sylvane-service " SYLV_TOOL_VERSION ")", PLUGIN_UNKNOWN);
     }
-    start_trace(arguments.verbosity);
+    start_trace(arguments().verbosity);
     try {
         converse();
     } catch (const std::bad_alloc&) {

@@ -1,7 +1,7 @@
 // The request records the commands fill from their arguments, and the
-// builders that turn each into its request's "data" (ExecutionCallback:
-// each returns a new object owned by the caller). A record lives for the
-// whole run.
+// builders that write each as its request's "data" (ExecutionCallback: each
+// appends the JSON text to the request's, which the caller owns, and has
+// data). A record lives for the whole run.
 #pragma once
 
 #include <cstdint>
@@ -40,12 +40,12 @@ struct TraceabilityConfig {
     const char* protocol;
 };
 
-JsonValue* build_add_request(void* service_request);   // frees clear_services
-JsonValue* build_edit_request(void* service_request);  // ServiceRequest*
-JsonValue* build_remove_request(void* name);           // char*, sent uncut
-JsonValue* build_empty_request(void* unused);          // get_tenants, get_proxy
-JsonValue* build_connect_request(void* name);          // char*
-JsonValue* build_disconnect_request(void* name);       // char*
-JsonValue* build_enable_flag_request(void* enable);    // int*: set_proxy, audit
-JsonValue* build_save_proxy_request(void* proxy_request);
-JsonValue* build_traceability_request(void* traceability_config);
+bool build_add_request(void* service_request, JsonText* data);   // frees clear_services
+bool build_edit_request(void* service_request, JsonText* data);  // ServiceRequest*
+bool build_remove_request(void* name, JsonText* data);           // char*, sent uncut
+bool build_empty_request(void* unused, JsonText* data);          // get_tenants, get_proxy
+bool build_connect_request(void* name, JsonText* data);          // char*
+bool build_disconnect_request(void* name, JsonText* data);       // char*
+bool build_enable_flag_request(void* enable, JsonText* data);    // int*: set_proxy, audit
+bool build_save_proxy_request(void* proxy_request, JsonText* data);
+bool build_traceability_request(void* traceability_config, JsonText* data);

@@ -350,6 +350,11 @@ void forget_secrets() {
     g_secret_count = 0;
 }
 
+// Whether a line at `level` passes the threshold of an open sink.
+bool enabled(uint8_t level) {
+    return level >= g_floor;
+}
+
 }  // namespace
 
 size_t format_log_stamp(const struct timeval& now, char* out, size_t size) {
@@ -387,4 +392,5 @@ const LoggerModule Logger = {
     .set_stderr_level = set_stderr_level,
     .add_secret = add_secret,
     .forget_secrets = forget_secrets,
+    .enabled = enabled,
 };

@@ -73,6 +73,9 @@ struct LoggerModule {
     int32_t (*add_secret)(const char* secret);
     // Wipes and frees the copies of the secrets.
     void (*forget_secrets)();
+    // Whether a line at `level` would be written anywhere: arguments that
+    // cost work to compute are computed only then.
+    bool (*enabled)(uint8_t level);
 };
 
 extern const LoggerModule Logger;

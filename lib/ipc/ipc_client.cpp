@@ -61,27 +61,25 @@ void ipc_client_disconnect(networkConnection* connection) {
     WebSocketClient.close_websocket_connection(connection);
 }
 
-// Serialised size check and send of an already built request (which this
-// function always frees). 0, or -1 when it does not fit the envelope.
-int send_request(networkConnection* connection, JsonValue* request) {
-    char text[IPC_REQUEST_CHECK_SIZE];
-    const int length = json_serialize(request, text, sizeof text);
-    json_free_value(request);
-    if (length < 0) {
+// Sends a request's text, unless it did not fit the envelope. 0, or -1
+// (nothing sent).
+int send_request(networkConnection* connection, const JsonText* text) {
+    if (text->failed) {
         Logger.fatal("Unable to serialized request. Stopped connection");
         return IPC_ERR_FAILED;
     }
-    Logger.debug("Sending request %s", text);
-    // The text checked is the text sent: no second serialisation.
-    if (WebSocketClient.send_text(connection, text, static_cast<uint64_t>(length)) < 0) {
+    Logger.debug("Sending request %s", text->buffer);
+    if (WebSocketClient.send_text(connection, text->buffer, text->length) < 0) {
         // The command stays pending; the conversation's time-out settles it.
         Logger.error("Unable to send IPC request");
     }
     return IPC_OK;
 }
 
-// Sends the request of the head command with a fresh id. The record stays at
-// the head until a message for it arrives. 0, or -1 (nothing sent).
+// Sends the request of the head command with a fresh id, its text written in
+// place: {"command":...,"id":...,"data":...}, "data" left out when the
+// builder has none. The record stays at the head until a message for it
+// arrives. 0, or -1 (nothing sent).
 int execute_command(networkConnection* connection, IpcClientConfig* config) {
     if (connection == nullptr || config == nullptr || is_empty(config->commands)) {
         return IPC_ERR_FAILED;
@@ -92,20 +90,22 @@ int execute_command(networkConnection* connection, IpcClientConfig* config) {
         return IPC_ERR_FAILED;
     }
     command->id = Random.next() % IPC_ID_RANGE;
-    JsonPtr request(json_create_json_object());
-    if (request == nullptr || json_add_string_child(request.get(), "command", command->name) != 0 ||
-        json_add_int_child(request.get(), "id", command->id) != 0) {
-        Logger.error("Unable to build IPC request %s", command->name);
-        return IPC_ERR_FAILED;
+    char buffer[IPC_REQUEST_CHECK_SIZE];
+    JsonText text;
+    json_text_start(&text, buffer, sizeof buffer);
+    json_text_raw(&text, "{\"command\":");
+    json_text_string(&text, command->name);
+    json_text_raw(&text, ",\"id\":");
+    json_text_int(&text, command->id);
+    const size_t without_data = text.length;  // the name is short: nothing failed yet
+    json_text_raw(&text, ",\"data\":");
+    if (!without_throwing<bool>("IpcClient.execute_command", false, [command, &text] {
+            return command->execution_callback(command->user_data, &text);
+        })) {
+        json_text_cut(&text, without_data);
     }
-    JsonPtr data(without_throwing<JsonValue*>("IpcClient.execute_command", nullptr, [command] {
-        return command->execution_callback(command->user_data);
-    }));
-    if (data != nullptr && json_add_child_to_object(request.get(), "data", data.get()) != 0) {
-        Logger.error("Unable to build IPC request %s", command->name);
-        return IPC_ERR_FAILED;
-    }
-    return send_request(connection, request.release());
+    json_text_raw(&text, "}");
+    return send_request(connection, &text);
 }
 
 // Framing is up: announce, then send the head command without waiting.

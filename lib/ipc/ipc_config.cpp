@@ -17,7 +17,7 @@ int field_length(const char* field) {
     return static_cast<int>(strnlen(field, IPC_SUBSCRIPTION_FIELD_SIZE));
 }
 
-JsonValue* request_subscription(void* subscriptions);
+bool request_subscription(void* subscriptions, JsonText* data);
 void subscription_response(JsonValue* data);
 
 // New command record (malloc'd, freed with free()), or null when the name is
@@ -41,7 +41,7 @@ IpcCommand* create_command(const char* name, ExecutionCallback execution_callbac
         Logger.fatal("Unable to allocate memory for IPC command");
         return nullptr;
     }
-    strncpy(command->name, name, IPC_COMMAND_NAME_LIMIT);
+    memcpy(command->name, name, strlen(name));  // shorter than the zeroed field
     command->execution_callback = execution_callback;
     command->user_data = user_data;
     command->response_callback = response_callback;
@@ -221,37 +221,30 @@ int set_timeout(IpcClientConfig* config, struct event_base* base, event_callback
     return IPC_OK;
 }
 
-// {"subscriptions": [every held subscription_name, in order]}; the caller
-// owns the result. Runs when the request is sent, so it lists every
-// subscription held by then.
-JsonValue* request_subscription(void* subscriptions) {
+// {"subscriptions": [every held subscription_name, in order]}, written at
+// the end of the caller's `data`. Runs when the request is sent, so it lists
+// every subscription held by then.
+bool request_subscription(void* subscriptions, JsonText* data) {
     auto* list = static_cast<List*>(subscriptions);
     if (list == nullptr) {
         Logger.error("Unable to request subscription: subscription list is NULL");
-        return nullptr;
+        return false;
     }
-    JsonValue* request = json_create_json_object();
-    JsonValue* names = json_create_json_list();
-    int failed = request == nullptr || names == nullptr;
-    for (ListEntry* entry = list->head; !failed && entry != nullptr; entry = entry->next) {
+    json_text_raw(data, "{\"subscriptions\":[");
+    const char* separator = "";
+    for (ListEntry* entry = list->head; entry != nullptr; entry = entry->next) {
         const auto* subscription = static_cast<const SubscriptionRequest*>(entry->item);
         if (subscription != nullptr) {
             char name[IPC_SUBSCRIPTION_FIELD_SIZE + 1] = {};
             memcpy(name, subscription->subscription_name,
                    static_cast<size_t>(field_length(subscription->subscription_name)));
-            failed = json_add_string_to_list(names, name) != 0;
+            json_text_raw(data, separator);
+            json_text_string(data, name);
+            separator = ",";
         }
     }
-    if (!failed) {
-        failed = json_add_child_to_object(request, "subscriptions", names) != 0;
-    }
-    json_free_value(names);
-    if (failed) {
-        Logger.error("Unable to build the subscription request");
-        json_free_value(request);
-        return nullptr;
-    }
-    return request;
+    json_text_raw(data, "]}");
+    return true;
 }
 
 // The answer lists each subscription's result; nothing here acts on it.

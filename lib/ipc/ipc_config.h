@@ -19,8 +19,9 @@ enum IpcResult : int {
     IPC_ERR_FAILED = -1,
 };
 
-// Builds a request's "data" from user_data; null means no "data" key.
-using ExecutionCallback = JsonValue* (*)(void* user_data);
+// Writes a request's "data" value from user_data at the end of `data` (the
+// request's text, owned by the caller); false means no "data" key.
+using ExecutionCallback = bool (*)(void* user_data, JsonText* data);
 // Handles a response's or an event's "data" (may be null). The library
 // prints nothing: what the user sees is the caller's business. `data` and
 // whatever is taken from it read the received message in place: valid only
@@ -78,8 +79,9 @@ struct IpcConfigModule {
     SubscriptionRequest* (*lookup_subscription)(IpcClientConfig* config,
                                                 const SubscriptionRequest* subscription);
     // Builder of the "subscription" request: {"subscriptions": [names...]}.
-    // `subscriptions` is a List* of SubscriptionRequest*. Null on a null list.
-    JsonValue* (*request_subscription)(void* subscriptions);
+    // `subscriptions` is a List* of SubscriptionRequest*. No data on a null
+    // list.
+    bool (*request_subscription)(void* subscriptions, JsonText* data);
     // Response callback of "subscription": ignores the answer.
     void (*subscription_response)(JsonValue* data);
 };

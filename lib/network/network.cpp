@@ -438,8 +438,10 @@ int64_t receive_payload(networkConnection* connection, int64_t max_size) {
 // reading, announce it, then let the protocol state begin. Without its
 // events the connection is useless: the retry policy takes over.
 void on_connected(networkConnection* connection) {
-    Logger.info("Connection attempt to %s:%u succeeded", get_ip(connection),
-                static_cast<unsigned>(connection->config->port));
+    if (Logger.enabled(LOG_INFO)) {
+        Logger.info("Connection attempt to %s:%u succeeded", get_ip(connection),
+                    static_cast<unsigned>(connection->config->port));
+    }
     drop_event(&connection->write_event);
     connection->state = NETWORK_CONNECTED;
     connection->write_event = event_new(connection->event_base, connection->socket,
@@ -467,8 +469,10 @@ void on_connect_completed(evutil_socket_t fd, short /*what*/, void* argument) {
         on_connected(connection);
         return;
     }
-    Logger.info("Connection attempt to %s:%u failed: %s", get_ip(connection),
-                static_cast<unsigned>(connection->config->port), strerror(errno));
+    if (Logger.enabled(LOG_INFO)) {
+        Logger.info("Connection attempt to %s:%u failed: %s", get_ip(connection),
+                    static_cast<unsigned>(connection->config->port), strerror(errno));
+    }
     reconnect(connection);
 }
 

@@ -124,10 +124,11 @@ char* accept_of(const char* nonce, uint64_t* out_length) {
                      static_cast<long>(nonce_length));
         return nullptr;
     }
-    const std::string challenge = std::string(nonce) + kAcceptGuid;
+    uint8_t challenge[kMaxNonceLength + sizeof kAcceptGuid];  // nonce + GUID, on the stack
+    memcpy(challenge, nonce, nonce_length);
+    memcpy(challenge + nonce_length, kAcceptGuid, sizeof kAcceptGuid - 1);
     uint8_t digest[SHA1_DIGEST_SIZE] = {};
-    if (Crypto.sha1_compute(reinterpret_cast<const uint8_t*>(challenge.data()), challenge.size(),
-                            digest) != 0) {
+    if (Crypto.sha1_compute(challenge, nonce_length + sizeof kAcceptGuid - 1, digest) != 0) {
         Logger.error("Unable to sha1 value");
         return nullptr;
     }
@@ -150,6 +151,47 @@ char* compute_websocket_accept(const char* nonce, uint64_t* out_length) {
                                    [&] { return accept_of(nonce, out_length); });
 }
 
+// Whether `byte` is one of the NUL-terminated `delimiters`.
+bool is_delimiter(char byte, const char* delimiters) {
+    for (; *delimiters != '\0'; ++delimiters) {
+        if (*delimiters == byte) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// strtok_r's cut of the NUL-terminated text at *cursor: skips delimiters,
+// ends the token at the next one (overwritten with NUL) and moves *cursor
+// past it. Null when only delimiters are left.
+char* cut_token(char** cursor, const char* delimiters) {
+    char* start = *cursor;
+    while (*start != '\0' && is_delimiter(*start, delimiters)) {
+        ++start;
+    }
+    char* end = start;
+    while (*end != '\0' && !is_delimiter(*end, delimiters)) {
+        ++end;
+    }
+    *cursor = *end != '\0' ? end + 1 : end;
+    if (*end != '\0') {
+        *end = '\0';
+    }
+    return *start != '\0' ? start : nullptr;
+}
+
+// First "key:" in the NUL-terminated header, or null. The header is at most
+// one read of the upgrade's answer long and the key a short constant.
+char* find_key(char* header, const char* key, size_t key_length) {
+    for (char* at = header; *at != '\0'; ++at) {
+        if ((key_length == 0 || *at == *key) && strncmp(at, key, key_length) == 0 &&
+            at[key_length] == ':') {
+            return at;
+        }
+    }
+    return nullptr;
+}
+
 // Finds "key:" anywhere in the NUL-terminated header and cuts its value out
 // in place (strtok with ": " then ": \r"). Returns a pointer into header.
 char* find_header_value(char* header, uint64_t length, const char* key) {
@@ -165,15 +207,13 @@ char* find_header_value(char* header, uint64_t length, const char* key) {
             static_cast<long>(key_length));
         return nullptr;
     }
-    const std::string needle = std::string(key) + ":";
-    char* found = strstr(header, needle.c_str());
-    if (found == nullptr) {
+    char* cursor = find_key(header, key, key_length);
+    if (cursor == nullptr) {
         Logger.trace("Header %s not found", key);
         return nullptr;
     }
-    char* cursor = nullptr;
-    strtok_r(found, ": ", &cursor);
-    char* value = strtok_r(nullptr, ": \r", &cursor);
+    cut_token(&cursor, ": ");
+    char* value = cut_token(&cursor, ": \r");
     if (value == nullptr || value >= header + length) {
         Logger.trace("Error while parsing header");
         return nullptr;

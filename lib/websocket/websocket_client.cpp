@@ -25,11 +25,6 @@ constexpr char kAcceptHeader[] = "Sec-WebSocket-Accept";
 
 using OwnedText = MallocPtr<char>;
 
-struct BufferDeleter {
-    void operator()(RingBuffer* buffer) const { DynamicBuffer.free(buffer); }
-};
-using OwnedBuffer = std::unique_ptr<RingBuffer, BufferDeleter>;
-
 websocketPeerDescriptor* descriptor_of(networkConnection* connection) {
     return static_cast<websocketPeerDescriptor*>(connection->user_data);
 }
@@ -126,11 +121,6 @@ int send_upgrade_request(networkConnection* connection) {
         return -1;
     }
     Network.set_user_data(connection, descriptor);
-    OwnedBuffer request(DynamicBuffer.create(kRequestBufferCapacity));
-    if (!request) {
-        Logger.fatal("Unable to allocate request buffer for websocket challenge");
-        return -1;
-    }
     uint8_t nonce[kNonceSize] = {};
     if (Crypto.random_bytes(nonce, sizeof nonce) < 0) {
         Logger.fatal("Unable to generate random nonce for websocket request challenge");
@@ -151,25 +141,19 @@ int send_upgrade_request(networkConnection* connection) {
         return -1;
     }
     memcpy(descriptor->expected_accept, accept.get(), accept_length + 1);
-    if (DynamicBuffer.append(request.get(), kRequestStart, strlen(kRequestStart)) != 0 ||
-        DynamicBuffer.append(request.get(), key.get(), strlen(key.get())) != 0 ||
-        DynamicBuffer.append(request.get(), kRequestEnd, strlen(kRequestEnd)) != 0) {
+    // Written whole on the stack: the key is 24 bytes.
+    char request[kRequestBufferCapacity];
+    const size_t key_length = strlen(key.get());
+    const size_t length = sizeof kRequestStart - 1 + key_length + sizeof kRequestEnd - 1;
+    if (length > sizeof request) {
         Logger.error("Unable to build the websocket upgrade request");
         return -1;
     }
-    uint8_t copied = 0;
-    uint8_t* bytes = DynamicBuffer.get_data(request.get(), &copied);
-    if (bytes != nullptr) {
-        Logger.debug("WebSocket handshake request: %.*s",
-                     static_cast<int>(DynamicBuffer.size(request.get())),
-                     reinterpret_cast<const char*>(bytes));
-    }
-    const int sent = bytes == nullptr
-                         ? NETWORK_ERR_FAILED
-                         : Network.send(connection, bytes, DynamicBuffer.size(request.get()));
-    if (copied == 1) {
-        free(bytes);
-    }
+    memcpy(request, kRequestStart, sizeof kRequestStart - 1);
+    memcpy(request + sizeof kRequestStart - 1, key.get(), key_length);
+    memcpy(request + sizeof kRequestStart - 1 + key_length, kRequestEnd, sizeof kRequestEnd - 1);
+    Logger.debug("WebSocket handshake request: %.*s", static_cast<int>(length), request);
+    const int sent = Network.send(connection, request, length);
     if (sent != NETWORK_OK) {
         Logger.error("Unable to send the websocket upgrade request");
         return -1;

@@ -11,11 +11,13 @@
 
 namespace {
 
-std::string serialized(JsonValue* value) {
+// What a builder writes as the request's "data".
+std::string written(ExecutionCallback builder, void* argument) {
     char buffer[2048];
-    int length = json_serialize(value, buffer, sizeof buffer);
-    json_free_value(value);
-    return length < 0 ? "<unserialisable>" : std::string(buffer, length);
+    JsonText text;
+    json_text_start(&text, buffer, sizeof buffer);
+    const bool has_data = builder(argument, &text);
+    return !has_data || text.failed ? "<no data>" : std::string(buffer, text.length);
 }
 
 ServiceRequest service(const char* name) {
@@ -32,7 +34,7 @@ TEST(RequestBuilders, AddCopiesClearServicesInOrderAndReleasesThem) {
     ServiceRequest request = service("web1");
     request.clear_services = LinkedList.create(strdup("a.net"));
     LinkedList.add(request.clear_services, strdup("10.1.1.1"));
-    EXPECT_EQ(serialized(build_add_request(&request)),
+    EXPECT_EQ(written(build_add_request, &request),
               R"({"method":"api_key","value":")" + std::string(API_KEY_LENGTH, 'k') +
                   R"(","name":"web1","ip_address":"10.0.0.1","port":443,"virtual_port":8443,)"
                   R"("clear_services":["a.net","10.1.1.1"]})");
@@ -56,11 +58,13 @@ ProxyRequest proxy = {"1.2.3.4", 3128, "SOCKS5"};
 TraceabilityConfig trace_console = {"console", nullptr, nullptr, 0, nullptr, 0, nullptr};
 TraceabilityConfig trace_file = {"file", "/var/log", "t_%d", 4096, nullptr, 0, nullptr};
 TraceabilityConfig trace_syslog = {"syslog", nullptr, nullptr, 0, "10.0.0.9", 514, "UDP"};
+TraceabilityConfig trace_file_bare = {"file", nullptr, nullptr, 0, nullptr, 0, nullptr};
 char name[] = "web4";
+char quoted_name[] = "w\"e\\b";
 
 TEST_P(EachBuilder, WritesItsDataExactly) {
     const BuilderCase& c = GetParam();
-    EXPECT_EQ(serialized(c.builder(c.argument)), c.expected);
+    EXPECT_EQ(written(c.builder, c.argument), c.expected);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -74,6 +78,8 @@ INSTANTIATE_TEST_SUITE_P(
                     R"({"tenant_name":"web3","ip_address":"10.0.0.1","port":443,)"
                     R"("virtual_port":8443})"},
         BuilderCase{"remove", build_remove_request, name, R"({"tenant_name":"web4"})"},
+        BuilderCase{"remove_escaped", build_remove_request, quoted_name,
+                    R"({"tenant_name":"w\"e\\b"})"},
         BuilderCase{"empty", build_empty_request, nullptr, "{}"},
         BuilderCase{"connect", build_connect_request, name, R"({"tenants":["web4"]})"},
         BuilderCase{"disconnect", build_disconnect_request, name, R"({"tenants":["web4"]})"},
@@ -86,6 +92,8 @@ INSTANTIATE_TEST_SUITE_P(
         BuilderCase{"file", build_traceability_request, &trace_file,
                     R"({"target":"file","path":"/var/log","filename_format":"t_%d",)"
                     R"("max_size":4096})"},
+        BuilderCase{"file_without_names", build_traceability_request, &trace_file_bare,
+                    R"({"target":"file","max_size":0})"},
         BuilderCase{"syslog", build_traceability_request, &trace_syslog,
                     R"({"target":"syslog","address":"10.0.0.9","protocol":"UDP","port":514})"}),
     [](const testing::TestParamInfo<BuilderCase>& param_info) { return param_info.param.label; });

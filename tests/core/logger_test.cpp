@@ -42,6 +42,8 @@ TEST_P(LoggerThreshold, KeepsLevelsAtOrAboveAndFlushesBelowInfo) {
     std::string expected;
     for (size_t level = 0; level < levels.size(); ++level) {
         levels[level].first("m%zu", level);
+        EXPECT_EQ(Logger.enabled(static_cast<uint8_t>(level)),
+                  static_cast<int>(level) >= GetParam());
         if (static_cast<int>(level) >= GetParam()) {
             expected += levels[level].second + " m" + std::to_string(level) + "\n";
         }
@@ -49,6 +51,7 @@ TEST_P(LoggerThreshold, KeepsLevelsAtOrAboveAndFlushesBelowInfo) {
     const auto file = std::filesystem::directory_iterator(folder)->path();
     const std::string unflushed = read_all(file);
     Logger.close();
+    EXPECT_FALSE(Logger.enabled(LOG_FATAL));
     EXPECT_EQ(std::regex_replace(read_all(file), std::regex(kStamp), ""), expected);
     EXPECT_EQ(unflushed.empty(), GetParam() >= 2);
     std::filesystem::remove_all(folder);

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <cstring>
 #include <string>
 
@@ -78,6 +79,60 @@ TEST(Json, BadUtf8BecomesReplacementCharacter) {
         ASSERT_EQ(json_add_string_child(built.handle, "k", c.raw), 0);
         EXPECT_EQ(serialized(built.handle), "{\"k\":\"" + decoded + "\"}") << c.raw;
     }
+}
+
+// A string written as text is the bytes the serialiser writes for the same
+// member, plain or not: escapes, controls, DEL, bad and good UTF-8.
+TEST(JsonText, StringIsTheSerialisedString) {
+    const char* texts[] = {"plain",    "",
+                           "q\"b\\s/", "\x01\b\f\n\r\t\x1f",
+                           "del\x7f",  "h\xc3\xa9 \xf0\x9f\x98\x80",
+                           "caf\xe9",  "\xc0\xaf\xed\xa0\x80"};
+    for (const char* text : texts) {
+        Value built(json_create_json_object());
+        ASSERT_EQ(json_add_string_child(built.handle, "k", text), 0);
+        char buffer[64];
+        JsonText written;
+        json_text_start(&written, buffer, sizeof buffer);
+        json_text_raw(&written, "{\"k\":");
+        json_text_string(&written, text);
+        json_text_raw(&written, "}");
+        EXPECT_FALSE(written.failed) << text;
+        EXPECT_EQ(std::string(buffer, written.length), serialized(built.handle)) << text;
+    }
+}
+
+// Numbers at their limits; a text fills its buffer up to the NUL and not
+// one byte more (as json_serialize), and a cut takes back a failure.
+TEST(JsonText, NumbersLimitsAndCut) {
+    char digits[21];
+    JsonText text;
+    const struct {
+        int64_t value;
+        const char* digits;
+    } numbers[] = {{0, "0"},
+                   {-7, "-7"},
+                   {65535, "65535"},
+                   {INT64_MIN, "-9223372036854775808"},
+                   {INT64_MAX, "9223372036854775807"}};
+    for (const auto& number : numbers) {
+        json_text_start(&text, digits, sizeof digits);
+        json_text_int(&text, number.value);
+        EXPECT_EQ(text.failed ? std::string("<failed>") : std::string(digits), number.digits);
+    }
+    char buffer[8];
+    json_text_start(&text, buffer, sizeof buffer);
+    json_text_raw(&text, "1234");
+    json_text_raw(&text, "567");
+    EXPECT_FALSE(text.failed);
+    json_text_raw(&text, "8");
+    EXPECT_TRUE(text.failed);
+    json_text_raw(&text, "");
+    EXPECT_STREQ(buffer, "1234567");
+    json_text_cut(&text, 4);
+    EXPECT_FALSE(text.failed);
+    json_text_string(&text, "x");
+    EXPECT_STREQ(buffer, "1234\"x\"");
 }
 
 // Escapes, numbers of every kind and a repeated key (first place, last

@@ -228,4 +228,43 @@ TEST(Accept, FromNonceAndGuid) {
     EXPECT_EQ(WebSocket.compute_websocket_accept(nullptr, nullptr), nullptr);
 }
 
+// The lookup cuts a value as strstr and strtok_r ("key:" anywhere, then
+// ": " and ": \r" as delimiters) always did, on answers that bend it.
+std::string looked_up(const char* found) {
+    return found != nullptr ? found : "<none>";
+}
+
+std::string cut_as_strtok(std::string header, const char* key, size_t length) {
+    char* found = strstr(header.data(), (std::string(key) + ":").c_str());
+    if (found == nullptr) {
+        return "<none>";
+    }
+    char* cursor = nullptr;
+    strtok_r(found, ": ", &cursor);
+    char* value = strtok_r(nullptr, ": \r", &cursor);
+    return value == nullptr || value >= header.data() + length ? "<none>" : value;
+}
+
+TEST(HeaderLookup, CutsAsStrtokDid) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"HTTP/1.1 101\r\nSec-WebSocket-Accept: abc=\r\n\r\n", "Sec-WebSocket-Accept"},
+        {"A: 1\r\nKey:value\r\n", "Key"},
+        {"Key: :: \r v:w\r\n", "Key"},
+        {"X-Key: inner\r\nKey: outer\r\n", "Key"},
+        {"Key:  \r\n", "Key"},
+        {"Key:", "Key"},
+        {"key: lower\r\n", "Key"},
+        {"K K: spaced\r\n", "K K"},
+        {"a: 1: 2\r\n", ""},
+        {"Key: far\r\n", "Key"}};
+    for (const auto& [header, key] : cases) {
+        for (size_t length : {strlen(header), size_t{6}}) {
+            std::string text = header;
+            EXPECT_EQ(looked_up(WebSocket.find_value_from_http_header(text.data(), length, key)),
+                      cut_as_strtok(header, key, length))
+                << header << " / " << length;
+        }
+    }
+}
+
 }  // namespace

@@ -78,6 +78,29 @@ void json_free_value(JsonValue* value);
 /* Releases an array from json_get_list_value; accepts null. */
 void json_free_list_value(JsonListItem** items, int count);
 
+/* A JSON text written straight into the caller's buffer, for a request that
+ * needs no tree: the same bytes json_serialize writes for the same value.
+ * The buffer always ends in NUL. A part that would not fit (with the NUL
+ * after it) is not written and marks the text failed; nothing is written
+ * after that. */
+typedef struct JsonText {
+    char* buffer;
+    size_t size;
+    size_t length; /* bytes written, without the NUL */
+    int failed;
+} JsonText;
+
+void json_text_start(JsonText* text, char* buffer, size_t size);
+/* Appends `raw` as it is (punctuation, keys known to need no escape). */
+void json_text_raw(JsonText* text, const char* raw);
+/* Appends `value` as a quoted JSON string, escaped as json_serialize
+ * escapes it (bytes that are not UTF-8 as U+FFFD). */
+void json_text_string(JsonText* text, const char* value);
+void json_text_int(JsonText* text, int64_t value);
+/* Drops what was written after `length`, a length the text had while it
+ * had not failed, and so any failure since. */
+void json_text_cut(JsonText* text, size_t length);
+
 #ifdef __cplusplus
 }
 #endif
