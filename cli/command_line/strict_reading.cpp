@@ -146,22 +146,6 @@ LineScan scan_line(int argc, char** argv) {
     return found;
 }
 
-// "-l", "-g" or "-h" alone names its command in both readings, which is
-// all getopt would find: such a line is read without it (getopt's code and
-// its two environment look-ups are most of what a short call spends on its
-// command line).
-bool read_one_letter(int argc, char** argv, Invocation* in) {
-    if (argc != 2 || argv[1][0] != '-' || argv[1][1] == '\0' || argv[1][2] != '\0') {
-        return false;
-    }
-    const char letter = argv[1][1];
-    if (letter != 'l' && letter != 'g' && letter != 'h') {
-        return false;
-    }
-    in->command = option_by_value(letter)->command;
-    return true;
-}
-
 }  // namespace
 
 bool wants_strict_reading(int argc, char** argv) {
@@ -169,9 +153,6 @@ bool wants_strict_reading(int argc, char** argv) {
 }
 
 Invocation read_command_line(int argc, char** argv) {
-    if (Invocation in; read_one_letter(argc, argv, &in)) {
-        return in;
-    }
     const LineScan scan = argc >= 2 ? scan_line(argc, argv) : LineScan{};
     Invocation in = scan.strict ? read_strictly(argc, argv) : read_humanly(argc, argv);
     in.verbosity = scan.verbosity;

@@ -13,7 +13,6 @@
 #include <vector>
 
 #include "cli/agent/tenants.h"
-#include "cli/command_line/command_line.h"
 #include "cli/command_line/option_table.h"
 #include "cli/commands/command_table.h"
 #include "cli/output/json_writer.h"
@@ -49,29 +48,6 @@ TEST(OptionTable, MatchesTheShortOptionsTheUsageAndTheCompletions) {
     }
     for (const char* letter = SHORT_OPTIONS; *letter != '\0'; letter++) {
         EXPECT_TRUE(*letter == ':' || option_by_value(*letter) != nullptr) << *letter;
-    }
-}
-
-// A line of one immediate letter is read without getopt: it must come to
-// what getopt's reading makes of it, and lines that only look like one
-// must still go through getopt.
-TEST(CommandLine, OneLetterLineReadsAsGetoptReadsIt) {
-    const char* lines[] = {"-l", "-g", "-h", "-r", "-L", "-", "-lg", "--l", "-x"};
-    for (const char* line : lines) {
-        std::string word = line;
-        char program[] = "sylvane-service";
-        char* argv[] = {program, word.data(), nullptr};
-        const Invocation read = read_command_line(2, argv);
-        optind = 0;
-        opterr = 0;
-        std::string again = line;
-        char* argv_again[] = {program, again.data(), nullptr};
-        const Invocation expected = read_humanly(2, argv_again);
-        optind = 0;
-        opterr = 1;
-        EXPECT_EQ(read.command, expected.command) << line;
-        EXPECT_EQ(read.reading, Reading::human) << line;
-        EXPECT_EQ(read.verbosity, 0) << line;
     }
 }
 
