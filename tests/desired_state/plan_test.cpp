@@ -5,6 +5,7 @@
 
 #include "cli/desired_state/plan.h"
 #include "cli/desired_state/render.h"
+#include "plan_of.h"
 
 namespace {
 
@@ -66,7 +67,7 @@ TEST(Plan, ServiceActions) {
     };
     // clang-format on
     for (const auto& c : cases) {
-        Plan plan = make_plan(desired(std::string("services:\n  ") + c.file + "\n"),
+        Plan plan = plan_of(desired(std::string("services:\n  ") + c.file + "\n"),
                               AgentSnapshot{.services = c.agent}, false);
         EXPECT_EQ(changes(plan), c.expected) << c.file;
     }
@@ -76,13 +77,13 @@ TEST(Plan, ServicesTheFileDoesNotName) {
     AgentSnapshot agent{.services = {web_in("connected"), kWeb}};  // listed twice: planned once
     const std::string unmanaged =
         R"({"object": "service", "service": "web", "action": "not_managed", "before": {"target": "1.2.3.4:80", "virtual_port": 80, "enabled": true, "status": "connected"}, "after": null})";
-    EXPECT_EQ(changes(make_plan(desired(""), agent, false)), std::vector<std::string>{unmanaged});
+    EXPECT_EQ(changes(plan_of(desired(""), agent, false)), std::vector<std::string>{unmanaged});
     const std::string removed =
         R"({"object": "service", "service": "web", "action": "remove", "before": {"target": "1.2.3.4:80", "virtual_port": 80, "enabled": true, "status": "connected"}, "after": null})";
-    EXPECT_EQ(changes(make_plan(desired("services: {}"), agent, true)),
+    EXPECT_EQ(changes(plan_of(desired("services: {}"), agent, true)),
               std::vector<std::string>{removed});
     // As many entries as the file has, in place, but another name: no pairing.
-    Plan plan = make_plan(desired("services:\n  db: {target: 1.2.3.4:80}\n"),
+    Plan plan = plan_of(desired("services:\n  db: {target: 1.2.3.4:80}\n"),
                           AgentSnapshot{.services = {web_in("connected")}}, false);
     ASSERT_EQ(plan.changes.size(), 2u);
     EXPECT_EQ(plan.changes[0].action, ChangeAction::create);
@@ -104,7 +105,7 @@ TEST(Plan, ProxyActions) {
     };
     // clang-format on
     for (const auto& c : cases) {
-        Plan plan = make_plan(desired(std::string("proxy: ") + c.file + "\n"),
+        Plan plan = plan_of(desired(std::string("proxy: ") + c.file + "\n"),
                               AgentSnapshot{.proxy = agent}, false);
         EXPECT_EQ(changes(plan), c.expected) << c.file;
     }
@@ -139,7 +140,7 @@ TEST(Plan, Order) {
                                      {.name = "other", .status = "connected"}},
                         .proxy = AgentProxy{.type = "HTTP", .ip_address = "10.0.0.1", .port = 2}};
     for (bool prune : {false, true}) {
-        Plan plan = make_plan(state, agent, prune);
+        Plan plan = plan_of(state, agent, prune);
         std::vector<std::string> order;
         for (const Change& change : plan.changes) {
             order.push_back(std::string(change_action_name(change.action)) + " " +

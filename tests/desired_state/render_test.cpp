@@ -4,6 +4,7 @@
 
 #include "cli/desired_state/plan.h"
 #include "cli/desired_state/render.h"
+#include "plan_of.h"
 
 namespace {
 
@@ -43,7 +44,7 @@ TEST(DesiredStateRender, ExportRoundTrip) {
         ASSERT_TRUE(read_desired_state(text, "export", &state, &error)) << error << "\n" << text;
         EXPECT_EQ(state.services.size(), agent.services.size());
         ASSERT_TRUE(state.proxy.has_value());
-        Plan plan = make_plan(state, agent, true);
+        Plan plan = plan_of(state, agent, true);
         EXPECT_FALSE(plan.summary.pending()) << render_plan_text(plan) << text;
         EXPECT_EQ(plan.summary.of(ChangeAction::unchanged), 9) << text;
     }
@@ -63,8 +64,8 @@ TEST(DesiredStateRender, UnchangedNamesReadAsInFull) {
     no_proxy.proxy.reset();
     for (const DesiredState* desired : {&all, &some, &no_proxy}) {
         for (bool prune : {false, true}) {
-            const Plan brief = make_plan(*desired, agent, prune, false);
-            const Plan full = make_plan(*desired, agent, prune, true);
+            const Plan brief = plan_of(*desired, agent, prune, false);
+            const Plan full = plan_of(*desired, agent, prune, true);
             EXPECT_FALSE(brief.unchanged_names.empty());
             EXPECT_EQ(render_plan_text(brief), render_plan_text(full));
         }
@@ -129,7 +130,7 @@ TEST(DesiredStateRender, PlanTexts) {
                                       .port = 9,
                                       .virtual_port = 9}},
                         .proxy = AgentProxy{.type = "socks5", .ip_address = "10.0.0.1", .port = 1}};
-    Plan plan = make_plan(state, agent, true);
+    Plan plan = plan_of(state, agent, true);
     EXPECT_EQ(
         render_plan_text(plan),
         "+ create service new: target 1.2.3.4:80, virtual_port 80, enabled true\n"
@@ -141,8 +142,8 @@ TEST(DesiredStateRender, PlanTexts) {
         "  unchanged service same\n"
         "Plan: 1 to create, 2 to update, 1 to enable, 1 to disable, 1 to remove; 1 unchanged, 0 "
         "not managed.\n");
-    EXPECT_EQ(render_plan_text(make_plan(DesiredState{}, agent, false)).substr(0, 2), "  ");
-    EXPECT_NE(render_plan_text(make_plan(DesiredState{}, agent, false))
+    EXPECT_EQ(render_plan_text(plan_of(DesiredState{}, agent, false)).substr(0, 2), "  ");
+    EXPECT_NE(render_plan_text(plan_of(DesiredState{}, agent, false))
                   .find("No changes: the agent matches the file (0 unchanged, 3 not managed).\n"),
               std::string::npos);
     const std::string json = render_plan_json(plan);
