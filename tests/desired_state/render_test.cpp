@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <string>
 
 #include "cli/desired_state/plan.h"
@@ -154,6 +155,30 @@ TEST(DesiredStateRender, PlanTexts) {
         json.find(
             R"(], "summary": {"create": 1, "update": 2, "enable": 1, "disable": 1, "remove": 1, "unchanged": 1, "not_managed": 0}})"),
         std::string::npos);
+}
+
+// An unchanged name is escaped whatever its length and wherever a byte
+// that is not printable ASCII falls in it, next to names that are.
+TEST(DesiredStateRender, UnchangedNamesEscapedAnywhere) {
+    for (const char* bad : {"\x1f", "\x7f", "\x80", "\xff", " ", "~"}) {
+        const unsigned char byte = static_cast<unsigned char>(*bad);
+        char escape[8];
+        snprintf(escape, sizeof escape, "\\x%02x", byte);
+        const std::string shown = byte >= 0x20 && byte < 0x7f ? std::string(bad) : escape;
+        for (size_t length = 1; length <= 17; length++) {
+            for (size_t place = 0; place < length; place++) {
+                std::string name(length, 'a');
+                name[place] = *bad;
+                std::string expected = "  unchanged service plain\n  unchanged service " +
+                                       std::string(place, 'a') + shown +
+                                       std::string(length - place - 1, 'a') + "\n";
+                Plan plan;
+                plan.unchanged_names = {"plain", name};
+                EXPECT_EQ(render_plan_text(plan).substr(0, expected.size()), expected)
+                    << length << " " << place << " " << int(byte);
+            }
+        }
+    }
 }
 
 }  // namespace
