@@ -83,17 +83,16 @@ Change service_change(ChangeAction action, const std::string& name, size_t desir
         .object = ChangeObject::service, .action = action, .service = name, .desired = desired};
 }
 
-// The enable or disable that the file asks of a service in `status` (none
-// when the service is new), if any.
-std::optional<Change> toggle(const DesiredService& service, size_t index,
-                             const std::string_view* status) {
-    if (!service.enabled.has_value()) {
-        return std::nullopt;
-    }
-    std::optional<bool> now = status != nullptr ? enabled_by_status(*status) : false;
-    if (now == service.enabled) {
-        return std::nullopt;
-    }
+// Whether the file asks an enable or disable of a service that is `now`
+// enabled, disabled, or neither.
+bool toggled(const DesiredService& service, std::optional<bool> now) {
+    return service.enabled.has_value() && now != service.enabled;
+}
+
+// The enable or disable of a service that is `now`, in `status` (none when
+// the service is new).
+Change toggle(const DesiredService& service, size_t index, std::optional<bool> now,
+              const std::string_view* status) {
     Change change = service_change(*service.enabled ? ChangeAction::enable : ChangeAction::disable,
                                    service.name, index);
     change.before = ChangeState{.enabled = now};
@@ -132,11 +131,12 @@ void plan_existing(const DesiredService& service, size_t index, const ListedServ
     if (moved || ported) {
         work->updates.push_back(update_of(service, index, agent, moved, ported));
     }
-    std::optional<Change> toggled = toggle(service, index, &agent.status);
-    if (toggled) {
-        work->toggles.push_back(std::move(*toggled));
+    const std::optional<bool> now = enabled_by_status(agent.status);
+    const bool switched = toggled(service, now);
+    if (switched) {
+        work->toggles.push_back(toggle(service, index, now, &agent.status));
     }
-    if (moved || ported || toggled) {
+    if (moved || ported || switched) {
         return;
     }
     if (work->names_only && !work->by_name) {
@@ -204,8 +204,8 @@ void plan_unlisted(PlanWork* work) {
         Change create = service_change(ChangeAction::create, services[i].name, i);
         create.after = desired_state(services[i]);
         work->creates.push_back(std::move(create));
-        if (std::optional<Change> enable = toggle(services[i], i, nullptr)) {
-            work->toggles.push_back(std::move(*enable));
+        if (toggled(services[i], false)) {
+            work->toggles.push_back(toggle(services[i], i, false, nullptr));
         }
     }
 }
