@@ -44,17 +44,17 @@ bool walk_agent_services(const JsonValue* data, Take take) {
     bool readable = true;
     bool exhausted = false;
     TenantsRead read =
-        read_tenant_views(data, [&](TenantElement element, const TenantView& tenant) {
-            if (element != TenantElement::tenant || !tenant.name) {
+        read_service_views(data, [&](TenantElement element, const ServiceView& service) {
+            if (element != TenantElement::tenant || !service.name) {
                 readable = false;
                 return TenantWalk::stop;
             }
             try {
-                take(ListedService{.name = *tenant.name,
-                                   .status = tenant.status.value_or(""),
-                                   .ip_address = tenant.ip_address.value_or(""),
-                                   .port = tenant.port,
-                                   .virtual_port = tenant.virtual_port});
+                take(ListedService{.name = *service.name,
+                                   .status = service.status,
+                                   .ip_address = service.ip_address,
+                                   .port = service.port,
+                                   .virtual_port = service.virtual_port});
             } catch (const std::bad_alloc&) {
                 exhausted = true;
                 return TenantWalk::stop;
