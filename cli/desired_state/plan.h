@@ -84,6 +84,7 @@ struct Plan {
     PlanSummary summary;
 };
 
+// What a Planner keeps between its calls (plan.cpp).
 struct PlanWork;
 
 // How an agent must change to match `desired`, which must outlive the
