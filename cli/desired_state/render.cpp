@@ -396,6 +396,9 @@ std::string render_plan_json(const Plan& plan) {
         changes.reserve(plan.changes.size());
         for (const Change& change : plan.changes) {
             changes.push_back(render_change_json(change));
+            if (changes.back().empty()) {
+                return std::string();  // out of memory: no document with a hole
+            }
         }
         return JsonWriter()
             .number("version", 1)
