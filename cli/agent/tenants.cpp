@@ -5,6 +5,7 @@
 
 #include <cstring>
 #include <exception>
+#include <type_traits>
 
 #include "sylvshared/tenants.h"
 
@@ -53,23 +54,28 @@ std::optional<std::string_view> text_of(const sylvshared::TenantText& field) {
 }
 
 // The element as views into its fields, texts cut at a NUL unless known
-// free of one.
-template <bool WithoutNul>
-TenantView view_of(const sylvshared::TenantFields& fields) {
-    TenantView view;
+// free of one: every field, or the few a plan compares.
+template <typename View, bool WithoutNul>
+View view_of(const sylvshared::TenantFields& fields) {
+    View view;
     view.name = text_of<WithoutNul>(fields.name);
-    view.status = text_of<WithoutNul>(fields.status);
-    view.ip_address = text_of<WithoutNul>(fields.ip_address);
-    view.uuid = text_of<WithoutNul>(fields.uuid);
-    view.onion_address = text_of<WithoutNul>(fields.onion_address);
-    view.reason = text_of<WithoutNul>(fields.reason);
-    view.synchronized = text_of<WithoutNul>(fields.synchronized);
-    view.has_port = fields.port.present;
-    view.has_virtual_port = fields.virtual_port.present;
+    if constexpr (std::is_same_v<View, ServiceView>) {
+        view.status = text_of<WithoutNul>(fields.status).value_or(std::string_view());
+        view.ip_address = text_of<WithoutNul>(fields.ip_address).value_or(std::string_view());
+    } else {
+        view.status = text_of<WithoutNul>(fields.status);
+        view.ip_address = text_of<WithoutNul>(fields.ip_address);
+        view.uuid = text_of<WithoutNul>(fields.uuid);
+        view.onion_address = text_of<WithoutNul>(fields.onion_address);
+        view.reason = text_of<WithoutNul>(fields.reason);
+        view.synchronized = text_of<WithoutNul>(fields.synchronized);
+        view.has_port = fields.port.present;
+        view.has_virtual_port = fields.virtual_port.present;
+        view.ack = fields.ack;
+        view.printable = fields.printable;
+    }
     view.port = fields.port.value;
     view.virtual_port = fields.virtual_port.value;
-    view.ack = fields.ack;
-    view.printable = fields.printable;
     return view;
 }
 
@@ -87,18 +93,17 @@ TenantElement element_of(sylvshared::TenantElement element) {
 
 // One walk under either visitor: an exception from the visitor must not
 // cross walk_tenants (noexcept), so it is held and thrown again after it.
-template <typename Show>
+template <typename View, typename Show>
 TenantsRead walk(const JsonValue* data, Show show) {
     std::exception_ptr thrown;
-    const TenantView none;
+    const View none;
     const int result = sylvshared::walk_tenants(
         data, [&](int, sylvshared::TenantElement element, const sylvshared::TenantFields* fields) {
             try {
                 const TenantElement read = element_of(element);
-                const TenantView view =
-                    fields != nullptr
-                        ? (fields->without_nul ? view_of<true>(*fields) : view_of<false>(*fields))
-                        : none;
+                const View view = fields == nullptr     ? none
+                                  : fields->without_nul ? view_of<View, true>(*fields)
+                                                        : view_of<View, false>(*fields);
                 return show(read, view) == TenantWalk::next;
             } catch (...) {
                 thrown = std::current_exception();
@@ -144,7 +149,13 @@ void fill(Tenant& tenant, const TenantView& view) {
 }  // namespace
 
 TenantsRead read_tenant_views(const JsonValue* data, TenantViewVisitor visit, void* context) {
-    return walk(data, [&](TenantElement element, const TenantView& view) {
+    return walk<TenantView>(data, [&](TenantElement element, const TenantView& view) {
+        return visit(element, view, context);
+    });
+}
+
+TenantsRead read_service_views(const JsonValue* data, ServiceViewVisitor visit, void* context) {
+    return walk<ServiceView>(data, [&](TenantElement element, const ServiceView& view) {
         return visit(element, view, context);
     });
 }
@@ -152,7 +163,7 @@ TenantsRead read_tenant_views(const JsonValue* data, TenantViewVisitor visit, vo
 // One Tenant for the whole walk, refilled for each element.
 TenantsRead read_tenants(const JsonValue* data, TenantVisitor visit, void* context) {
     Tenant tenant;
-    return walk(data, [&](TenantElement element, const TenantView& view) {
+    return walk<TenantView>(data, [&](TenantElement element, const TenantView& view) {
         fill(tenant, view);
         return visit(element, tenant, context);
     });

@@ -55,6 +55,17 @@ struct TenantView {
     bool printable = false;
 };
 
+// The fields of an element a plan compares, as views valid only during
+// the visit: the name as in TenantView, other texts empty when missing or
+// of another type, ports -1 then. Cheaper to show than a whole TenantView.
+struct ServiceView {
+    std::optional<std::string_view> name;
+    std::string_view status;
+    std::string_view ip_address;
+    int port = -1;
+    int virtual_port = -1;
+};
+
 // A text member of any answer, read whole (see Tenant); absent when missing
 // or of another type. Throws std::bad_alloc when out of memory.
 std::optional<std::string> read_text(const JsonValue* object, const char* key);
@@ -77,6 +88,8 @@ enum class TenantsRead {
 using TenantVisitor = TenantWalk (*)(TenantElement element, const Tenant& tenant, void* context);
 using TenantViewVisitor = TenantWalk (*)(TenantElement element, const TenantView& tenant,
                                          void* context);
+using ServiceViewVisitor = TenantWalk (*)(TenantElement element, const ServiceView& service,
+                                          void* context);
 
 // Shows each element of data's "tenants" list to `visit`, in order, until it
 // says stop. The Tenant or TenantView is empty unless the element is a
@@ -84,6 +97,7 @@ using TenantViewVisitor = TenantWalk (*)(TenantElement element, const TenantView
 // from here; the Tenant form throws std::bad_alloc when out of memory.
 TenantsRead read_tenants(const JsonValue* data, TenantVisitor visit, void* context);
 TenantsRead read_tenant_views(const JsonValue* data, TenantViewVisitor visit, void* context);
+TenantsRead read_service_views(const JsonValue* data, ServiceViewVisitor visit, void* context);
 
 // The same with any callable `visit(TenantElement, const Tenant&)`.
 template <typename Visit>
@@ -103,6 +117,17 @@ TenantsRead read_tenant_views(const JsonValue* data, Visit&& visit) {
         data,
         [](TenantElement element, const TenantView& tenant, void* context) {
             return (*static_cast<std::remove_reference_t<Visit>*>(context))(element, tenant);
+        },
+        &visit);
+}
+
+// The same with any callable `visit(TenantElement, const ServiceView&)`.
+template <typename Visit>
+TenantsRead read_service_views(const JsonValue* data, Visit&& visit) {
+    return read_service_views(
+        data,
+        [](TenantElement element, const ServiceView& service, void* context) {
+            return (*static_cast<std::remove_reference_t<Visit>*>(context))(element, service);
         },
         &visit);
 }

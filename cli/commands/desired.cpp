@@ -36,25 +36,25 @@ void timer_fired(evutil_socket_t, short, void*) {
     finish(Outcome::fail(Failure::internal, OUT_OF_MEMORY));
 }
 
-// The get_tenants answer as the plan reads it. An element that is not a
-// service object with a name makes the answer unreadable, as for --json -l.
-// The views are copied into the few short strings the plan keeps.
-bool read_agent_services(const JsonValue* data, std::vector<AgentService>* services) {
+// Shows each service of the get_tenants answer to `take` as the listing's
+// views, in order. An element that is not a service object with a name
+// makes the answer unreadable, as for --json -l: false then.
+template <typename Take>
+bool walk_agent_services(const JsonValue* data, Take take) {
     bool readable = true;
     bool exhausted = false;
     TenantsRead read =
-        read_tenant_views(data, [&](TenantElement element, const TenantView& tenant) {
-            if (element != TenantElement::tenant || !tenant.name) {
+        read_service_views(data, [&](TenantElement element, const ServiceView& service) {
+            if (element != TenantElement::tenant || !service.name) {
                 readable = false;
                 return TenantWalk::stop;
             }
             try {
-                services->push_back(
-                    AgentService{.name = std::string(*tenant.name),
-                                 .status = std::string(tenant.status.value_or("")),
-                                 .ip_address = std::string(tenant.ip_address.value_or("")),
-                                 .port = tenant.port,
-                                 .virtual_port = tenant.virtual_port});
+                take(ListedService{.name = *service.name,
+                                   .status = service.status,
+                                   .ip_address = service.ip_address,
+                                   .port = service.port,
+                                   .virtual_port = service.virtual_port});
             } catch (const std::bad_alloc&) {
                 exhausted = true;
                 return TenantWalk::stop;
@@ -65,6 +65,31 @@ bool read_agent_services(const JsonValue* data, std::vector<AgentService>* servi
         out_of_memory();
     }
     return readable && read == TenantsRead::walked;
+}
+
+// The listing read for the plan: each service planned as it is shown, the
+// answer kept no longer than this call. --json and the apply need every
+// unchanged service in full; the human text of a plan only its name.
+bool plan_listing(const JsonValue* data) {
+    const Invocation& in = *run_record.invocation;
+    const bool shown_only = in.command == CommandId::diff || in.dry_run;
+    Planner& planner =
+        run_record.planner.emplace(run_record.desired, in.prune, in.json || !shown_only);
+    return walk_agent_services(data,
+                               [&planner](const ListedService& service) { planner.list(service); });
+}
+
+// The listing read for an export: the services copied whole, as it writes
+// them after the proxy's answer.
+bool copy_listing(const JsonValue* data) {
+    std::vector<AgentService>& services = run_record.agent.services;
+    return walk_agent_services(data, [&services](const ListedService& service) {
+        services.push_back(AgentService{.name = std::string(service.name),
+                                        .status = std::string(service.status),
+                                        .ip_address = std::string(service.ip_address),
+                                        .port = service.port,
+                                        .virtual_port = service.virtual_port});
+    });
 }
 
 // --export: the agent's state as a desired-state file (YAML), or in JSON
@@ -94,10 +119,8 @@ void planned() {
     if (in.command == CommandId::export_state) {
         export_state();
     }
-    const bool shown_only = in.command == CommandId::diff || in.dry_run;
-    run_record.plan =
-        make_plan(run_record.desired, run_record.agent, in.prune, in.json || !shown_only);
-    if (shown_only) {
+    run_record.plan = run_record.planner->finish(run_record.agent.proxy);
+    if (in.command == CommandId::diff || in.dry_run) {
         show_plan();
     }
     start_apply();
@@ -128,24 +151,17 @@ void* prepare_desired(const Invocation& in) {
         !read_desired_state_file(in.desired_file, &run_record.desired, &error)) {
         finish(Outcome::fail(Failure::bad_argument, Message().quote(error).say("\n")));
     }
-    // The agent mostly lists what the file names. Reserved room it does not
-    // fill is never touched, so costs no page; growing would copy the lot.
-    const size_t named = run_record.desired.services.size();
-    try {
-        run_record.agent.services.reserve(named + named / 2 + 16);
-    } catch (const std::bad_alloc&) {
-        out_of_memory();
-    }
     arm_desired_timeout(running().row->timeout_seconds);
     return nullptr;
 }
 
 void desired_listing_answer(JsonValue* data) {
-    if (!read_agent_services(data, &run_record.agent.services)) {
+    const Invocation& in = *run_record.invocation;
+    const bool exporting = in.command == CommandId::export_state;
+    if (!(exporting ? copy_listing(data) : plan_listing(data))) {
         finish(Outcome::fail(Failure::bad_answer, BAD_LISTING));
     }
-    const Invocation& in = *run_record.invocation;
-    if (in.command == CommandId::export_state || run_record.desired.proxy) {
+    if (exporting || run_record.desired.proxy) {
         arm_desired_timeout(running().row->timeout_seconds);
         Session.send("get_proxy", build_empty_request, nullptr, guarded<desired_proxy_answer>);
         return;

@@ -1,19 +1,23 @@
 // What the desired-state commands share while they run: the file read
-// before connecting, the agent's state as read, the plan, and the one
+// before connecting, the plan made as the agent's answers are read (or,
+// for an export, the agent's state), and the one
 // time-out they re-arm for each request. desired.cpp reads and plans;
 // apply.cpp carries the plan out.
 #pragma once
 
 #include <cstdint>
+#include <optional>
 
 #include "cli/command_line/invocation.h"
 #include "cli/desired_state/plan.h"
+#include "cli/desired_state/render.h"
 #include "sylvshared/json.h"
 
 struct DesiredRun {
     const Invocation* invocation = nullptr;
     DesiredState desired;
-    AgentSnapshot agent;
+    std::optional<Planner> planner;  // from the listing's answer on, but for an export
+    AgentSnapshot agent;             // the proxy as read; the services only for an export
     Plan plan;
 };
 

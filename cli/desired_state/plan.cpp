@@ -1,39 +1,59 @@
-// The plan: each desired service matched by name with the agent's, the
-// differences sorted into the groups a run carries out in turn.
+// The plan: each listed service paired with the file's at its place, or
+// matched by name, as the listing is read; the differences sorted into the
+// groups a run carries out in turn.
 
 #include "cli/desired_state/plan.h"
 
+#include <algorithm>
+#include <deque>
 #include <iterator>
 #include <string_view>
 #include <utility>
 
 #include "cli/desired_state/name_index.h"
 
-namespace {
-
-// Changes in the groups of the plan's order, concatenated at the end. The
-// unchanged services, most of a large plan, are kept as pairs and built
-// straight into the plan: no second copy of 10,000 entries.
-// When only names are asked for, unchanged services go straight to
-// `unchanged_names` and no pair is kept.
-struct Groups {
+// What the plan keeps while the listing is read: the changes, sorted into
+// the groups of the plan's order and concatenated by finish(). The listing
+// itself is not kept: each service is planned when it is shown.
+struct PlanWork {
+    const DesiredState& desired;
+    bool prune = false;
     bool names_only = false;
-    std::vector<Change> creates, updates, toggles, removes;
-    std::vector<std::pair<size_t, const AgentService*>> unchanged_services;  // file index, agent's
-    std::vector<std::string_view> unchanged_names;
-    std::vector<Change> unchanged_proxy, not_managed;
+    size_t listed = 0;    // the agent's services shown so far
+    size_t in_place = 0;  // the first of them named the file's first services, place by place
+    // Set when the listing leaves the file's order: from then on names are
+    // matched through `names`, the file's (value: file index) and those of
+    // the agent's services the file does not name (value: kNotNamed), whose
+    // texts `unnamed` keeps.
+    bool by_name = false;
+    NameIndex names{};
+    std::deque<std::string> unnamed{};
+    std::vector<bool> matched{};  // the file's services listed, once by name
+    std::vector<Change> creates{}, updates{}, toggles{}, removes{};
+    // Unchanged services as (file index, agent's status); their changes are
+    // built into the plan at the end (only the status is the agent's own:
+    // the rest equals the file's). Names only go straight to
+    // unchanged_names while the order holds.
+    std::vector<std::pair<size_t, std::string>> unchanged{};
+    std::vector<std::string_view> unchanged_names{};
+    std::vector<Change> unchanged_proxy{}, not_managed{};
 };
 
+namespace {
+
+constexpr uint32_t kNotNamed = UINT32_MAX;
+
 // True for connected and in progress, false for disconnected, none else.
-std::optional<bool> enabled_by_status(const std::string& status) {
+std::optional<bool> enabled_by_status(std::string_view status) {
     if (status == "connected" || status == "in progress") {
         return true;
     }
     return status == "disconnected" ? std::optional<bool>(false) : std::nullopt;
 }
 
-std::string endpoint_text(const std::string& address, int64_t port) {
-    return address + ":" + std::to_string(port);
+std::string endpoint_text(std::string_view address, int64_t port) {
+    std::string text(address);
+    return text.append(":").append(std::to_string(port));
 }
 
 std::string upper_case(std::string text) {
@@ -44,11 +64,11 @@ std::string upper_case(std::string text) {
 }
 
 // Everything the agent shows of a service.
-ChangeState agent_state(const AgentService& service) {
+ChangeState agent_state(const ListedService& service) {
     return ChangeState{.target = endpoint_text(service.ip_address, service.port),
                        .virtual_port = service.virtual_port,
                        .enabled = enabled_by_status(service.status),
-                       .status = service.status};
+                       .status = std::string(service.status)};
 }
 
 // Everything the file says of a service that the agent can show.
@@ -63,140 +83,145 @@ Change service_change(ChangeAction action, const std::string& name, size_t desir
         .object = ChangeObject::service, .action = action, .service = name, .desired = desired};
 }
 
-// The enable or disable that `want` asks of a service in `status` (empty
-// when the service is new), if any.
-std::optional<Change> toggle(const DesiredService& service, size_t index,
-                             const std::string* status) {
-    if (!service.enabled.has_value()) {
-        return std::nullopt;
-    }
-    std::optional<bool> now = status != nullptr ? enabled_by_status(*status) : false;
-    if (now == service.enabled) {
-        return std::nullopt;
-    }
+// Whether the file asks an enable or disable of a service that is `now`
+// enabled, disabled, or neither.
+bool toggled(const DesiredService& service, std::optional<bool> now) {
+    return service.enabled.has_value() && now != service.enabled;
+}
+
+// The enable or disable of a service that is `now`, in `status` (none when
+// the service is new).
+Change toggle(const DesiredService& service, size_t index, std::optional<bool> now,
+              const std::string_view* status) {
     Change change = service_change(*service.enabled ? ChangeAction::enable : ChangeAction::disable,
                                    service.name, index);
     change.before = ChangeState{.enabled = now};
     if (status != nullptr) {
-        change.before->status = *status;
+        change.before->status = std::string(*status);
     }
     change.after = ChangeState{.enabled = service.enabled};
     return change;
 }
 
+// The update of a service the agent has at another target or virtual port.
+Change update_of(const DesiredService& service, size_t index, const ListedService& agent,
+                 bool moved, bool ported) {
+    Change update = service_change(ChangeAction::update, service.name, index);
+    update.before.emplace();
+    update.after.emplace();
+    if (moved) {
+        update.before->target = endpoint_text(agent.ip_address, agent.port);
+        update.after->target = service.target.text();
+    }
+    if (ported) {
+        update.before->virtual_port = agent.virtual_port;
+        update.after->virtual_port = service.effective_virtual_port();
+    }
+    return update;
+}
+
 // The update, enable or disable, or unchanged entry of a service the agent
 // has.
-void plan_existing(const DesiredService& service, size_t index, const AgentService& agent,
-                   Groups* groups) {
+void plan_existing(const DesiredService& service, size_t index, const ListedService& agent,
+                   PlanWork* work) {
     // The file's address never holds a colon, so equal parts are equal texts.
     const bool moved =
         agent.port != service.target.port || agent.ip_address != service.target.address;
     const bool ported = agent.virtual_port != service.effective_virtual_port();
     if (moved || ported) {
-        Change update = service_change(ChangeAction::update, service.name, index);
-        update.before.emplace();
-        update.after.emplace();
-        if (moved) {
-            update.before->target = endpoint_text(agent.ip_address, agent.port);
-            update.after->target = service.target.text();
-        }
-        if (ported) {
-            update.before->virtual_port = agent.virtual_port;
-            update.after->virtual_port = service.effective_virtual_port();
-        }
-        groups->updates.push_back(std::move(update));
+        work->updates.push_back(update_of(service, index, agent, moved, ported));
     }
-    std::optional<Change> toggled = toggle(service, index, &agent.status);
-    if (toggled) {
-        groups->toggles.push_back(std::move(*toggled));
+    const std::optional<bool> now = enabled_by_status(agent.status);
+    const bool switched = toggled(service, now);
+    if (switched) {
+        work->toggles.push_back(toggle(service, index, now, &agent.status));
     }
-    if (!moved && !ported && !toggled && groups->names_only) {
-        groups->unchanged_names.push_back(service.name);
-    } else if (!moved && !ported && !toggled) {
-        groups->unchanged_services.emplace_back(index, &agent);
+    if (moved || ported || switched) {
+        return;
+    }
+    if (work->names_only && !work->by_name) {
+        work->unchanged_names.push_back(service.name);
+    } else {
+        work->unchanged.emplace_back(index, work->names_only ? "" : agent.status);
     }
 }
 
-// The unchanged entry of the file's service `index`: all it and the agent show.
-Change unchanged_service(const DesiredService& service, size_t index, const AgentService& agent) {
+// The unchanged entry of the file's service `index`, which the agent shows
+// at the file's target and virtual port, in `status`.
+Change unchanged_service(const DesiredService& service, size_t index, const std::string& status) {
     Change same = service_change(ChangeAction::unchanged, service.name, index);
-    same.before = ChangeState{.target = endpoint_text(agent.ip_address, agent.port),
-                              .virtual_port = agent.virtual_port,
-                              .enabled = enabled_by_status(agent.status),
-                              .status = agent.status};
-    same.after = ChangeState{.target = service.target.text(),
+    same.before = ChangeState{.target = service.target.text(),
+                              .virtual_port = service.effective_virtual_port(),
+                              .enabled = enabled_by_status(status),
+                              .status = status};
+    same.after = ChangeState{.target = same.before->target,
                              .virtual_port = service.effective_virtual_port(),
                              .enabled = service.enabled};
     return same;
 }
 
-// Whether the agent lists exactly the file's names in the file's order, as
-// when an export is read back. The file's names are distinct, so the
-// agent's are too: each service pairs with the entry at its own place.
-bool same_order(const DesiredState& desired, const std::vector<AgentService>& listed) {
-    if (listed.size() != desired.services.size()) {
-        return false;
+// The listing left the file's order: every service from here on is matched
+// by name. Those shown so far were the file's first, each the first of its
+// name, and are planned already.
+void start_by_name(PlanWork* work) {
+    const std::vector<DesiredService>& services = work->desired.services;
+    work->names = NameIndex(services.size() + 16);
+    for (size_t i = 0; i < services.size(); i++) {
+        work->names.add(services[i].name, static_cast<uint32_t>(i));
     }
-    for (size_t i = 0; i < listed.size(); i++) {
-        if (listed[i].name != desired.services[i].name) {
-            return false;
-        }
-    }
-    return true;
+    work->matched.assign(services.size(), false);
+    std::fill_n(work->matched.begin(), work->in_place, true);
+    work->by_name = true;
 }
 
-// Services matched by name through an index of the agent's; creates for the
-// file's that are not listed, removes or not_managed for the agent's that
-// are not named.
-void plan_by_name(const DesiredState& desired, const std::vector<AgentService>& listed, bool prune,
-                  Groups* groups) {
-    NameIndex first_listed(listed.size());  // the first of a name wins
-    for (size_t i = 0; i < listed.size(); i++) {
-        first_listed.add(listed[i].name, static_cast<uint32_t>(i));
-    }
-    std::vector<bool> named(listed.size());  // first entries the file names
-    for (size_t i = 0; i < desired.services.size(); i++) {
-        const DesiredService& service = desired.services[i];
-        if (const uint32_t* found = first_listed.find(service.name)) {
-            named[*found] = true;
-            plan_existing(service, i, listed[*found], groups);
-            continue;
+// A listed service matched by name: planned against the file's service of
+// that name, or removed or not_managed when the file does not name it; a
+// name seen before is not planned again.
+void plan_by_name(const ListedService& agent, PlanWork* work) {
+    if (const uint32_t* found = work->names.find(agent.name)) {
+        if (*found != kNotNamed && !work->matched[*found]) {
+            work->matched[*found] = true;
+            plan_existing(work->desired.services[*found], *found, agent, work);
         }
-        Change create = service_change(ChangeAction::create, service.name, i);
-        create.after = desired_state(service);
-        groups->creates.push_back(std::move(create));
-        if (std::optional<Change> enable = toggle(service, i, nullptr)) {
-            groups->toggles.push_back(std::move(*enable));
-        }
-    }
-    for (size_t i = 0; i < listed.size(); i++) {
-        if (named[i] || *first_listed.find(listed[i].name) != i) {
-            continue;
-        }
-        Change change{.object = ChangeObject::service,
-                      .action = prune ? ChangeAction::remove : ChangeAction::not_managed,
-                      .service = listed[i].name,
-                      .before = agent_state(listed[i])};
-        (prune ? groups->removes : groups->not_managed).push_back(std::move(change));
-    }
-}
-
-// Every service of the file and of the agent into its group.
-void plan_services(const DesiredState& desired, const AgentSnapshot& agent, bool prune,
-                   Groups* groups) {
-    (groups->names_only ? groups->unchanged_names.reserve(desired.services.size())
-                        : groups->unchanged_services.reserve(desired.services.size()));
-    if (!same_order(desired, agent.services)) {
-        plan_by_name(desired, agent.services, prune, groups);
         return;
     }
-    for (size_t i = 0; i < desired.services.size(); i++) {
-        plan_existing(desired.services[i], i, agent.services[i], groups);
+    const std::string& name = work->unnamed.emplace_back(agent.name);
+    work->names.add(name, kNotNamed);
+    Change change{.object = ChangeObject::service,
+                  .action = work->prune ? ChangeAction::remove : ChangeAction::not_managed,
+                  .service = name,
+                  .before = agent_state(agent)};
+    (work->prune ? work->removes : work->not_managed).push_back(std::move(change));
+}
+
+// Creates (and their enables) for the file's services the agent did not list.
+void plan_unlisted(PlanWork* work) {
+    const std::vector<DesiredService>& services = work->desired.services;
+    for (size_t i = work->in_place; i < services.size(); i++) {
+        if (work->by_name && work->matched[i]) {
+            continue;
+        }
+        Change create = service_change(ChangeAction::create, services[i].name, i);
+        create.after = desired_state(services[i]);
+        work->creates.push_back(std::move(create));
+        if (toggled(services[i], false)) {
+            work->toggles.push_back(toggle(services[i], i, false, nullptr));
+        }
     }
 }
 
+// Services matched by name were planned in listing order: back to file order.
+void sort_by_file_order(PlanWork* work) {
+    auto by_index = [](const Change& a, const Change& b) { return *a.desired < *b.desired; };
+    std::sort(work->updates.begin(), work->updates.end(), by_index);
+    std::sort(work->toggles.begin(), work->toggles.end(), by_index);
+    std::sort(work->unchanged.begin(), work->unchanged.end(),
+              [](const auto& a, const auto& b) { return a.first < b.first; });
+}
+
+// The proxy's update, enable or disable, or unchanged entry.
 void plan_proxy(const DesiredProxy& desired, const std::optional<AgentProxy>& agent,
-                Groups* groups) {
+                PlanWork* work) {
     Change update{.object = ChangeObject::proxy, .action = ChangeAction::update};
     update.after.emplace();
     if (agent) {
@@ -217,7 +242,7 @@ void plan_proxy(const DesiredProxy& desired, const std::optional<AgentProxy>& ag
     }
     const bool updated = update.after->address || update.after->type;
     if (updated) {
-        groups->updates.push_back(std::move(update));
+        work->updates.push_back(std::move(update));
     }
     const std::optional<bool> now = agent ? std::optional<bool>(agent->enabled) : std::nullopt;
     const bool toggled = desired.enabled.has_value() && desired.enabled != now;
@@ -226,10 +251,10 @@ void plan_proxy(const DesiredProxy& desired, const std::optional<AgentProxy>& ag
                       .action = *desired.enabled ? ChangeAction::enable : ChangeAction::disable,
                       .before = ChangeState{.enabled = now},
                       .after = ChangeState{.enabled = desired.enabled}};
-        groups->toggles.push_back(std::move(change));
+        work->toggles.push_back(std::move(change));
     }
     if (!updated && !toggled) {
-        groups->unchanged_proxy.push_back(Change{
+        work->unchanged_proxy.push_back(Change{
             .object = ChangeObject::proxy,
             .action = ChangeAction::unchanged,
             .before = ChangeState{.address = address_now, .type = agent->type, .enabled = now},
@@ -237,6 +262,38 @@ void plan_proxy(const DesiredProxy& desired, const std::optional<AgentProxy>& ag
                                  .type = desired.type,
                                  .enabled = desired.enabled}});
     }
+}
+
+// The groups concatenated in the plan's order; unchanged services built
+// straight into it, or given as names.
+Plan assemble(PlanWork* work) {
+    Plan plan;
+    plan.unchanged_names = std::move(work->unchanged_names);
+    const size_t built_unchanged = work->names_only ? 0 : work->unchanged.size();
+    plan.changes.reserve(work->creates.size() + work->updates.size() + work->toggles.size() +
+                         work->removes.size() + built_unchanged + work->unchanged_proxy.size() +
+                         work->not_managed.size());
+    for (std::vector<Change>* group :
+         {&work->creates, &work->updates, &work->toggles, &work->removes}) {
+        std::move(group->begin(), group->end(), std::back_inserter(plan.changes));
+    }
+    for (const auto& [index, status] : work->unchanged) {
+        const DesiredService& service = work->desired.services[index];
+        if (work->names_only) {
+            plan.unchanged_names.push_back(service.name);
+        } else {
+            plan.changes.push_back(unchanged_service(service, index, status));
+        }
+    }
+    for (std::vector<Change>* group : {&work->unchanged_proxy, &work->not_managed}) {
+        std::move(group->begin(), group->end(), std::back_inserter(plan.changes));
+    }
+    for (const Change& change : plan.changes) {
+        plan.summary.add(change.action);
+    }
+    plan.summary.counts[static_cast<size_t>(ChangeAction::unchanged)] +=
+        static_cast<int>(plan.unchanged_names.size());
+    return plan;
 }
 
 }  // namespace
@@ -253,33 +310,41 @@ bool PlanSummary::pending() const {
            0;
 }
 
-Plan make_plan(const DesiredState& desired, const AgentSnapshot& agent, bool prune,
-               bool unchanged_in_full) {
-    Groups groups;
-    groups.names_only = !unchanged_in_full;
-    plan_services(desired, agent, prune, &groups);
-    if (desired.proxy) {
-        plan_proxy(*desired.proxy, agent.proxy, &groups);
+Planner::Planner(const DesiredState& desired, bool prune, bool unchanged_in_full)
+    : work_(new PlanWork{.desired = desired, .prune = prune, .names_only = !unchanged_in_full}) {
+    (unchanged_in_full ? work_->unchanged.reserve(desired.services.size())
+                       : work_->unchanged_names.reserve(desired.services.size()));
+}
+
+Planner::~Planner() = default;
+
+// While the listing names the file's services place by place (an export
+// read back), each pairs with its own place; from the first that does
+// not, names are matched through an index.
+void Planner::list(const ListedService& service) {
+    PlanWork& work = *work_;
+    const std::vector<DesiredService>& services = work.desired.services;
+    const size_t place = work.listed++;
+    if (!work.by_name && place < services.size() && services[place].name == service.name) {
+        work.in_place++;
+        plan_existing(services[place], place, service, &work);
+        return;
     }
-    Plan plan;
-    plan.changes.reserve(groups.creates.size() + groups.updates.size() + groups.toggles.size() +
-                         groups.removes.size() + groups.unchanged_services.size() +
-                         groups.unchanged_proxy.size() + groups.not_managed.size());
-    plan.unchanged_names = std::move(groups.unchanged_names);
-    for (std::vector<Change>* group :
-         {&groups.creates, &groups.updates, &groups.toggles, &groups.removes}) {
-        std::move(group->begin(), group->end(), std::back_inserter(plan.changes));
+    if (!work.by_name) {
+        start_by_name(&work);
     }
-    for (const auto& [index, listed] : groups.unchanged_services) {
-        plan.changes.push_back(unchanged_service(desired.services[index], index, *listed));
+    plan_by_name(service, &work);
+}
+
+// Creates for what was not listed, the proxy, then the plan in its order.
+Plan Planner::finish(const std::optional<AgentProxy>& proxy) {
+    PlanWork& work = *work_;
+    plan_unlisted(&work);
+    if (work.by_name) {
+        sort_by_file_order(&work);
     }
-    for (std::vector<Change>* group : {&groups.unchanged_proxy, &groups.not_managed}) {
-        std::move(group->begin(), group->end(), std::back_inserter(plan.changes));
+    if (work.desired.proxy) {
+        plan_proxy(*work.desired.proxy, proxy, &work);
     }
-    for (const Change& change : plan.changes) {
-        plan.summary.add(change.action);
-    }
-    plan.summary.counts[static_cast<size_t>(ChangeAction::unchanged)] +=
-        static_cast<int>(plan.unchanged_names.size());
-    return plan;
+    return assemble(&work);
 }

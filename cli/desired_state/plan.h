@@ -1,12 +1,14 @@
 // Plan: what must change for an agent to match a DesiredState, as an
-// ordered list of changes, each with what it shows before and after. Pure:
-// the agent's state comes in as values read from its listing and its proxy
-// query.
+// ordered list of changes, each with what it shows before and after. Made
+// while the agent's answers are read: each listed service is planned when
+// the listing shows it, so nothing of the listing is kept but the changes;
+// the proxy once its own answer came.
 #pragma once
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -14,11 +16,12 @@
 
 #include "cli/desired_state/desired_state.h"
 
-// One element of the agent's listing, as read (untrusted text).
-struct AgentService {
-    std::string name{};
-    std::string status{};  // "connected", "in progress", "disconnected", "error", ...
-    std::string ip_address{};
+// One element of the agent's listing as it is read: views of untrusted
+// text, valid only while the Planner is shown it.
+struct ListedService {
+    std::string_view name{};
+    std::string_view status{};  // "connected", "in progress", "disconnected", "error", ...
+    std::string_view ip_address{};
     int64_t port = 0;
     int64_t virtual_port = 0;
 };
@@ -29,11 +32,6 @@ struct AgentProxy {
     std::string ip_address{};
     int64_t port = 0;
     bool enabled = false;
-};
-
-struct AgentSnapshot {
-    std::vector<AgentService> services{};  // in listing order
-    std::optional<AgentProxy> proxy{};     // absent when it was not asked for
 };
 
 enum class ChangeObject { service, proxy };
@@ -79,22 +77,40 @@ struct Plan {
     // disables (likewise); removes (agent order); unchanged (file order,
     // then the proxy); not_managed (agent order).
     std::vector<Change> changes{};
-    // Filled instead of their changes when make_plan is not asked for
+    // Filled instead of their changes when the Planner is not asked for
     // unchanged services in full: their names, views into the DesiredState,
     // in file order. They stand after the removes, as their changes would.
     std::vector<std::string_view> unchanged_names{};
     PlanSummary summary;
 };
 
-// How `agent` must change to match `desired`. Services the agent has and
-// the file does not name are removed with `prune`, else left alone as
-// not_managed. A service counts as enabled when its status is "connected"
-// or "in progress" and as disabled when "disconnected"; any other status
-// plans an enable or a disable whenever the file names `enabled`. Clear
-// services never cause an update: they cannot be read back. A name the
-// agent lists twice is planned once. Unchanged services are changes with
-// their before and after when `unchanged_in_full`, else only names in
-// unchanged_names (all the human text shows of them; `desired` must then
-// outlive the plan). May throw std::bad_alloc.
-Plan make_plan(const DesiredState& desired, const AgentSnapshot& agent, bool prune,
-               bool unchanged_in_full = true);
+// What a Planner keeps between its calls (plan.cpp).
+struct PlanWork;
+
+// How an agent must change to match `desired`, which must outlive the
+// Planner and the plan (the plan's unchanged_names are views into it).
+// Services the agent has and the file does not name are removed with
+// `prune`, else left alone as not_managed. A service counts as enabled when
+// its status is "connected" or "in progress" and as disabled when
+// "disconnected"; any other status plans an enable or a disable whenever
+// the file names `enabled`. Clear services never cause an update: they
+// cannot be read back. A name the agent lists twice is planned once, from
+// its first entry. Unchanged services are changes with their before and
+// after when `unchanged_in_full`, else only names in unchanged_names (all
+// the human text shows of them). Every call may throw std::bad_alloc.
+class Planner {
+public:
+    Planner(const DesiredState& desired, bool prune, bool unchanged_in_full = true);
+    ~Planner();
+    Planner(const Planner&) = delete;
+    Planner& operator=(const Planner&) = delete;
+
+    // The listing's next service, in the agent's order: planned now, not kept.
+    void list(const ListedService& service);
+    // The plan, once the whole listing was shown, with the agent's proxy
+    // (read when the file names one). Called once.
+    Plan finish(const std::optional<AgentProxy>& proxy);
+
+private:
+    std::unique_ptr<PlanWork> work_;
+};

@@ -3,7 +3,9 @@
 #include "cli/desired_state/render.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <new>
 #include <string_view>
 #include <unordered_set>
@@ -50,10 +52,29 @@ void append_escape(std::string& out, uint32_t code_point) {
     out += escaped;
 }
 
+// Whether every byte is printable ASCII (0x20-0x7E), eight at a time: a
+// byte below 0x20 sets its top bit in (x - 0x20..) & ~x, one above 0x7E in
+// (x + 0x01..) | x. A carry or borrow across bytes starts only at a byte
+// that fails by itself, so the answer stays exact. The last eight bytes
+// are read again rather than a short tail copied.
+bool printable_ascii(std::string_view text) {
+    constexpr uint64_t kOnes = 0x0101010101010101ull;
+    if (text.size() < 8) {
+        return std::all_of(text.begin(), text.end(), [](char c) { return c >= 0x20 && c < 0x7F; });
+    }
+    uint64_t failed = 0;
+    for (size_t i = 0; i < text.size(); i += 8) {
+        uint64_t x;
+        memcpy(&x, text.data() + std::min(i, text.size() - 8), 8);
+        failed |= ((x - 0x20 * kOnes) & ~x) | ((x + kOnes) | x);
+    }
+    return (failed & 0x80 * kOnes) == 0;
+}
+
 // Agent text for a terminal, appended to `out`: dangerous characters and
 // bytes that are not UTF-8 as \xNN or \uNNNN, the rest as it is.
 void append_for_terminal(std::string_view text, std::string* out) {
-    if (std::all_of(text.begin(), text.end(), [](char c) { return c >= 0x20 && c < 0x7F; })) {
+    if (printable_ascii(text)) {
         *out += text;  // printable ASCII, the common case, as it is
         return;
     }
@@ -270,11 +291,38 @@ std::string without_throwing(Build build) noexcept {
     }
 }
 
+constexpr std::string_view kUnchanged = "  unchanged service ";
+
 // "  unchanged service NAME": most lines of a large plan, so no temporaries.
 void add_unchanged_line(std::string_view name, std::string* out) {
-    *out += "  unchanged service ";
+    out->append(kUnchanged);
     append_for_terminal(name, out);
     *out += '\n';
+}
+
+// The unchanged names' lines. When every name is printable ASCII (the
+// common case) their room is made at once and each line copied into it,
+// not appended piece by piece.
+void add_unchanged_lines(const std::vector<std::string_view>& names, std::string* out) {
+    size_t room = 0;
+    for (std::string_view name : names) {
+        if (!printable_ascii(name)) {
+            for (std::string_view each : names) {
+                add_unchanged_line(each, out);
+            }
+            return;
+        }
+        room += kUnchanged.size() + name.size() + 1;
+    }
+    size_t at = out->size();
+    out->resize(at + room);
+    char* line = out->data() + at;
+    for (std::string_view name : names) {
+        memcpy(line, kUnchanged.data(), kUnchanged.size());
+        memcpy(line + kUnchanged.size(), name.data(), name.size());
+        line += kUnchanged.size() + name.size();
+        *line++ = '\n';
+    }
 }
 
 // Room for the unchanged names' lines (as printable ASCII) and some more:
@@ -282,7 +330,7 @@ void add_unchanged_line(std::string_view name, std::string* out) {
 size_t room_for(const Plan& plan) {
     size_t room = 256 + 128 * plan.changes.size();
     for (std::string_view name : plan.unchanged_names) {
-        room += name.size() + 21;
+        room += kUnchanged.size() + name.size() + 1;
     }
     return room;
 }
@@ -300,9 +348,7 @@ std::string render_plan_text(const Plan& plan) {
             const bool kept = change.action == ChangeAction::unchanged ||
                               change.action == ChangeAction::not_managed;
             if (kept && !names_written) {
-                for (std::string_view name : plan.unchanged_names) {
-                    add_unchanged_line(name, &out);
-                }
+                add_unchanged_lines(plan.unchanged_names, &out);
                 names_written = true;
             }
             if (change.action == ChangeAction::unchanged &&
@@ -313,8 +359,8 @@ std::string render_plan_text(const Plan& plan) {
                 out += '\n';
             }
         }
-        for (size_t i = 0; !names_written && i < plan.unchanged_names.size(); i++) {
-            add_unchanged_line(plan.unchanged_names[i], &out);
+        if (!names_written) {
+            add_unchanged_lines(plan.unchanged_names, &out);
         }
         out += summary_line(plan.summary);
         out += '\n';
@@ -350,6 +396,9 @@ std::string render_plan_json(const Plan& plan) {
         changes.reserve(plan.changes.size());
         for (const Change& change : plan.changes) {
             changes.push_back(render_change_json(change));
+            if (changes.back().empty()) {
+                return std::string();  // out of memory: no document with a hole
+            }
         }
         return JsonWriter()
             .number("version", 1)

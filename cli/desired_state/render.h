@@ -4,9 +4,27 @@
 // empty text means memory ran out. Nothing here prints or throws.
 #pragma once
 
+#include <cstdint>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "cli/desired_state/plan.h"
+
+// One element of the agent's listing, kept for an export (untrusted text).
+struct AgentService {
+    std::string name{};
+    std::string status{};  // "connected", "in progress", "disconnected", "error", ...
+    std::string ip_address{};
+    int64_t port = 0;
+    int64_t virtual_port = 0;
+};
+
+// What an export writes: the agent's services and its proxy.
+struct AgentSnapshot {
+    std::vector<AgentService> services{};  // in listing order
+    std::optional<AgentProxy> proxy{};     // absent when it was not asked for
+};
 
 // One line per change, like "~ web: update target 127.0.0.1:80 -> 127.0.0.1:81",
 // then one summary line. Text from the agent is written with control and

@@ -197,6 +197,41 @@ TEST(TenantReader, ReadsEachElementAfreshAndStopsTextAtANul) {
     json_free_value(data);
 }
 
+// The few fields a plan compares read as the whole view reads them:
+// missing texts empty, ports -1 unless integers, text stopped at a NUL.
+TEST(TenantReader, ServiceViewsReadAsTenantViews) {
+    JsonValue* data = listing(
+        R"("{\"tenant_name\": \"web\", \"status\": \"connected\", \"ip_address\": \"1.2.3.4\", )"
+        R"(\"port\": 80, \"virtual_port\": 81}", 7, )"
+        R"("{\"tenant_name\": \"db\", \"status\": \"in\\u0000x\", \"port\": \"80\"}", )"
+        R"("{\"status\": 1, \"ip_address\": \"10.0.0.1\\u0000\", \"virtual_port\": 9}")");
+    ASSERT_NE(data, nullptr);
+    auto describe = [](const std::optional<std::string_view>& name, std::string_view status,
+                       std::string_view ip_address, int port, int virtual_port) {
+        return std::string(name.value_or("-")) + " [" + std::string(status) + "] [" +
+               std::string(ip_address) + "] " + std::to_string(port) + " " +
+               std::to_string(virtual_port);
+    };
+    std::vector<std::string> whole, few;
+    read_tenant_views(data, [&](TenantElement, const TenantView& tenant) {
+        whole.push_back(describe(tenant.name, tenant.status.value_or(""),
+                                 tenant.ip_address.value_or(""), tenant.port, tenant.virtual_port));
+        return TenantWalk::next;
+    });
+    EXPECT_EQ(read_service_views(data,
+                                 [&](TenantElement, const ServiceView& service) {
+                                     few.push_back(describe(service.name, service.status,
+                                                            service.ip_address, service.port,
+                                                            service.virtual_port));
+                                     return TenantWalk::next;
+                                 }),
+              TenantsRead::walked);
+    EXPECT_EQ(few, whole);
+    EXPECT_EQ(few, (std::vector<std::string>{"web [connected] [1.2.3.4] 80 81", "- [] [] -1 -1",
+                                             "db [in] [] -1 -1", "- [] [10.0.0.1] -1 9"}));
+    json_free_value(data);
+}
+
 // What the visitor throws comes out of the reader; a missing list is told.
 TEST(TenantReader, ThrowsWhatTheVisitorThrowsAndTellsAMissingList) {
     JsonValue* data = listing(R"("{}", "{}")");

@@ -1,10 +1,12 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
 #include "cli/desired_state/plan.h"
 #include "cli/desired_state/render.h"
+#include "plan_of.h"
 
 namespace {
 
@@ -66,8 +68,8 @@ TEST(Plan, ServiceActions) {
     };
     // clang-format on
     for (const auto& c : cases) {
-        Plan plan = make_plan(desired(std::string("services:\n  ") + c.file + "\n"),
-                              AgentSnapshot{.services = c.agent}, false);
+        Plan plan = plan_of(desired(std::string("services:\n  ") + c.file + "\n"),
+                            AgentSnapshot{.services = c.agent}, false);
         EXPECT_EQ(changes(plan), c.expected) << c.file;
     }
 }
@@ -76,14 +78,14 @@ TEST(Plan, ServicesTheFileDoesNotName) {
     AgentSnapshot agent{.services = {web_in("connected"), kWeb}};  // listed twice: planned once
     const std::string unmanaged =
         R"({"object": "service", "service": "web", "action": "not_managed", "before": {"target": "1.2.3.4:80", "virtual_port": 80, "enabled": true, "status": "connected"}, "after": null})";
-    EXPECT_EQ(changes(make_plan(desired(""), agent, false)), std::vector<std::string>{unmanaged});
+    EXPECT_EQ(changes(plan_of(desired(""), agent, false)), std::vector<std::string>{unmanaged});
     const std::string removed =
         R"({"object": "service", "service": "web", "action": "remove", "before": {"target": "1.2.3.4:80", "virtual_port": 80, "enabled": true, "status": "connected"}, "after": null})";
-    EXPECT_EQ(changes(make_plan(desired("services: {}"), agent, true)),
+    EXPECT_EQ(changes(plan_of(desired("services: {}"), agent, true)),
               std::vector<std::string>{removed});
     // As many entries as the file has, in place, but another name: no pairing.
-    Plan plan = make_plan(desired("services:\n  db: {target: 1.2.3.4:80}\n"),
-                          AgentSnapshot{.services = {web_in("connected")}}, false);
+    Plan plan = plan_of(desired("services:\n  db: {target: 1.2.3.4:80}\n"),
+                        AgentSnapshot{.services = {web_in("connected")}}, false);
     ASSERT_EQ(plan.changes.size(), 2u);
     EXPECT_EQ(plan.changes[0].action, ChangeAction::create);
     EXPECT_EQ(plan.changes[1].action, ChangeAction::not_managed);
@@ -104,8 +106,8 @@ TEST(Plan, ProxyActions) {
     };
     // clang-format on
     for (const auto& c : cases) {
-        Plan plan = make_plan(desired(std::string("proxy: ") + c.file + "\n"),
-                              AgentSnapshot{.proxy = agent}, false);
+        Plan plan = plan_of(desired(std::string("proxy: ") + c.file + "\n"),
+                            AgentSnapshot{.proxy = agent}, false);
         EXPECT_EQ(changes(plan), c.expected) << c.file;
     }
 }
@@ -139,7 +141,7 @@ TEST(Plan, Order) {
                                      {.name = "other", .status = "connected"}},
                         .proxy = AgentProxy{.type = "HTTP", .ip_address = "10.0.0.1", .port = 2}};
     for (bool prune : {false, true}) {
-        Plan plan = make_plan(state, agent, prune);
+        Plan plan = plan_of(state, agent, prune);
         std::vector<std::string> order;
         for (const Change& change : plan.changes) {
             order.push_back(std::string(change_action_name(change.action)) + " " +
@@ -156,6 +158,59 @@ TEST(Plan, Order) {
         EXPECT_EQ(order, expected) << prune;
         EXPECT_EQ(plan.summary.of(ChangeAction::enable), 3);
         EXPECT_TRUE(plan.summary.pending());
+    }
+}
+
+// However the listing leaves the file's order (late, at once, with a
+// service the file does not name, with a name listed again at another
+// target), the plan reads as in order: each service planned once, from its
+// first entry, the groups in file order, whether unchanged services are
+// built in full or kept as names.
+TEST(Plan, ListingOutOfFileOrder) {
+    const DesiredState state = desired(
+        "services:\n"
+        "  a: {target: 1.2.3.4:81}\n"
+        "  b: {target: 1.2.3.4:80}\n"
+        "  c: {target: 1.2.3.4:80, enabled: true}\n"
+        "  d: {target: 1.2.3.4:80}\n"
+        "  e: {target: 1.2.3.4:80, enabled: true}\n");
+    const auto at = [](const char* name, int64_t port) {
+        return AgentService{.name = name,
+                            .status = "disconnected",
+                            .ip_address = "1.2.3.4",
+                            .port = port,
+                            .virtual_port = port};
+    };
+    const AgentService a = at("a", 80), a_again = at("a", 81), b = at("b", 80), c = at("c", 80),
+                       d = at("d", 80), x = at("x", 80), x_again = at("x", 81);
+    const std::vector<AgentService> listings[] = {
+        {a, b, c, d},    {a, c, x, b, d, a_again, x_again}, {d, c, b, a},
+        {a, b, c, d, x}, {x, a, b, c, d, x_again},          {a, b, c, d, a_again, c},
+    };
+    for (const std::vector<AgentService>& listing : listings) {
+        const bool unnamed = std::any_of(listing.begin(), listing.end(),
+                                         [](const AgentService& s) { return s.name == "x"; });
+        const std::string expected =
+            std::string(
+                "+ create service e: target 1.2.3.4:80, virtual_port 80, enabled true\n"
+                "~ update service a: target 1.2.3.4:80 -> 1.2.3.4:81, virtual_port 80 -> 81\n"
+                "~ enable service c (was disconnected)\n"
+                "~ enable service e (new)\n"
+                "  unchanged service b\n"
+                "  unchanged service d\n") +
+            (unnamed
+                 ? "  not managed service x: target 1.2.3.4:80, virtual_port 80, enabled false, "
+                   "status disconnected\n"
+                 : "") +
+            "Plan: 1 to create, 1 to update, 2 to enable, 0 to disable, 0 to remove; 2 "
+            "unchanged, " +
+            (unnamed ? "1" : "0") + " not managed.\n";
+        for (bool in_full : {false, true}) {
+            EXPECT_EQ(render_plan_text(
+                          plan_of(state, AgentSnapshot{.services = listing}, false, in_full)),
+                      expected)
+                << listing.size() << " " << listing[1].name << in_full;
+        }
     }
 }
 

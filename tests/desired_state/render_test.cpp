@@ -1,9 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <string>
 
 #include "cli/desired_state/plan.h"
 #include "cli/desired_state/render.h"
+#include "plan_of.h"
 
 namespace {
 
@@ -43,7 +45,7 @@ TEST(DesiredStateRender, ExportRoundTrip) {
         ASSERT_TRUE(read_desired_state(text, "export", &state, &error)) << error << "\n" << text;
         EXPECT_EQ(state.services.size(), agent.services.size());
         ASSERT_TRUE(state.proxy.has_value());
-        Plan plan = make_plan(state, agent, true);
+        Plan plan = plan_of(state, agent, true);
         EXPECT_FALSE(plan.summary.pending()) << render_plan_text(plan) << text;
         EXPECT_EQ(plan.summary.of(ChangeAction::unchanged), 9) << text;
     }
@@ -63,8 +65,8 @@ TEST(DesiredStateRender, UnchangedNamesReadAsInFull) {
     no_proxy.proxy.reset();
     for (const DesiredState* desired : {&all, &some, &no_proxy}) {
         for (bool prune : {false, true}) {
-            const Plan brief = make_plan(*desired, agent, prune, false);
-            const Plan full = make_plan(*desired, agent, prune, true);
+            const Plan brief = plan_of(*desired, agent, prune, false);
+            const Plan full = plan_of(*desired, agent, prune, true);
             EXPECT_FALSE(brief.unchanged_names.empty());
             EXPECT_EQ(render_plan_text(brief), render_plan_text(full));
         }
@@ -129,7 +131,7 @@ TEST(DesiredStateRender, PlanTexts) {
                                       .port = 9,
                                       .virtual_port = 9}},
                         .proxy = AgentProxy{.type = "socks5", .ip_address = "10.0.0.1", .port = 1}};
-    Plan plan = make_plan(state, agent, true);
+    Plan plan = plan_of(state, agent, true);
     EXPECT_EQ(
         render_plan_text(plan),
         "+ create service new: target 1.2.3.4:80, virtual_port 80, enabled true\n"
@@ -141,8 +143,8 @@ TEST(DesiredStateRender, PlanTexts) {
         "  unchanged service same\n"
         "Plan: 1 to create, 2 to update, 1 to enable, 1 to disable, 1 to remove; 1 unchanged, 0 "
         "not managed.\n");
-    EXPECT_EQ(render_plan_text(make_plan(DesiredState{}, agent, false)).substr(0, 2), "  ");
-    EXPECT_NE(render_plan_text(make_plan(DesiredState{}, agent, false))
+    EXPECT_EQ(render_plan_text(plan_of(DesiredState{}, agent, false)).substr(0, 2), "  ");
+    EXPECT_NE(render_plan_text(plan_of(DesiredState{}, agent, false))
                   .find("No changes: the agent matches the file (0 unchanged, 3 not managed).\n"),
               std::string::npos);
     const std::string json = render_plan_json(plan);
@@ -153,6 +155,30 @@ TEST(DesiredStateRender, PlanTexts) {
         json.find(
             R"(], "summary": {"create": 1, "update": 2, "enable": 1, "disable": 1, "remove": 1, "unchanged": 1, "not_managed": 0}})"),
         std::string::npos);
+}
+
+// An unchanged name is escaped whatever its length and wherever a byte
+// that is not printable ASCII falls in it, next to names that are.
+TEST(DesiredStateRender, UnchangedNamesEscapedAnywhere) {
+    for (const char* bad : {"\x1f", "\x7f", "\x80", "\xff", " ", "~"}) {
+        const unsigned char byte = static_cast<unsigned char>(*bad);
+        char escape[8];
+        snprintf(escape, sizeof escape, "\\x%02x", byte);
+        const std::string shown = byte >= 0x20 && byte < 0x7f ? std::string(bad) : escape;
+        for (size_t length = 1; length <= 17; length++) {
+            for (size_t place = 0; place < length; place++) {
+                std::string name(length, 'a');
+                name[place] = *bad;
+                std::string expected = "  unchanged service plain\n  unchanged service " +
+                                       std::string(place, 'a') + shown +
+                                       std::string(length - place - 1, 'a') + "\n";
+                Plan plan;
+                plan.unchanged_names = {"plain", name};
+                EXPECT_EQ(render_plan_text(plan).substr(0, expected.size()), expected)
+                    << length << " " << place << " " << int(byte);
+            }
+        }
+    }
 }
 
 }  // namespace
