@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <charconv>
 #include <cstring>
-#include <memory>
 #include <string>
 
 #include "cli/agent/tenants.h"
@@ -33,9 +32,13 @@ constexpr const char* OUT_OF_MEMORY = "Unable to allocate memory.\n";
 // per line: a list of thousands of services is written in a few calls.
 constexpr size_t LISTING_BLOCK = 65536;
 
+// A run prints one listing. Its block is static: only the pages a listing
+// fills are ever touched, and the heap is not grown for a few lines.
+char listing_block[LISTING_BLOCK];
+
 class ListingWriter {
 public:
-    ListingWriter() : block_(new char[LISTING_BLOCK]), end_(block_.get()) {}
+    ListingWriter() : block_(listing_block), end_(listing_block) {}
     // The tool's own words.
     void text(std::string_view part) {
         if (part.size() > room()) {
@@ -77,14 +80,13 @@ public:
     }
 
 private:
-    std::unique_ptr<char[]> block_;
+    char* block_;
     char* end_;  // end of the bytes held
 
-    size_t room() const { return LISTING_BLOCK - static_cast<size_t>(end_ - block_.get()); }
+    size_t room() const { return LISTING_BLOCK - static_cast<size_t>(end_ - block_); }
     void flush_block() {
-        write_checked(stdout,
-                      std::string_view(block_.get(), static_cast<size_t>(end_ - block_.get())));
-        end_ = block_.get();
+        write_checked(stdout, std::string_view(block_, static_cast<size_t>(end_ - block_)));
+        end_ = block_;
     }
 };
 
