@@ -99,35 +99,33 @@ TenantsRead read_tenants(const JsonValue* data, TenantVisitor visit, void* conte
 TenantsRead read_tenant_views(const JsonValue* data, TenantViewVisitor visit, void* context);
 TenantsRead read_service_views(const JsonValue* data, ServiceViewVisitor visit, void* context);
 
-// The same with any callable `visit(TenantElement, const Tenant&)`.
+// Calls the reader `read` with any callable `visit(TenantElement, const
+// View&)` in place of a function and its context.
+template <typename View, typename Visit>
+TenantsRead read_calling(TenantsRead (*read)(const JsonValue*,
+                                             TenantWalk (*)(TenantElement, const View&, void*),
+                                             void*),
+                         const JsonValue* data, Visit& visit) {
+    return read(
+        data,
+        [](TenantElement element, const View& view, void* context) {
+            return (*static_cast<Visit*>(context))(element, view);
+        },
+        &visit);
+}
+
+// The readers above with any callable `visit(TenantElement, const View&)`.
 template <typename Visit>
 TenantsRead read_tenants(const JsonValue* data, Visit&& visit) {
-    return read_tenants(
-        data,
-        [](TenantElement element, const Tenant& tenant, void* context) {
-            return (*static_cast<std::remove_reference_t<Visit>*>(context))(element, tenant);
-        },
-        &visit);
+    return read_calling<Tenant>(read_tenants, data, visit);
 }
 
-// The same with any callable `visit(TenantElement, const TenantView&)`.
 template <typename Visit>
 TenantsRead read_tenant_views(const JsonValue* data, Visit&& visit) {
-    return read_tenant_views(
-        data,
-        [](TenantElement element, const TenantView& tenant, void* context) {
-            return (*static_cast<std::remove_reference_t<Visit>*>(context))(element, tenant);
-        },
-        &visit);
+    return read_calling<TenantView>(read_tenant_views, data, visit);
 }
 
-// The same with any callable `visit(TenantElement, const ServiceView&)`.
 template <typename Visit>
 TenantsRead read_service_views(const JsonValue* data, Visit&& visit) {
-    return read_service_views(
-        data,
-        [](TenantElement element, const ServiceView& service, void* context) {
-            return (*static_cast<std::remove_reference_t<Visit>*>(context))(element, service);
-        },
-        &visit);
+    return read_calling<ServiceView>(read_service_views, data, visit);
 }
