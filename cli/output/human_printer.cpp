@@ -38,7 +38,7 @@ char listing_block[LISTING_BLOCK];
 
 class ListingWriter {
 public:
-    ListingWriter() : block_(listing_block), end_(listing_block) {}
+    ListingWriter() : end_(listing_block) {}
     // The tool's own words.
     void text(std::string_view part) {
         if (part.size() > room()) {
@@ -80,13 +80,13 @@ public:
     }
 
 private:
-    char* block_;
-    char* end_;  // end of the bytes held
+    char* end_;  // end of the bytes held in listing_block
 
-    size_t room() const { return LISTING_BLOCK - static_cast<size_t>(end_ - block_); }
+    size_t room() const { return LISTING_BLOCK - static_cast<size_t>(end_ - listing_block); }
     void flush_block() {
-        write_checked(stdout, std::string_view(block_, static_cast<size_t>(end_ - block_)));
-        end_ = block_;
+        write_checked(stdout,
+                      std::string_view(listing_block, static_cast<size_t>(end_ - listing_block)));
+        end_ = listing_block;
     }
 };
 
