@@ -1,8 +1,10 @@
 // SHA-1 (FIPS 180-1) in the reference form of RFC 3174: the context is fed
-// byte by byte and a 64-byte block is processed each time it fills.
+// bytes and a 64-byte block is processed each time it fills.
 
 #include "websocket/sha1.h"
 
+#include <algorithm>
+#include <cstdint>
 #include <cstring>
 
 namespace {
@@ -16,6 +18,42 @@ constexpr int kLengthOffset = 56;
 
 constexpr uint32_t rotate_left(uint32_t word, int bits) {
     return (word << bits) | (word >> (32 - bits));
+}
+
+// The round function of rounds [first, first + 20): choose, parity,
+// majority, parity.
+template <int first>
+constexpr uint32_t round_function(uint32_t b, uint32_t c, uint32_t d) {
+    if constexpr (first == 0) {
+        return (b & c) | (~b & d);
+    } else if constexpr (first == 40) {
+        return (b & c) | (b & d) | (c & d);
+    } else {
+        return b ^ c ^ d;
+    }
+}
+
+// One round, the five words renamed rather than moved: `e` becomes the new
+// first word and `b` the new third; the caller passes the words turned by
+// one place for the next round.
+template <int first>
+[[gnu::always_inline]] inline void round_step(uint32_t a, uint32_t& b, uint32_t c, uint32_t d,
+                                              uint32_t& e, uint32_t w) {
+    e += rotate_left(a, 5) + round_function<first>(b, c, d) + w + kRoundConstants[first / 20];
+    b = rotate_left(b, 30);
+}
+
+// Twenty rounds with one round function and constant: no choice per round.
+template <int first>
+void twenty_rounds(const uint32_t* w, uint32_t& a, uint32_t& b, uint32_t& c, uint32_t& d,
+                   uint32_t& e) {
+    for (int t = first; t < first + 20; t += 5) {
+        round_step<first>(a, b, c, d, e, w[t]);
+        round_step<first>(e, a, b, c, d, w[t + 1]);
+        round_step<first>(d, e, a, b, c, w[t + 2]);
+        round_step<first>(c, d, e, a, b, w[t + 3]);
+        round_step<first>(b, c, d, e, a, w[t + 4]);
+    }
 }
 
 // The 80-round compression of one full block into the intermediate hash.
@@ -34,22 +72,10 @@ void process_block(Sha1Context* context) {
     uint32_t c = context->intermediate_hash[2];
     uint32_t d = context->intermediate_hash[3];
     uint32_t e = context->intermediate_hash[4];
-    for (int t = 0; t < 80; ++t) {
-        uint32_t f;
-        if (t < 20) {
-            f = (b & c) | (~b & d);
-        } else if (t < 40 || t >= 60) {
-            f = b ^ c ^ d;
-        } else {
-            f = (b & c) | (b & d) | (c & d);
-        }
-        uint32_t temp = rotate_left(a, 5) + f + e + w[t] + kRoundConstants[t / 20];
-        e = d;
-        d = c;
-        c = rotate_left(b, 30);
-        b = a;
-        a = temp;
-    }
+    twenty_rounds<0>(w, a, b, c, d, e);
+    twenty_rounds<20>(w, a, b, c, d, e);
+    twenty_rounds<40>(w, a, b, c, d, e);
+    twenty_rounds<60>(w, a, b, c, d, e);
     context->intermediate_hash[0] += a;
     context->intermediate_hash[1] += b;
     context->intermediate_hash[2] += c;
@@ -75,6 +101,19 @@ void pad_message(Sha1Context* context) {
         block[kLengthOffset + 4 + i] = static_cast<uint8_t>(context->length_low >> (24 - 8 * i));
     }
     process_block(context);
+}
+
+// One byte into the block, counting its 8 bits; a wrapped 64-bit count
+// means the message is too long for SHA-1.
+void add_byte(Sha1Context* context, uint8_t byte) {
+    context->message_block[context->message_block_index++] = byte;
+    context->length_low += 8;
+    if (context->length_low == 0 && ++context->length_high == 0) {
+        context->corrupted = SHA1_ERR_TOO_LONG;
+    }
+    if (context->message_block_index == kBlockSize) {
+        process_block(context);
+    }
 }
 
 // Fresh context.
@@ -106,13 +145,24 @@ int sha1_input(Sha1Context* context, const uint8_t* bytes, uint32_t length) {
     if (context->corrupted != 0) {
         return context->corrupted;
     }
-    for (uint32_t i = 0; i < length && context->corrupted == 0; ++i) {
-        context->message_block[context->message_block_index++] = bytes[i];
-        context->length_low += 8;
-        // The 64-bit bit count wrapped: the message is too long for SHA-1.
-        if (context->length_low == 0 && ++context->length_high == 0) {
-            context->corrupted = SHA1_ERR_TOO_LONG;
+    while (length > 0 && context->corrupted == 0) {
+        const uint32_t room = static_cast<uint32_t>(kBlockSize - context->message_block_index);
+        const uint32_t take = std::min(length, room);
+        // The 64-bit bit count would wrap within this piece: count byte by
+        // byte, so that the context stops at the byte where it does.
+        if (context->length_high == UINT32_MAX && context->length_low > UINT32_MAX - 8 * take) {
+            add_byte(context, *bytes);
+            ++bytes;
+            --length;
+            continue;
         }
+        memcpy(&context->message_block[context->message_block_index], bytes, take);
+        context->message_block_index = static_cast<int16_t>(context->message_block_index + take);
+        const uint32_t low = context->length_low + 8 * take;
+        context->length_high += low < context->length_low ? 1 : 0;
+        context->length_low = low;
+        bytes += take;
+        length -= take;
         if (context->message_block_index == kBlockSize) {
             process_block(context);
         }
