@@ -37,6 +37,7 @@ constexpr size_t kAlign = alignof(Node);
 constexpr size_t kMinChunk = 4096;
 constexpr size_t kMaxChunk = size_t{4} << 20;
 constexpr size_t kKeptEntries = 65'536;
+constexpr size_t kFirstEntries = 16;
 
 size_t round_up(size_t size) {
     return (size + kAlign - 1) & ~(kAlign - 1);
@@ -882,6 +883,11 @@ bool parse_text(Arena& arena, const char* text, size_t length, Node& root, bool 
     ParseStacks* stacks = empty_parse_stacks();
     if (stacks != nullptr) {
         try {
+            if (stacks->items.capacity() == 0) {
+                // Room for a small document from the start, not doubling up to it.
+                stacks->items.reserve(kFirstEntries);
+                stacks->members.reserve(kFirstEntries);
+            }
             Parser parser(text, length, arena, *stacks, in_place);
             parsed = parser.document(root);
             out_of_memory = arena.out_of_memory;
