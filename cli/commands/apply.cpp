@@ -42,7 +42,11 @@ struct Applying {
     const char* key = nullptr;         // for creates; read only when the plan creates
 };
 
-Applying applying_state;
+// Made at first use: other commands do not construct it at start-up.
+Applying& progress() {
+    static Applying state;
+    return state;
+}
 
 // The request records of the step being sent; the builders read them when
 // the request goes out.
@@ -51,7 +55,7 @@ ProxyRequest proxy_request{};
 int proxy_switch = 0;
 
 const Change& current_change() {
-    return *applying_state.steps[applying_state.current];
+    return *progress().steps[progress().current];
 }
 
 const DesiredService& desired_service(const Change& change) {
@@ -94,7 +98,7 @@ std::string done_counts(const PlanSummary& done) {
 
 // The steps done, plus the plan's unchanged and not managed entries.
 PlanSummary final_summary() {
-    PlanSummary summary = applying_state.done;
+    PlanSummary summary = progress().done;
     for (ChangeAction kept : {ChangeAction::unchanged, ChangeAction::not_managed}) {
         summary.counts[static_cast<size_t>(kept)] = desired_run().plan.summary.of(kept);
     }
@@ -102,7 +106,7 @@ PlanSummary final_summary() {
 }
 
 bool changed_something() {
-    return applying_state.done.pending();
+    return progress().done.pending();
 }
 
 // Every step is done.
@@ -129,10 +133,10 @@ bool changed_something() {
                           .add(why);
     report(Progress{{}, step_fields(change).text("state", "failed").text("reason", reason)});
     Message human = Message().say(change_text(change)).say(" ... failed: ").add(message).say("\n");
-    human.say("Stopped: " + done_counts(applying_state.done) + ".\n");
+    human.say("Stopped: " + done_counts(progress().done) + ".\n");
     std::vector<std::string> not_tried;
-    for (size_t i = applying_state.current + 1; i < applying_state.steps.size(); i++) {
-        const Change& later = *applying_state.steps[i];
+    for (size_t i = progress().current + 1; i < progress().steps.size(); i++) {
+        const Change& later = *progress().steps[i];
         human.say(not_tried.empty() ? "Not tried:\n" : "").say("  " + change_text(later) + "\n");
         not_tried.push_back(step_fields(later).object());
     }
@@ -173,8 +177,8 @@ void step_done() {
     const Change& change = current_change();
     report(Progress{Message().say(change_text(change)).say(" ... done\n"),
                     step_fields(change).text("state", "done")});
-    applying_state.done.add(change.action);
-    applying_state.current++;
+    progress().done.add(change.action);
+    progress().current++;
     send_step();
 }
 
@@ -213,7 +217,7 @@ ServiceRequest* update_record(const DesiredService& service) {
 // services and the run's key.
 void* create_record(const DesiredService& service) {
     ServiceRequest* request = update_record(service);
-    snprintf(request->api_key, sizeof request->api_key, "%s", applying_state.key);
+    snprintf(request->api_key, sizeof request->api_key, "%s", progress().key);
     request->clear_services = LinkedList.create(nullptr);
     if (request->clear_services == nullptr) {
         finish(Outcome::fail(Failure::internal, OUT_OF_MEMORY));
@@ -233,16 +237,16 @@ void step_answer(JsonValue* data);
 // Queues the current step's request with its time-out, or ends the run
 // when every step is done.
 void send_step() {
-    if (applying_state.current == applying_state.steps.size()) {
+    if (progress().current == progress().steps.size()) {
         finish_applied();
     }
     const Change& change = current_change();
-    applying_state.phase = Phase::answer;
-    applying_state.seconds = step_seconds(change);
-    applying_state.name_sent = as_sent(change.service.c_str());
-    applying_state.progress_events = 0;
-    applying_state.sync_started = false;
-    arm_desired_timeout(applying_state.seconds);
+    progress().phase = Phase::answer;
+    progress().seconds = step_seconds(change);
+    progress().name_sent = as_sent(change.service.c_str());
+    progress().progress_events = 0;
+    progress().sync_started = false;
+    arm_desired_timeout(progress().seconds);
     auto* name = const_cast<char*>(change.service.c_str());  // the builders only read it
     if (change.object == ChangeObject::proxy) {
         const DesiredProxy& proxy = *desired_run().desired.proxy;
@@ -284,7 +288,7 @@ void send_step() {
 }
 
 bool names_step_service(const std::optional<std::string>& name) {
-    return name && *name == applying_state.name_sent;
+    return name && *name == progress().name_sent;
 }
 
 // {key: bool, "reason": text}: 1 accepted, 0 refused (reason read), -1
@@ -341,7 +345,7 @@ void step_answer(JsonValue* data) {
         refused(reason);
     }
     if (followed && !desired_run().invocation->no_wait) {
-        applying_state.phase = Phase::events;
+        progress().phase = Phase::events;
         return;
     }
     step_done();
@@ -360,9 +364,9 @@ Verdict event_verdict(const Change& change, const Tenant& tenant, std::optional<
         return status == "disconnected" ? Verdict::done : Verdict::next;
     }
     if (status == "in progress") {
-        applying_state.progress_events++;
+        progress().progress_events++;
     } else if (status == "connected") {
-        applying_state.sync_started = true;
+        progress().sync_started = true;
         if (tenant.synchronized == "true") {
             return Verdict::done;
         }
@@ -383,7 +387,7 @@ void start_apply() {
     for (const Change& change : plan.changes) {
         if (change.action != ChangeAction::unchanged &&
             change.action != ChangeAction::not_managed) {
-            applying_state.steps.push_back(&change);
+            progress().steps.push_back(&change);
         }
     }
     const Invocation& in = *desired_run().invocation;
@@ -393,7 +397,7 @@ void start_apply() {
                                  "Creating services needs an API key: give --api-key-file, "
                                  "SYLVANE_API_KEY or -k.\n"));
         }
-        applying_state.key = checked_key(in);
+        progress().key = checked_key(in);
         guard_key(in);
     }
     const bool follows = !in.no_wait && (plan.summary.of(ChangeAction::create) > 0 ||
@@ -406,13 +410,13 @@ void start_apply() {
 }
 
 bool applying() {
-    return applying_state.phase != Phase::idle;
+    return progress().phase != Phase::idle;
 }
 
 // Events count once the step's request was accepted, as the single
 // commands count them after their acknowledgement.
 void apply_event(const JsonValue* data) {
-    if (applying_state.phase != Phase::events || data == nullptr) {
+    if (progress().phase != Phase::events || data == nullptr) {
         return;
     }
     const Change& change = current_change();
@@ -447,8 +451,8 @@ void apply_event(const JsonValue* data) {
 // counts it: the agent keeps synchronising after the tool leaves.
 void apply_stopped(bool timed_out) {
     const Change& change = current_change();
-    if (timed_out && change.action == ChangeAction::enable && applying_state.progress_events > 0 &&
-        applying_state.sync_started) {
+    if (timed_out && change.action == ChangeAction::enable && progress().progress_events > 0 &&
+        progress().sync_started) {
         step_done();
         return;
     }
@@ -457,7 +461,7 @@ void apply_stopped(bool timed_out) {
     }
     step_failed(
         Session.connected() ? Failure::timeout : Failure::unreachable,
-        Message("not settled within ").say(std::to_string(applying_state.seconds)).say(" seconds"));
+        Message("not settled within ").say(std::to_string(progress().seconds)).say(" seconds"));
 }
 
 // The agent asked the tool to disconnect: before the first step the usual

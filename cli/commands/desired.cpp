@@ -23,9 +23,6 @@ constexpr const char* BAD_LISTING =
 constexpr const char* ENDED_EARLY =
     "The Transfer Agent ended the conversation before the run did.\n";
 
-// Never freed: the run ends with exit(), and taking apart a plan of 10,000
-// services on the way out costs time for nothing.
-DesiredRun& run_record = *new DesiredRun;
 struct event* timer = nullptr;  // the one time-out, re-armed for each request
 
 void timer_fired(evutil_socket_t, short, void*) {
@@ -71,10 +68,10 @@ bool walk_agent_services(const JsonValue* data, Take take) {
 // answer kept no longer than this call. --json and the apply need every
 // unchanged service in full; the human text of a plan only its name.
 bool plan_listing(const JsonValue* data) {
-    const Invocation& in = *run_record.invocation;
+    const Invocation& in = *desired_run().invocation;
     const bool shown_only = in.command == CommandId::diff || in.dry_run;
     Planner& planner =
-        run_record.planner.emplace(run_record.desired, in.prune, in.json || !shown_only);
+        desired_run().planner.emplace(desired_run().desired, in.prune, in.json || !shown_only);
     return walk_agent_services(data,
                                [&planner](const ListedService& service) { planner.list(service); });
 }
@@ -82,7 +79,7 @@ bool plan_listing(const JsonValue* data) {
 // The listing read for an export: the services copied whole, as it writes
 // them after the proxy's answer.
 bool copy_listing(const JsonValue* data) {
-    std::vector<AgentService>& services = run_record.agent.services;
+    std::vector<AgentService>& services = desired_run().agent.services;
     return walk_agent_services(data, [&services](const ListedService& service) {
         services.push_back(AgentService{.name = std::string(service.name),
                                         .status = std::string(service.status),
@@ -95,7 +92,7 @@ bool copy_listing(const JsonValue* data) {
 // --export: the agent's state as a desired-state file (YAML), or in JSON
 // {"state": {...}}.
 [[noreturn]] void export_state() {
-    const AgentSnapshot& agent = run_record.agent;
+    const AgentSnapshot& agent = desired_run().agent;
     std::string yaml = render_state_yaml(agent);
     std::string json = render_state_json(agent);
     if (yaml.empty() || json.empty()) {
@@ -108,18 +105,19 @@ bool copy_listing(const JsonValue* data) {
 // something.
 [[noreturn]] void show_plan() {
     Outcome outcome;
-    outcome.plan = &run_record.plan;
-    outcome.failure = run_record.plan.summary.pending() ? Failure::changes_pending : Failure::none;
+    outcome.plan = &desired_run().plan;
+    outcome.failure =
+        desired_run().plan.summary.pending() ? Failure::changes_pending : Failure::none;
     finish(outcome);
 }
 
 // All was read: export, show the plan, or carry it out.
 void planned() {
-    const Invocation& in = *run_record.invocation;
+    const Invocation& in = *desired_run().invocation;
     if (in.command == CommandId::export_state) {
         export_state();
     }
-    run_record.plan = run_record.planner->finish(run_record.agent.proxy);
+    desired_run().plan = desired_run().planner->finish(desired_run().agent.proxy);
     if (in.command == CommandId::diff || in.dry_run) {
         show_plan();
     }
@@ -129,7 +127,11 @@ void planned() {
 }  // namespace
 
 DesiredRun& desired_run() {
-    return run_record;
+    // Made at first use, so other commands do not pay for it; never freed:
+    // the run ends with exit(), and taking apart a plan of 10,000 services
+    // on the way out costs time for nothing.
+    static DesiredRun& record = *new DesiredRun;
+    return record;
 }
 
 void arm_desired_timeout(int64_t seconds) {
@@ -145,10 +147,10 @@ void arm_desired_timeout(int64_t seconds) {
 // The whole file is read and checked here, before anything connects; the
 // time-out then covers connecting and the first answer.
 void* prepare_desired(const Invocation& in) {
-    run_record.invocation = &in;
+    desired_run().invocation = &in;
     std::string error;
     if (in.desired_file != nullptr &&
-        !read_desired_state_file(in.desired_file, &run_record.desired, &error)) {
+        !read_desired_state_file(in.desired_file, &desired_run().desired, &error)) {
         finish(Outcome::fail(Failure::bad_argument, Message().quote(error).say("\n")));
     }
     arm_desired_timeout(running().row->timeout_seconds);
@@ -156,12 +158,12 @@ void* prepare_desired(const Invocation& in) {
 }
 
 void desired_listing_answer(JsonValue* data) {
-    const Invocation& in = *run_record.invocation;
+    const Invocation& in = *desired_run().invocation;
     const bool exporting = in.command == CommandId::export_state;
     if (!(exporting ? copy_listing(data) : plan_listing(data))) {
         finish(Outcome::fail(Failure::bad_answer, BAD_LISTING));
     }
-    if (exporting || run_record.desired.proxy) {
+    if (exporting || desired_run().desired.proxy) {
         arm_desired_timeout(running().row->timeout_seconds);
         Session.send("get_proxy", build_empty_request, nullptr, guarded<desired_proxy_answer>);
         return;
@@ -174,10 +176,10 @@ void desired_proxy_answer(JsonValue* data) {
     if (const char* unreadable = read_proxy_settings(data, &proxy)) {
         finish(Outcome::fail(Failure::bad_answer, unreadable));
     }
-    run_record.agent.proxy = AgentProxy{.type = proxy.type,
-                                        .ip_address = proxy.ip_address,
-                                        .port = proxy.port,
-                                        .enabled = proxy.enabled};
+    desired_run().agent.proxy = AgentProxy{.type = proxy.type,
+                                           .ip_address = proxy.ip_address,
+                                           .port = proxy.port,
+                                           .enabled = proxy.enabled};
     planned();
 }
 
