@@ -1,0 +1,106 @@
+#!/usr/bin/env python3
+"""Prints the link order of cli/hot_symbols.txt from valgrind lackey traces.
+
+    hot_symbols.py TOOL TRACE...
+
+Each TRACE is `valgrind --tool=lackey --trace-mem=yes` of one call of TOOL,
+the first one the call that matters most. The order: the functions the first
+call runs, in the order it first runs them; the start-up functions that only
+run outside valgrind (it gives the process no vDSO); the string functions of
+every instruction set, side by side, since the machine picks one set; the
+IFUNC resolvers; the functions only the other calls run. Then the data the
+calls touch, in first-touch order, leaving out objects larger than a page:
+the small ones then share a few pages instead of each sitting between large
+ones.
+"""
+import bisect
+import re
+import subprocess
+import sys
+
+# Run by glibc's start-up when the kernel maps a vDSO, which valgrind does not.
+VDSO_SETUP = ["_dl_new_object", "_dl_add_to_namespace_list", "_dl_setup_hash",
+              "_dl_lookup_symbol_x", "do_lookup_x", "check_match"]
+STRING_VARIANT = re.compile(r"^(__[a-z0-9]+)_(sse2|sse4|ssse3|avx2|avx|evex|avx512)")
+# The sets a machine of today picks: AVX2, or EVEX and AVX-512 where it has
+# them, each with its RTM form for CPUs with transactional memory.
+PICKED = re.compile(r"_(avx2?|evex|avx512)(_unaligned(_erms)?|_no_vzeroupper|_movbe)?(_rtm)?$")
+TEXT_TYPES = set("tTiWw")
+DATA_TYPES = set("dDbBrRvVu")
+PAGE = 4096
+
+
+def symbols(tool):
+    """(address, size, type, name) of every symbol, by address. A symbol
+    without a size (crtbegin's, for one) reaches to the next one."""
+    out = subprocess.run(["nm", "-S", "-n", "--defined-only", tool], check=True,
+                         capture_output=True, text=True).stdout
+    rows = []
+    for line in out.splitlines():
+        fields = line.split()
+        if len(fields) == 4:
+            rows.append((int(fields[0], 16), int(fields[1], 16), fields[2], fields[3]))
+        elif len(fields) == 3:
+            rows.append((int(fields[0], 16), 0, fields[1], fields[2]))
+    rows.sort()
+    for i, (address, size, kind, name) in enumerate(rows):
+        if size == 0 and i + 1 < len(rows):
+            rows[i] = (address, rows[i + 1][0] - address, kind, name)
+    return [row for row in rows if row[1] > 0]
+
+
+def touched(trace, table, starts, entry):
+    """Text and data symbols the trace touches, each in first-touch order."""
+    code, data, base = {}, {}, None
+    with open(trace) as lines:
+        for line in lines:
+            kind = line[:2]
+            if kind not in ("I ", " L", " S", " M"):
+                continue
+            address = int(line[3:].split(",")[0], 16)
+            if base is None:
+                if kind != "I ":
+                    continue
+                base = address - entry  # the first instruction is _start
+            address -= base
+            at = bisect.bisect_right(starts, address) - 1
+            if at < 0 or address >= table[at][0] + table[at][1]:
+                continue
+            _, _, kind_of, name = table[at]
+            if kind == "I " and kind_of in TEXT_TYPES:
+                code.setdefault(name, None)
+            elif kind != "I " and kind_of in DATA_TYPES:
+                data.setdefault(table[at], None)
+    return list(code), list(data)
+
+
+def main(tool, traces):
+    table = symbols(tool)
+    starts = [row[0] for row in table]
+    names = {row[3] for row in table}
+    entry = next(row[0] for row in table if row[3] == "_start")
+    runs = [touched(trace, table, starts, entry) for trace in traces]
+
+    def variants_of(name):
+        base = STRING_VARIANT.match(name).group(1)
+        return sorted(n for n in names if STRING_VARIANT.match(n) and PICKED.search(n)
+                      and STRING_VARIANT.match(n).group(1) == base)
+
+    order = ["_start"]
+    order += [n for n in runs[0][0] if not STRING_VARIANT.match(n)]
+    order += [n for n in VDSO_SETUP if n in names]
+    for code, _ in runs:
+        for name in code:
+            if STRING_VARIANT.match(name):
+                order += variants_of(name)
+    order += sorted(row[3] for row in table if row[2] == "i" or row[3].endswith("_ifunc"))
+    for code, _ in runs[1:]:
+        order += code
+    for _, data in runs:
+        order += [row[3] for row in data if row[1] <= PAGE]
+    print("# Symbols one call touches, placed first by the static link (bench/hot_symbols.sh).")
+    print("\n".join(dict.fromkeys(order)))
+
+
+if __name__ == "__main__":
+    main(sys.argv[1], sys.argv[2:])
