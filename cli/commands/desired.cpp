@@ -7,6 +7,7 @@
 
 #include <new>
 #include <string>
+#include <type_traits>
 
 #include "cli/agent/session.h"
 #include "cli/agent/tenants.h"
@@ -127,11 +128,14 @@ void planned() {
 }  // namespace
 
 DesiredRun& desired_run() {
-    // Made at first use, so other commands do not pay for it; never freed:
-    // the run ends with exit(), and taking apart a plan of 10,000 services
-    // on the way out costs time for nothing.
-    static DesiredRun& record = *new DesiredRun;
-    return record;
+    // Made at first use, so other commands do not pay for it, in storage of
+    // its own: making it cannot fail, and it is never destroyed, since the
+    // run ends with exit() and taking apart a plan of 10,000 services on the
+    // way out costs time for nothing.
+    static_assert(std::is_nothrow_default_constructible_v<DesiredRun>);
+    alignas(DesiredRun) static unsigned char storage[sizeof(DesiredRun)];
+    static DesiredRun* const record = new (storage) DesiredRun;
+    return *record;
 }
 
 void arm_desired_timeout(int64_t seconds) {
