@@ -25,24 +25,26 @@ STRING_VARIANT = re.compile(r"^(__[a-z0-9]+)_(sse2|sse4|ssse3|avx2|avx|evex|avx5
 # The sets a machine of today picks: AVX2, or EVEX and AVX-512 where it has
 # them, each with its RTM form for CPUs with transactional memory.
 PICKED = re.compile(r"_(avx2?|evex|avx512)(_unaligned(_erms)?|_no_vzeroupper|_movbe)?(_rtm)?$")
-TEXT_TYPES = set("tTiWw")
-DATA_TYPES = set("dDbBrRvVu")
 PAGE = 4096
 
 
 def symbols(tool):
-    """(address, size, type, name) of every symbol, by address. A symbol
-    without a size (crtbegin's, for one) reaches to the next one."""
-    out = subprocess.run(["nm", "-S", "-n", "--defined-only", tool], check=True,
+    """(address, size, kind, name) of every function and object, by address,
+    kind "code" or "data". Thread-local ones are left out: their values are
+    offsets, not addresses. A symbol without a size (crtbegin's, for one)
+    reaches to the next one."""
+    out = subprocess.run(["readelf", "-sW", tool], check=True,
                          capture_output=True, text=True).stdout
+    entry = re.compile(r"^\s*\d+:\s+([0-9a-f]+)\s+(\S+)\s+(FUNC|OBJECT|<OS specific>: 10)\s"
+                       r"+\S+\s+\S+\s+(\d+)\s+(\S+)$")
     rows = []
     for line in out.splitlines():
-        fields = line.split()
-        if len(fields) == 4:
-            rows.append((int(fields[0], 16), int(fields[1], 16), fields[2], fields[3]))
-        elif len(fields) == 3:
-            rows.append((int(fields[0], 16), 0, fields[1], fields[2]))
-    rows.sort()
+        match = entry.match(line)
+        if match:
+            address, size, kind, _, name = match.groups()
+            rows.append((int(address, 16), int(size, 0), "data" if kind == "OBJECT" else "code",
+                         name))
+    rows = sorted(set(rows))
     for i, (address, size, kind, name) in enumerate(rows):
         if size == 0 and i + 1 < len(rows):
             rows[i] = (address, rows[i + 1][0] - address, kind, name)
@@ -67,9 +69,9 @@ def touched(trace, table, starts, entry):
             if at < 0 or address >= table[at][0] + table[at][1]:
                 continue
             _, _, kind_of, name = table[at]
-            if kind == "I " and kind_of in TEXT_TYPES:
+            if kind == "I " and kind_of == "code":
                 code.setdefault(name, None)
-            elif kind != "I " and kind_of in DATA_TYPES:
+            elif kind != "I " and kind_of == "data":
                 data.setdefault(table[at], None)
     return list(code), list(data)
 
@@ -93,7 +95,7 @@ def main(tool, traces):
         for name in code:
             if STRING_VARIANT.match(name):
                 order += variants_of(name)
-    order += sorted(row[3] for row in table if row[2] == "i" or row[3].endswith("_ifunc"))
+    order += sorted(row[3] for row in table if row[3].endswith("_ifunc"))
     for code, _ in runs[1:]:
         order += code
     for _, data in runs:
