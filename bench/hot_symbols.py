@@ -7,7 +7,7 @@ Each TRACE is `valgrind --tool=lackey --trace-mem=yes` of one call of TOOL,
 the first one the call that matters most. The order: the functions the first
 call runs, in the order it first runs them; the start-up functions that only
 run outside valgrind (it gives the process no vDSO); the string functions of
-every instruction set, side by side, since the machine picks one set; the
+every instruction set, grouped by set, since the machine picks one set; the
 IFUNC resolvers; the functions only the other calls run. Then the data the
 calls touch, in first-touch order, leaving out objects larger than a page:
 the small ones then share a few pages instead of each sitting between large
@@ -21,11 +21,18 @@ import sys
 # Run by glibc's start-up when the kernel maps a vDSO, which valgrind does not.
 VDSO_SETUP = ["_dl_new_object", "_dl_add_to_namespace_list", "_dl_setup_hash",
               "_dl_lookup_symbol_x", "do_lookup_x", "check_match"]
-STRING_VARIANT = re.compile(r"^(__[a-z0-9]+)_(sse2|sse4|ssse3|avx2|avx|evex|avx512)")
+STRING_VARIANT = re.compile(r"^(__[a-z0-9]+)_(sse2|sse4|ssse3|avx512|avx2|avx|evex)")
 # The sets a machine of today picks: AVX2, or EVEX and AVX-512 where it has
 # them, each with its RTM form for CPUs with transactional memory.
 PICKED = re.compile(r"_(avx2?|evex|avx512)(_unaligned(_erms)?|_no_vzeroupper|_movbe)?(_rtm)?$")
 PAGE = 4096
+
+
+def isa_rank(name):
+    """EVEX first (what most servers of today pick), then AVX2, then AVX-512:
+    on a given machine the forms it uses then lie together."""
+    set_name = STRING_VARIANT.match(name).group(2)
+    return {"evex": 0, "avx2": 1, "avx": 1}.get(set_name, 2)
 
 
 def symbols(tool):
@@ -91,10 +98,9 @@ def main(tool, traces):
     order = ["_start"]
     order += [n for n in runs[0][0] if not STRING_VARIANT.match(n)]
     order += [n for n in VDSO_SETUP if n in names]
-    for code, _ in runs:
-        for name in code:
-            if STRING_VARIANT.match(name):
-                order += variants_of(name)
+    variants = {v for code, _ in runs for name in code if STRING_VARIANT.match(name)
+                for v in variants_of(name)}
+    order += sorted(variants, key=lambda name: (isa_rank(name), name))
     order += sorted(row[3] for row in table if row[3].endswith("_ifunc"))
     for code, _ in runs[1:]:
         order += code
